@@ -1,0 +1,113 @@
+// Shared by the sources of the library, never installed: arithmetic that cannot overflow, records read out of
+// unaligned footers, and the steps that one source does for another.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "colvane/colvane.h"
+
+// Files are images of these records, so the host's byte order is the format's.
+static_assert(std::endian::native == std::endian::little);
+
+// The largest storage type (dec128).
+constexpr int CVN_STORAGE_MAX = 11;
+
+// The storage type of any type number, 0 to 65535.
+inline int cvn_storage(cvn_typ_t typ) { return typ & 0xffff; }
+
+// The chunk rules of the writer.
+constexpr int CVN_MAX_ROWGROUP_NBYTE = 33554432;  // value bytes after which a row group is cut
+constexpr int CVN_COLBUF_INITSZ = 1048576;        // first capacity of a column buffer
+constexpr int CVN_COLBUF_SLACK = 32;              // behind it, so that texts can be searched by blocks
+constexpr int CVN_MIN_COMPRESS_NBYTE = 4096;      // smaller chunks are stored as they are
+// The bytes of a cstr that statistics keep; a longer text is cut without a NUL.
+constexpr size_t CVN_STAT_TEXTSZ = 40;
+
+// Sizes of the footer's records, for walking by offset.
+constexpr int64_t CVN_SCHEMASZ = sizeof(schema_desc_t);
+constexpr int64_t CVN_COLDEFSZ = sizeof(cvn_coldef_t);
+constexpr int64_t CVN_COLSTATSZ = sizeof(colstat_t);
+constexpr int64_t CVN_COLMETASZ = sizeof(colmeta_t);
+
+// Bytes of a null bitmap of `nrow` rows, 0 <= nrow.
+inline int cvn_nmapsz(int nrow) { return nrow / 8 + (nrow % 8 != 0); }
+
+// Rounds up to a multiple of 8; `v` is at most INT64_MAX - 7.
+inline int64_t align8(int64_t v) { return (v + 7) & ~int64_t{7}; }
+
+// Sums and products of numbers from outside. Return false, and leave `*ret` alone, when the result does not
+// fit.
+[[nodiscard]] inline bool add_fits(int64_t* ret, int64_t a, int64_t b) {
+    int64_t sum;
+    if (__builtin_add_overflow(a, b, &sum)) return false;
+    *ret = sum;
+    return true;
+}
+[[nodiscard]] inline bool mul_fits(int64_t* ret, int64_t a, int64_t b) {
+    int64_t product;
+    if (__builtin_mul_overflow(a, b, &product)) return false;
+    *ret = product;
+    return true;
+}
+
+// Copies one record out of a footer, where it may lie at any address.
+template <typename T>
+inline void load_record(T* ret, const void* base, int64_t offset) {
+    memcpy(ret, static_cast<const char*>(base) + offset, sizeof(T));
+}
+
+// Returns the type that one of the 14 names stands for, or 0.
+cvn_typ_t cvn_str_typ(const char* str);
+
+// The order of statistics for one storage type, over images as they stand in chunks and in datums: whether
+// the value at `a` is strictly below the value at `b`. Of texts at most `textmax` bytes count. bytea has no
+// order: never below.
+bool cvn_value_below(int storage, const char* a, const char* b, size_t textmax);
+
+// Finds where the smallest and the largest of a column buffer's values that are not NULL lie, the first of
+// equal ones, as element index or, for cstr, as byte offset. Both are -1 when there is none, and for bytea.
+// `buf` has CVN_COLBUF_SLACK readable bytes behind its values.
+void cvn_find_minmax(int* ret_imin, int* ret_imax, int storage, const char* buf, int nrow, int nnull,
+                     const char* nmap);
+
+// A finite decimal64 taken apart: coeff * 10^exponent, |coeff| < 10^16. A negative zero is a zero.
+struct dec64_parts_t {
+    int64_t coeff;
+    int exponent;
+};
+
+// Takes the image of a decimal64 apart. False for infinities and NaNs.
+bool dec64_unpack(dec64_parts_t* ret, uint64_t bits);
+
+// Returns -1, 0 or 1, or DEC_CANNOT_COMPARE when the exponents are too far apart for integers.
+int dec64_compare_parts(const dec64_parts_t* a, const dec64_parts_t* b);
+constexpr int DEC_CANNOT_COMPARE = 2;
+
+// Write the decimal zero that stands for NULL, 8 or 16 bytes; it is not all zero bytes.
+void cvn_dec64_zero(void* image);
+void cvn_dec128_zero(void* image);
+
+// Reads exactly `nbyte` bytes at `offset`. Returns false on failure (errno says why) or at the end of the
+// file (errno 0). An interrupted read is tried again.
+[[nodiscard]] bool cvn_pread_full(int fd, void* buf, size_t nbyte, int64_t offset);
+
+// Decompresses one stored LZ4 block of `zbyte` bytes into exactly `nbyte` bytes at `dst`, with zbyte < nbyte.
+// Returns 0, -6 when the block does not come out so, or -2. Neither buffer is left, whatever the block holds.
+[[nodiscard]] int cvn_lz4_decode(char* dst, int32_t nbyte, const char* src, int32_t zbyte);
+
+// How far LZ4 can expand a block: more than this times its size never comes out.
+constexpr int CVN_LZ4_MAX_RATIO = 255;
+
+// Copies `path` into `buf` of at least strlen(path) + 1 bytes, with "//" turned into "/" and one trailing "/"
+// removed.
+void cvn_normalise_path(char* buf, const char* path);
+
+// Returns the number of the first column of that name, or -1.
+int cvn_scan_find_column(const cvn_scan_t* scan, const char* cname);
+
+// Applies all predicates to the file's statistics, or to those of one row group. 1, 0 or a negative code.
+int qualify_file(cvn_scan_t* scan);
+int qualify_rowgroup(cvn_scan_t* scan, int rg);

@@ -1,0 +1,672 @@
+// cvn_write: rows in, a file out.
+//
+// Every value is encoded once, into its column's buffer. When a row group is full its buffers become chunks:
+// values and bitmap are assembled, summarised, compressed if that pays, hashed and written. The records of
+// the row groups stay in memory for the footer that cvn_close writes.
+//
+// The hot path is cvn_append. What it needs of a column in every row (type, width) stands packed in the
+// writer, and the heads of the column buffers are spread over the cache: each buffer head lies in a large
+// block of its own, and without the spreading all of them would share one cache set.
+
+#include <lz4.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+#include "colvane/colvane.h"
+#include "colvane/colvane_int.h"
+
+namespace {
+
+constexpr int32_t CVN_VERSION = 1;
+constexpr int CVN_CACHE_LINE = 64;
+constexpr int CVN_SPREAD_LINES = 64;  // cache sets that buffer heads are spread over
+
+// What an append needs to know of a column.
+struct colinfo_t {
+    int32_t storage;
+    int32_t width;  // of a value; -1 and -2 as from cvn_typlen
+};
+
+// The handle that callers see, and what stays behind it.
+struct writer_t {
+    cvn_t pub;             // first: a cvn_t* is a writer_t*
+    colinfo_t* info;       // one per column; owned by the pool
+    int64_t* need;         // bytes that each value of the row under way takes
+    int64_t fixed_nbyte;   // bytes that the fixed-width values of a row take together
+    int64_t rowgroup_max;  // capacity of pub.rowgroup
+};
+
+writer_t* writer_of(cvn_t* sp) { return reinterpret_cast<writer_t*>(sp); }
+
+// Words of a column-definition string.
+struct wordlist_t {
+    char** word;  // owned, each owned
+    int nword;
+    int max;
+};
+
+}  // namespace
+
+// Column definitions.
+
+static void wordlist_free(wordlist_t* list) {
+    for (int i = 0; i < list->nword; i++) free(list->word[i]);
+    free(list->word);
+    *list = wordlist_t{};
+}
+
+static int splitstring_err(int code, wordlist_t* list) {
+    wordlist_free(list);
+    return code;
+}
+
+static int splitstring_add(wordlist_t* list, const char* s, size_t len) {
+    if (list->nword == list->max) {
+        const int max = list->max ? list->max * 2 : 16;
+        auto* bigger = static_cast<char**>(realloc(list->word, static_cast<size_t>(max) * sizeof(char*)));
+        if (!bigger) return -2;
+        list->word = bigger;
+        list->max = max;
+    }
+    auto* copy = static_cast<char*>(malloc(len + 1));
+    if (!copy) return -2;
+    memcpy(copy, s, len);
+    copy[len] = '\0';
+    list->word[list->nword++] = copy;
+    return 0;
+}
+
+// Cuts `s` into words; a comma is a word of its own, and so is what stands in double quotes.
+static int splitstring(wordlist_t* ret, const char* s) {
+    wordlist_t list{};
+    *ret = wordlist_t{};
+    while (*s) {
+        if (isspace(static_cast<unsigned char>(*s))) {
+            s++;
+            continue;
+        }
+        const char* start = s;
+        int rc;
+        if (*s == ',') {
+            rc = splitstring_add(&list, s++, 1);
+        } else if (*s == '"') {
+            const char* end = strchr(++s, '"');
+            if (!end) return splitstring_err(-6, &list);
+            rc = splitstring_add(&list, s, static_cast<size_t>(end - s));
+            s = end + 1;
+        } else {
+            while (*s && *s != ',' && !isspace(static_cast<unsigned char>(*s))) s++;
+            rc = splitstring_add(&list, start, static_cast<size_t>(s - start));
+        }
+        if (rc != 0) return splitstring_err(rc, &list);
+    }
+    *ret = list;
+    return 0;
+}
+
+static int cvn_coldef_parse_err(int code, wordlist_t* list, cvn_coldef_t* cdef) {
+    wordlist_free(list);
+    free(cdef);
+    return code;
+}
+
+int cvn_coldef_parse(cvn_coldef_t** ret_cdef, int* ret_ncdef, const char* defstr) {
+    wordlist_t list;
+    int rc = splitstring(&list, defstr);
+    if (rc != 0) return rc;
+    // Kept: a quoted comma parts definitions as well.
+    int ncdef = list.nword ? 1 : 0;
+    for (int i = 0; i < list.nword; i++) ncdef += strcmp(list.word[i], ",") == 0;
+    auto* cdef =
+        static_cast<cvn_coldef_t*>(calloc(ncdef ? static_cast<size_t>(ncdef) : 1, sizeof(cvn_coldef_t)));
+    if (!cdef) return cvn_coldef_parse_err(-2, &list, nullptr);
+    cvn_coldef_t* def = cdef;
+    int nword = 0;  // words that the current definition has
+    for (int i = 0; i < list.nword; i++) {
+        const char* word = list.word[i];
+        if (strcmp(word, ",") == 0) {
+            if (nword < 2) return cvn_coldef_parse_err(-6, &list, cdef);
+            def++;
+            nword = 0;
+            continue;
+        }
+        if (nword == 0) {
+            const size_t len = strlen(word);
+            if (len >= CVN_NAME_SZ) return cvn_coldef_parse_err(-6, &list, cdef);
+            memcpy(def->name, word, len + 1);
+        } else if (nword == 1) {
+            def->typ = cvn_str_typ(word);
+            if (def->typ == 0) return cvn_coldef_parse_err(-6, &list, cdef);
+        } else if (strcmp(word, "-z") == 0) {
+            def->zflag = 1;
+        } else if (strcmp(word, "-n") == 0) {
+            def->nflag = 1;
+        } else {
+            return cvn_coldef_parse_err(-6, &list, cdef);
+        }
+        nword++;
+    }
+    // Kept: the last definition may lack its type, or everything; declaring it is what fails.
+    wordlist_free(&list);
+    *ret_cdef = cdef;
+    *ret_ncdef = ncdef;
+    return 0;
+}
+
+// Output.
+
+// Writes `nb` bytes as one item. On failure the stream is closed, so that nothing more is tried on it.
+static int dowrite(cvn_t* sp, const void* ptr, size_t nb) {
+    if (!sp->fp) return -3;
+    if (nb == 0) return 0;
+    errno = 0;
+    if (fwrite(ptr, nb, 1, sp->fp) != 1) {
+        sp->os_errno = errno;
+        (void)fclose(sp->fp);  // the write failed already, and its errno is kept
+        sp->fp = nullptr;
+        return -3;
+    }
+    sp->fp_offset += static_cast<int64_t>(nb);
+    return 0;
+}
+
+static int write_padding(cvn_t* sp) {
+    static constexpr char ZERO[8] = {};
+    return dowrite(sp, ZERO, static_cast<size_t>(align8(sp->fp_offset) - sp->fp_offset));
+}
+
+// Column buffers.
+
+static int colbuf_init(colbuf_t* cp, mpool_t* pool) {
+    if (cp->bufmax < 0) return -1;
+    if (!cp->buf) {
+        cp->buf = static_cast<char*>(mpool_alloc(pool, CVN_COLBUF_INITSZ + CVN_COLBUF_SLACK));
+        if (!cp->buf) return -2;
+        cp->bufmax = CVN_COLBUF_INITSZ;
+    }
+    // Bits are only ever set below nrow, so this clears all of the bitmap.
+    memset(cp->nmap, 0, static_cast<size_t>(cvn_nmapsz(cp->nrow)));
+    cp->buftop = cp->nrow = cp->nnull = 0;
+    cp->imin = cp->imax = -1;
+    return 0;
+}
+
+// Writing row groups.
+
+// Takes the smallest and largest value of a column buffer into the chunk's record and merges them into the
+// file's.
+static int finalize_agg(cvn_t* sp, int cno, colmeta_t* meta) {
+    colbuf_t* cb = sp->colbuf[cno];
+    colstat_t* stat = &sp->colstat[cno];
+    const cvn_typ_t typ = sp->coldef[cno].typ;
+    const int storage = cvn_storage(typ);
+    const int width = cvn_typlen(typ);
+    if (width == 0) return -1;
+    stat->nnull += cb->nnull;
+    if (!sp->coldef[cno].nflag)
+        cvn_find_minmax(&cb->imin, &cb->imax, storage, cb->buf, cb->nrow, cb->nnull, cb->nmap);
+    if (cb->imin < 0) return 0;
+    // The records were zeroed, and so stay every byte that a value does not use.
+    if (storage == CVN_TYP_CSTR) {
+        const char* text[2] = {cb->buf + cb->imin, cb->buf + cb->imax};
+        memcpy(meta->minval.raw, text[0], strnlen(text[0], CVN_STAT_TEXTSZ));
+        memcpy(meta->maxval.raw, text[1], strnlen(text[1], CVN_STAT_TEXTSZ));
+    } else {
+        memcpy(&meta->minval, cb->buf + int64_t{cb->imin} * width, static_cast<size_t>(width));
+        memcpy(&meta->maxval, cb->buf + int64_t{cb->imax} * width, static_cast<size_t>(width));
+    }
+    meta->hasminmax = 1;
+    const bool seed = !stat->hasminmax;
+    if (seed || cvn_value_below(storage, meta->minval.raw, stat->minval.raw, CVN_STAT_TEXTSZ))
+        memcpy(&stat->minval, &meta->minval, sizeof(cvn_datum_t));
+    if (seed || cvn_value_below(storage, stat->maxval.raw, meta->maxval.raw, CVN_STAT_TEXTSZ))
+        memcpy(&stat->maxval, &meta->maxval, sizeof(cvn_datum_t));
+    stat->hasminmax = 1;
+    return 0;
+}
+
+// Makes a scratch buffer at least `nbyte` bytes; its contents are not kept.
+static int ensure_space(mpool_t* pool, char** buf, int* bufsz, int nbyte) {
+    if (*bufsz >= nbyte) return 0;
+    if (*buf) mpool_free(pool, *buf);
+    *bufsz = 0;
+    *buf = static_cast<char*>(mpool_alloc(pool, static_cast<size_t>(nbyte)));
+    if (!*buf) return -2;
+    *bufsz = nbyte;
+    return 0;
+}
+
+// Compresses the assembled chunk if that saves enough. Returns the stored size in `*ret_zbyte` and the stored
+// bytes in
+// `*ret_stored`: a fifth must be saved in columns declared with -z, half in all others.
+static int compress_chunk(cvn_t* sp, int nbyte, bool zflag, int* ret_zbyte, const char** ret_stored) {
+    *ret_zbyte = nbyte;
+    *ret_stored = sp->zbuf.src;
+    if (nbyte < CVN_MIN_COMPRESS_NBYTE) return 0;
+    const int64_t budget = align8(static_cast<int64_t>((zflag ? 0.8 : 0.5) * nbyte));
+    const int rc = ensure_space(sp->mpool, &sp->zbuf.dst, &sp->zbuf.dstsz, static_cast<int>(budget));
+    if (rc != 0) return rc;
+    const int zbyte = LZ4_compress_default(sp->zbuf.src, sp->zbuf.dst, nbyte, static_cast<int>(budget));
+    if (zbyte > 0) {
+        *ret_zbyte = zbyte;
+        *ret_stored = sp->zbuf.dst;
+    }
+    return 0;
+}
+
+static int flush_column(cvn_t* sp, int cno, colmeta_t* meta) {
+    colbuf_t* cb = sp->colbuf[cno];
+    const int n = cb->nrow;
+    if (n > CVN_MAX_ROWGROUP_NROW) return -1;
+    const int nmapsz = cvn_nmapsz(n);
+    meta->file_offset = sp->fp_offset;
+    meta->nrow = n;
+    meta->nmapoff = cb->buftop;
+    meta->nbyte =
+        cb->buftop + nmapsz;  // column buffers are never as large as INT_MAX - CVN_MAX_ROWGROUP_NROW
+    meta->nflag = static_cast<char>(sp->coldef[cno].nflag);
+    meta->nnull = cb->nnull;
+    int rc = finalize_agg(sp, cno, meta);
+    if (rc == 0) rc = ensure_space(sp->mpool, &sp->zbuf.src, &sp->zbuf.srcsz, meta->nbyte);
+    if (rc != 0) return rc;
+    memcpy(sp->zbuf.src, cb->buf, static_cast<size_t>(cb->buftop));
+    memcpy(sp->zbuf.src + cb->buftop, cb->nmap, static_cast<size_t>(nmapsz));
+    const char* stored;
+    rc = compress_chunk(sp, meta->nbyte, sp->coldef[cno].zflag, &meta->zbyte, &stored);
+    if (rc != 0) return rc;
+    if (meta->zbyte < 0 || meta->zbyte > meta->nbyte) return -1;
+    meta->zflag = stored == sp->zbuf.dst && sp->zbuf.dst;
+    const auto zbyte = static_cast<size_t>(meta->zbyte);
+    meta->hash = static_cast<int32_t>(XXH32(stored, zbyte, 0));
+    rc = dowrite(sp, stored, zbyte);
+    if (rc == 0) rc = colbuf_init(cb, sp->mpool);
+    if (rc == 0) rc = write_padding(sp);
+    return rc;
+}
+
+// Keeps the record of a written row group.
+static int keep_rowgroup(writer_t* w, rowgroup_t* rg) {
+    if (w->pub.nrowgroup == w->rowgroup_max) {
+        const int64_t max = w->rowgroup_max ? w->rowgroup_max * 2 : 8;
+        auto* bigger = static_cast<rowgroup_t**>(
+            mpool_realloc(w->pub.mpool, w->pub.rowgroup, static_cast<size_t>(max) * sizeof(rowgroup_t*)));
+        if (!bigger) return -2;
+        w->pub.rowgroup = bigger;
+        w->rowgroup_max = max;
+    }
+    w->pub.rowgroup[w->pub.nrowgroup++] = rg;
+    return 0;
+}
+
+static int64_t rowgroup_recordsz(int ncol) { return CVN_ROWGROUP_HEADSZ + CVN_COLMETASZ * ncol; }
+
+// Writes the row group under way, if it has rows.
+static int cv_flush(cvn_t* sp) {
+    if (sp->ncol < 1) return -6;
+    const int n = sp->colbuf[0]->nrow;
+    if (n == 0) return 0;
+    auto* rg =
+        static_cast<rowgroup_t*>(mpool_calloc(sp->mpool, static_cast<size_t>(rowgroup_recordsz(sp->ncol))));
+    if (!rg) return -2;
+    const int64_t start = sp->fp_offset;
+    if (start % 8 != 0) return -1;
+    rg->nrow = n;
+    rg->ncol = sp->ncol;
+    for (int c = 0; c < sp->ncol; c++) {
+        if (sp->colbuf[c]->nrow != n) return -1;
+        const int rc = flush_column(sp, c, &rg->colmeta[c]);
+        if (rc != 0) return rc;
+    }
+    const int64_t nbyte = sp->fp_offset - start;
+    if (nbyte > INT32_MAX) return -1;
+    rg->nbyte = static_cast<int32_t>(nbyte);
+    const int rc = keep_rowgroup(writer_of(sp), rg);
+    if (rc != 0) return rc;
+    sp->rgcur_nbyte = 0;
+    return 0;
+}
+
+// Creating.
+
+// The way out of a failed creation: what was opened is closed, and the file removed.
+static int reterr(int code, mpool_t* pool, FILE* fp, const char* fpath) {
+    const int saved = errno;
+    if (fp) (void)fclose(fp);  // nothing of worth was written
+    if (fpath) (void)remove(fpath);
+    if (pool) mpool_destroy(pool);
+    errno = saved;
+    return code;
+}
+
+static cvn_t* writer_new(mpool_t* pool, FILE* fp) {
+    auto* w = static_cast<writer_t*>(mpool_calloc(pool, sizeof(writer_t)));
+    if (!w) return nullptr;
+    w->pub.mpool = pool;
+    w->pub.fp = fp;
+    return &w->pub;
+}
+
+int cvn_create_stream(cvn_t** ret, FILE* fp) {
+    *ret = nullptr;
+    mpool_t* pool = mpool_create();
+    if (!pool) return -2;
+    cvn_t* sp = writer_new(pool, fp);
+    if (!sp) return reterr(-2, pool, nullptr, nullptr);
+    *ret = sp;
+    return 0;
+}
+
+int cvn_create(cvn_t** ret, const char* fpath) {
+    *ret = nullptr;
+    FILE* fp = fopen(fpath, "wbe");
+    if (!fp) return -3;
+    mpool_t* pool = mpool_create();
+    if (!pool) return reterr(-2, nullptr, fp, fpath);
+    cvn_t* sp = writer_new(pool, fp);
+    if (!sp) return reterr(-2, pool, fp, fpath);
+    sp->fpath = mpool_strdup(pool, fpath);
+    if (!sp->fpath) return reterr(-2, pool, fp, fpath);
+    if (dowrite(sp, CVN_HEAD_MAGIC, strlen(CVN_HEAD_MAGIC)) != 0) return reterr(-3, pool, sp->fp, fpath);
+    *ret = sp;
+    return 0;
+}
+
+// Lets the arrays that have one entry per column grow by one, zeroed.
+static int grow_columns(writer_t* w) {
+    cvn_t* sp = &w->pub;
+    const auto n = static_cast<size_t>(sp->ncol) + 1;
+    const auto grow = [sp, n](auto** array) {
+        auto* bigger = mpool_realloc(sp->mpool, *array, n * sizeof(**array));
+        if (!bigger) return false;
+        *array = static_cast<std::remove_reference_t<decltype(*array)>>(bigger);
+        memset(static_cast<void*>(*array + n - 1), 0, sizeof(**array));
+        return true;
+    };
+    return grow(&sp->coldef) && grow(&sp->colstat) && grow(&sp->colbuf) && grow(&w->info) && grow(&w->need)
+               ? 0
+               : -2;
+}
+
+static int create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag, bool nflag) {
+    const int width = cvn_typlen(typ);
+    if (width == 0) return -5;
+    if (sp->nrow != 0) return -6;
+    writer_t* w = writer_of(sp);
+    if (grow_columns(w) != 0) return -2;
+    const size_t len = strlen(name);
+    if (len >= CVN_NAME_SZ) return -6;
+    cvn_coldef_t* def = &sp->coldef[sp->ncol];
+    memcpy(def->name, name, len);
+    def->typ = typ;
+    def->zflag = zflag;
+    def->nflag = nflag;
+    // Blocks of this size start at the same offset of a page, so the heads are moved apart by hand.
+    const size_t spread = static_cast<size_t>(sp->ncol % CVN_SPREAD_LINES) * CVN_CACHE_LINE;
+    auto* block = static_cast<char*>(mpool_calloc(sp->mpool, sizeof(colbuf_t) + spread));
+    if (!block) return -2;
+    auto* cb = reinterpret_cast<colbuf_t*>(block + spread);
+    const int rc = colbuf_init(cb, sp->mpool);
+    if (rc != 0) return rc;
+    sp->colbuf[sp->ncol] = cb;
+    w->info[sp->ncol] = colinfo_t{.storage = cvn_storage(typ), .width = width};
+    if (width > 0) w->fixed_nbyte += width;
+    sp->ncol++;
+    return 0;
+}
+
+int cvn_create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag, bool nflag) {
+    const int rc = create_column(sp, name, typ, zflag, nflag);
+    if (rc != 0) mpool_destroy(sp->mpool);  // Kept: the stream stays open and the file where it is
+    return rc;
+}
+
+// Appending.
+
+// Marks the output for discarding.
+static int cv_reterr(int code, cvn_t* sp) {
+    sp->drop_file = 1;
+    return code;
+}
+
+// Enlarges a column buffer that holds values. Returns false when that was not to be had; the buffer is then
+// as it was.
+static bool colbuf_expand(colbuf_t* cb, mpool_t* pool, int64_t need) {
+    const double wanted = static_cast<double>(need + cb->bufmax) * 1.2;
+    if (wanted > INT_MAX - CVN_MAX_ROWGROUP_NROW) return false;
+    const int64_t bufmax = align8(static_cast<int64_t>(wanted));
+    if (cb->buftop == 0 || bufmax <= cb->bufmax) return false;
+    auto* bigger =
+        static_cast<char*>(mpool_realloc(pool, cb->buf, static_cast<size_t>(bufmax) + CVN_COLBUF_SLACK));
+    if (!bigger) return false;
+    cb->buf = bigger;
+    cb->bufmax = static_cast<int>(bufmax);
+    return true;
+}
+
+// Replaces the buffer of an empty column by one of at least `need` bytes.
+static int colbuf_free_and_resize(colbuf_t* cb, mpool_t* pool, int64_t need) {
+    if (need > INT_MAX - CVN_MAX_ROWGROUP_NROW) return -2;
+    mpool_free(pool, cb->buf);
+    cb->bufmax = 0;
+    cb->buf = static_cast<char*>(mpool_alloc(pool, static_cast<size_t>(align8(need)) + CVN_COLBUF_SLACK));
+    if (!cb->buf) return -2;
+    cb->bufmax = static_cast<int>(align8(need));
+    return 0;
+}
+
+// Makes room for `need` more bytes in a column buffer that lacks it, writing the row group out if nothing
+// else helps. Sets drop_file on failure, except for the inconsistencies that cannot be.
+static int make_room(cvn_t* sp, colbuf_t* cb, int64_t need) {
+    if (colbuf_expand(cb, sp->mpool, need)) return cb->bufmax - cb->buftop >= need ? 0 : -1;
+    if (cb->buftop != 0) {
+        const int rc = cv_flush(sp);
+        if (rc != 0) return cv_reterr(rc, sp);
+        if (cb->buftop != 0) return -1;
+    }
+    if (need > cb->bufmax) {
+        const int rc = colbuf_free_and_resize(cb, sp->mpool, need);
+        if (rc != 0) return cv_reterr(rc, sp);
+    }
+    return 0;
+}
+
+// The bytes that each value of the row takes, into w->need. -6 for a negative length.
+static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull, int64_t* ret_total) {
+    int64_t total = w->fixed_nbyte;
+    const int ncol = w->pub.ncol;
+    for (int c = 0; c < ncol; c++) {
+        int64_t need = w->info[c].width;
+        if (need < 0) {
+            if (w->info[c].storage == CVN_TYP_CSTR)
+                need = isnull[c] ? 1 : static_cast<int64_t>(strlen(datum[c].t)) + 1;
+            else if (isnull[c])
+                need = 4;
+            else if (datum[c].a.len < 0)
+                return -6;
+            else
+                need = int64_t{datum[c].a.len} + 4;
+            total += need;
+        }
+        w->need[c] = need;
+    }
+    *ret_total = total;
+    return 0;
+}
+
+// Reserves the row value by value, cutting the row group before the first one that does not fit in.
+static int reserve_slowly(writer_t* w) {
+    cvn_t* sp = &w->pub;
+    for (int c = 0; c < sp->ncol; c++) {
+        const int64_t need = w->need[c];
+        const int64_t sum = sp->rgcur_nbyte + need;
+        sp->rgcur_nbyte = static_cast<int>(std::min<int64_t>(sum, INT_MAX));
+        if (sum > CVN_MAX_ROWGROUP_NBYTE) {
+            // Kept: writing a row group sets the count to 0, so what this row had reserved so far is
+            // forgotten, this value included; and without rows to write the count stays, so the next row
+            // cuts.
+            const int rc = cv_flush(sp);
+            if (rc != 0) return cv_reterr(rc, sp);
+        }
+        colbuf_t* cb = sp->colbuf[c];
+        if (cb->bufmax - cb->buftop < need) {
+            const int rc = make_room(sp, cb, need);
+            if (rc != 0) return rc;
+        }
+    }
+    return 0;
+}
+
+// Whether the whole row fits in without a cut and without a larger buffer.
+static bool fits_at_once(const writer_t* w, int64_t total) {
+    const cvn_t* sp = &w->pub;
+    if (sp->rgcur_nbyte + total > CVN_MAX_ROWGROUP_NBYTE) return false;
+    for (int c = 0; c < sp->ncol; c++)
+        if (sp->colbuf[c]->bufmax - sp->colbuf[c]->buftop < w->need[c]) return false;
+    return true;
+}
+
+// The bytes of a NULL: zeros, or the decimal zero.
+static void encode_null(char* p, const colinfo_t& info) {
+    switch (info.storage) {
+        case CVN_TYP_DEC64: cvn_dec64_zero(p); break;
+        case CVN_TYP_DEC128: cvn_dec128_zero(p); break;
+        case CVN_TYP_BYTEA: memset(p, 0, 4); break;
+        case CVN_TYP_CSTR: *p = '\0'; break;
+        default: memset(p, 0, static_cast<size_t>(info.width)); break;
+    }
+}
+
+// The bytes of a value, `need` in all.
+static inline void encode_value(char* p, const colinfo_t& info, const cvn_datum_t* datum, int64_t need) {
+    switch (info.storage) {
+        case CVN_TYP_BOOL: {
+            uint8_t image;
+            memcpy(&image, datum, 1);
+            *p = image != 0;
+            break;
+        }
+        case CVN_TYP_INT16: memcpy(p, datum, 2); break;
+        case CVN_TYP_INT32:
+        case CVN_TYP_FLOAT: memcpy(p, datum, 4); break;
+        case CVN_TYP_INT64:
+        case CVN_TYP_DOUBLE:
+        case CVN_TYP_DEC64: memcpy(p, datum, 8); break;
+        case CVN_TYP_INT128:
+        case CVN_TYP_DEC128: memcpy(p, datum, 16); break;
+        case CVN_TYP_CSTR: memcpy(p, datum->t, static_cast<size_t>(need)); break;
+        default:  // bytea
+            memcpy(p, &datum->a.len, 4);
+            if (need > 4) memcpy(p + 4, datum->a.ptr, static_cast<size_t>(need - 4));
+            break;
+    }
+}
+
+static void add_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull) {
+    cvn_t* sp = &w->pub;
+    const int ncol = sp->ncol;
+    for (int c = 0; c < ncol; c++) {
+        colbuf_t* cb = sp->colbuf[c];
+        char* p = cb->buf + cb->buftop;
+        cb->buftop += static_cast<int>(w->need[c]);
+        const int row = cb->nrow++;
+        if (isnull[c]) {
+            encode_null(p, w->info[c]);
+            cb->nmap[row >> 3] = static_cast<char>(cb->nmap[row >> 3] | 0x80 >> (row & 7));
+            cb->nnull++;
+        } else {
+            encode_value(p, w->info[c], &datum[c], w->need[c]);
+        }
+    }
+    sp->nrow++;
+}
+
+int cvn_append(cvn_t* sp, int ndatum, const cvn_datum_t* datum, const bool* isnull) {
+    if (ndatum != sp->ncol || sp->drop_file) return cv_reterr(-6, sp);
+    writer_t* w = writer_of(sp);
+    if (ndatum > 0 && sp->colbuf[0]->nrow >= CVN_MAX_ROWGROUP_NROW) {
+        const int rc = cv_flush(sp);
+        if (rc != 0) return cv_reterr(rc, sp);
+    }
+    int64_t total;
+    int rc = measure_row(w, datum, isnull, &total);
+    if (rc != 0) return cv_reterr(rc, sp);
+    if (fits_at_once(w, total)) {
+        sp->rgcur_nbyte += static_cast<int>(total);
+    } else {
+        rc = reserve_slowly(w);
+        if (rc != 0) return rc;
+    }
+    add_row(w, datum, isnull);
+    return 0;
+}
+
+// Closing.
+
+// Lays the footer down in `buf`, if there is one, and returns its size.
+static int64_t make_footer(cvn_t* sp, char* buf) {
+    const schema_desc_t schema{
+        .version = CVN_VERSION,
+        .ncol = sp->ncol,
+        .nrow = sp->nrow,
+        .nrowgroup = sp->nrowgroup,
+        .coldefsz = static_cast<int32_t>(CVN_COLDEFSZ * sp->ncol),
+        .colstatsz = static_cast<int32_t>(CVN_COLSTATSZ * sp->ncol),
+        .rowgroupsz = sp->nrowgroup * rowgroup_recordsz(sp->ncol),
+    };
+    int64_t at = 0;
+    const auto put = [buf, &at](const void* ptr, int64_t nb) {
+        if (buf) memcpy(buf + at, ptr, static_cast<size_t>(nb));
+        at += nb;
+    };
+    put(&schema, CVN_SCHEMASZ);
+    put(sp->coldef, schema.coldefsz);
+    put(sp->colstat, schema.colstatsz);
+    for (int64_t r = 0; r < sp->nrowgroup; r++) put(sp->rowgroup[r], rowgroup_recordsz(sp->ncol));
+    return at;
+}
+
+static int dofooter(cvn_t* sp) {
+    const int64_t footersz = make_footer(sp, nullptr);
+    auto* buf = static_cast<char*>(mpool_calloc(sp->mpool, static_cast<size_t>(footersz)));
+    if (!buf) return -2;
+    (void)make_footer(sp, buf);  // the same size
+    const uint32_t hash = XXH32(buf, static_cast<size_t>(footersz), 0);
+    int rc = dowrite(sp, buf, static_cast<size_t>(footersz));
+    if (rc == 0) rc = dowrite(sp, &footersz, sizeof(footersz));
+    if (rc == 0) rc = dowrite(sp, &hash, sizeof(hash));
+    if (rc == 0) rc = dowrite(sp, CVN_TAIL_MAGIC, strlen(CVN_TAIL_MAGIC));
+    return rc;
+}
+
+int cvn_close(cvn_t* sp) {
+    int rc = 0;
+    if (!sp->drop_file) {
+        if (sp->ncol < 1) {
+            rc = cv_reterr(-6, sp);
+        } else {
+            rc = cv_flush(sp);
+            if (rc == 0 && sp->fpath) rc = dofooter(sp);
+        }
+    }
+    if (sp->fp) {
+        // The last bytes reach the system only here, so a full disk may show here first.
+        errno = 0;
+        if (fclose(sp->fp) != 0 && !sp->drop_file && rc == 0) {
+            sp->os_errno = errno;
+            rc = -3;
+        }
+    }
+    if (sp->drop_file && sp->fpath) (void)remove(sp->fpath);
+    const int saved = sp->os_errno;
+    mpool_destroy(sp->mpool);
+    if (rc == -3) errno = saved;
+    return rc;
+}
