@@ -462,6 +462,13 @@ int cvn_scan_next(cvn_scan_t* scan, int* ret_ncol, cvn_page_t*** ret_page, bool 
  * sizes differ, -2. */
 int cvn_scan_rowgroup(cvn_scan_t* scan, int64_t rg, int* ret_ncol, cvn_page_t*** ret_page, bool uncompress);
 
+/* The two halves of cvn_scan_next for callers that pass pages on one by one, and need memory for the largest
+ * only. The first stores the number of the next qualifying row group; its pages are not read, but they are
+ * known to lie in the file. Codes as cvn_scan_next. The second reads the page of the k-th required column
+ * (counted from 0) of a row group; it lives until the next read. Codes as cvn_scan_rowgroup. */
+int cvn_scan_next_rowgroup(cvn_scan_t* scan, int64_t* ret_rg);
+int cvn_scan_page(cvn_scan_t* scan, int64_t rg, int k, cvn_page_t** ret_page, bool uncompress);
+
 /* Closes the scan and frees all that it handed out. Returns 0. */
 int cvn_scan_close(cvn_scan_t* scan);
 

@@ -370,19 +370,19 @@ struct plan_t {
     int64_t scratchsz;  // stored bytes of the largest compressed one
 };
 
-// Goes through the pages before any memory is taken for them: every number must be borne out by the file. A
-// page that is not ends the plan, after those before it, so that the first trouble in column order is the one
-// reported.
-static plan_t plan_rowgroup(cvn_scan_t* scan, int64_t rg, bool uncompress) {
+// Goes through the pages of the required columns [first, end) before any memory is taken for them: every
+// number must be borne out by the file. A page that is not ends the plan, after those before it, so that the
+// first trouble in column order is the one reported.
+static plan_t plan_pages(cvn_scan_t* scan, int64_t rg, int first, int end, bool uncompress) {
     plan_t plan{.slabsz = 8};
     struct stat st;
     int64_t stored = 0;
-    for (int k = 0; k < scan->nreqcol; k++) {
+    for (int k = first; k < end; k++) {
         const int c = scan->reqcol[k];
         colmeta_t m;
         load_colmeta(&m, scan, rg, c);
         if (scan->split_mode && (plan.code = open_split_column(scan, c)) != 0) return plan;
-        if ((k == 0 || scan->split_mode) && fstat(column_fd(scan, c), &st) != 0) {
+        if ((k == first || scan->split_mode) && fstat(column_fd(scan, c), &st) != 0) {
             plan.code = -3;
             return plan;
         }
@@ -442,38 +442,53 @@ static int read_page(scan_t* scan, cvn_page_t* page, const colmeta_t* m, int fd,
     return rc;
 }
 
-int cvn_scan_rowgroup(cvn_scan_t* scan, int64_t rg, int* ret_ncol, cvn_page_t*** ret_page, bool uncompress) {
-    *ret_ncol = 0;
-    *ret_page = nullptr;
-    if (!has_rowgroup(scan, rg)) return -6;
-    const plan_t plan = plan_rowgroup(scan, rg, uncompress);
+// Reads the pages of the required columns [first, end) into scan->page[first...].
+static int read_pages(cvn_scan_t* scan, int64_t rg, int first, int end, bool uncompress) {
+    const plan_t plan = plan_pages(scan, rg, first, end, uncompress);
     scan_t* s = scan_of(scan);
     int rc = make_slab(s, &plan);
     if (rc != 0) return rc;
     char* slot = s->slab + 8;
-    for (int k = 0; k < plan.npage; k++) {
+    for (int k = first; k < first + plan.npage; k++) {
         const int c = scan->reqcol[k];
         colmeta_t m;
         load_colmeta(&m, scan, rg, c);
         auto* page = reinterpret_cast<cvn_page_t*>(slot);
-        *page = cvn_page_t{.magic = CVN_PAGE_MAGIC,
-                           .cno = c,
-                           .typ = scan->coldef[c].typ,
-                           .nrow = m.nrow,
-                           .nnull = m.nnull,
-                           .nmapoff = m.nmapoff,
-                           .nbyte = m.nbyte,
-                           .zbyte = m.zbyte,
-                           .hash = m.hash};
+        const cvn_page_t head{.magic = CVN_PAGE_MAGIC,
+                              .cno = c,
+                              .typ = scan->coldef[c].typ,
+                              .nrow = m.nrow,
+                              .nnull = m.nnull,
+                              .nmapoff = m.nmapoff,
+                              .nbyte = m.nbyte,
+                              .zbyte = m.zbyte,
+                              .hash = m.hash};
+        memcpy(page, &head, CVN_PAGE_HEADSZ);
         scan->page[k] = page;
         rc = read_page(s, page, &m, column_fd(scan, c), uncompress);
         if (rc != 0) return rc;
         slot += slot_size(body_size(&m, uncompress));
     }
-    if (plan.code != 0) return plan.code;
+    return plan.code;
+}
+
+int cvn_scan_rowgroup(cvn_scan_t* scan, int64_t rg, int* ret_ncol, cvn_page_t*** ret_page, bool uncompress) {
+    *ret_ncol = 0;
+    *ret_page = nullptr;
+    if (!has_rowgroup(scan, rg)) return -6;
+    const int rc = read_pages(scan, rg, 0, scan->nreqcol, uncompress);
+    if (rc != 0) return rc;
     *ret_ncol = scan->nreqcol;
     *ret_page = scan->page;
     return 0;
+}
+
+int cvn_scan_page(cvn_scan_t* scan, int64_t rg, int k, cvn_page_t** ret_page, bool uncompress) {
+    *ret_page = nullptr;
+    if (!has_rowgroup(scan, rg) || k < 0 || k >= scan->nreqcol) return -6;
+    const int rc = read_pages(scan, rg, k, k + 1, uncompress);
+    if (rc == 0) *ret_page = scan->page[k];
+    return rc;
 }
 
 // Scanning.
@@ -509,9 +524,8 @@ static void read_ahead(cvn_scan_t* scan) {
     }
 }
 
-int cvn_scan_next(cvn_scan_t* scan, int* ret_ncol, cvn_page_t*** ret_page, bool uncompress) {
-    *ret_ncol = 0;
-    *ret_page = nullptr;
+// Advances to the next row group that qualifies.
+static int advance(cvn_scan_t* scan, int* ret_rg) {
     if (!scan->started) {
         if (scan->disqualify_file) return -4;
         int rc = qualify_file(scan);
@@ -521,9 +535,27 @@ int cvn_scan_next(cvn_scan_t* scan, int* ret_ncol, cvn_page_t*** ret_page, bool 
         if (rc != 0) return rc;
     }
     if (scan->qualify_cur >= scan->qualify_top) return -4;
-    const int rg = scan->qualify_index[scan->qualify_cur++];
-    const int rc = cvn_scan_rowgroup(scan, rg, ret_ncol, ret_page, uncompress);
+    *ret_rg = scan->qualify_index[scan->qualify_cur++];
+    return 0;
+}
+
+int cvn_scan_next(cvn_scan_t* scan, int* ret_ncol, cvn_page_t*** ret_page, bool uncompress) {
+    *ret_ncol = 0;
+    *ret_page = nullptr;
+    int rg;
+    int rc = advance(scan, &rg);
+    if (rc == 0) rc = cvn_scan_rowgroup(scan, rg, ret_ncol, ret_page, uncompress);
+    if (rc == 0) read_ahead(scan);
+    return rc;
+}
+
+int cvn_scan_next_rowgroup(cvn_scan_t* scan, int64_t* ret_rg) {
+    *ret_rg = -1;
+    int rg;
+    int rc = advance(scan, &rg);
+    if (rc == 0) rc = plan_pages(scan, rg, 0, scan->nreqcol, false).code;
     if (rc != 0) return rc;
+    *ret_rg = rg;
     read_ahead(scan);
     return 0;
 }

@@ -589,9 +589,9 @@ static void add_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull) {
 }
 
 int cvn_append(cvn_t* sp, int ndatum, const cvn_datum_t* datum, const bool* isnull) {
-    if (ndatum != sp->ncol || sp->drop_file) return cv_reterr(-6, sp);
+    if (ndatum != sp->ncol || ndatum < 1 || sp->drop_file) return cv_reterr(-6, sp);
     writer_t* w = writer_of(sp);
-    if (ndatum > 0 && sp->colbuf[0]->nrow >= CVN_MAX_ROWGROUP_NROW) {
+    if (sp->colbuf[0]->nrow >= CVN_MAX_ROWGROUP_NROW) {
         const int rc = cv_flush(sp);
         if (rc != 0) return cv_reterr(rc, sp);
     }
