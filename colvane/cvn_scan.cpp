@@ -95,11 +95,10 @@ void cvn_normalise_path(char* buf, const char* path) {
 
 // Tells the kernel that a large block will be used whole, so that it is faulted in by large pages.
 static void advise_large(char* block, int64_t nbyte) {
-    if (nbyte < 2 * CVN_HUGE_PAGE) return;
-    const auto start =
-        (reinterpret_cast<uintptr_t>(block) + CVN_HUGE_PAGE - 1) & ~uintptr_t{CVN_HUGE_PAGE - 1};
-    const auto end =
-        (reinterpret_cast<uintptr_t>(block) + static_cast<uintptr_t>(nbyte)) & ~uintptr_t{CVN_HUGE_PAGE - 1};
+    constexpr uintptr_t MASK = ~uintptr_t{CVN_HUGE_PAGE - 1};
+    const uintptr_t start = (reinterpret_cast<uintptr_t>(block) + CVN_HUGE_PAGE - 1) & MASK;
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + static_cast<uintptr_t>(nbyte)) & MASK;
+    if (end <= start) return;
     const int saved = errno;
     (void)madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);  // a hint
     errno = saved;
