@@ -1,0 +1,130 @@
+// An upload is written beside its final name, proved, flushed to disk and renamed into place: readers, and
+// whoever looks after a crash, see the old file or the complete new one.
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "colvane/colvane.h"
+#include "handlers/handlers.h"
+#include "server/kelpd.h"
+#include "store/util.h"
+
+constexpr int PUT_READSZ = 8192;
+
+static const char* do_put_err(const char* err, char* path, char* tmppath, tblpath_t* tblpath, FILE* fp) {
+    if (fp) fclose(fp);
+    free(path);
+    if (tmppath) unlink(tmppath);
+    free(tmppath);
+    tblpath_free(tblpath);
+    return err;
+}
+
+// Opens the temporary file, readable by the daemon alone. Unbuffered: every write reaches the file, or fails,
+// at once.
+static FILE* open_tmp(const char* tmppath) {
+    const mode_t old = umask(077);
+    FILE* fp = fopen(tmppath, "wb");
+    umask(old);
+    if (fp) setbuf(fp, nullptr);
+    return fp;
+}
+
+// Makes the directories above the file. Most exist; what cannot be made shows when the file is opened.
+static void descend_mkdir(tblpath_t* t) {
+    tblpath_t part = {};
+    char** const from[3] = {&t->database, &t->schema, &t->entity};
+    char** const to[3] = {&part.database, &part.schema, &part.entity};
+    for (int i = 0; i < 3; i++) {
+        *to[i] = *from[i];  // borrowed
+        char* path = tblpath_join(&part);
+        if (path) (void)mkdir(path, 0700);
+        free(path);
+    }
+}
+
+// Flushes the directory that holds `path`, and those above it up to base/ when `nlevel` says that they may be
+// new. A failure changes nothing: the upload is in place.
+static void sync_dir(const char* path, int nlevel) {
+    char* dir = strdup(path);
+    if (!dir) return;
+    for (char* slash; nlevel > 0 && (slash = strrchr(dir, '/')); nlevel--) {
+        *slash = '\0';
+        const int fd = open(dir, O_RDONLY | O_DIRECTORY);
+        if (fd < 0) continue;
+        (void)fsync(fd);
+        close(fd);
+    }
+    free(dir);
+}
+
+// Copies the body, first what came with the head, then what the socket still gives.
+static const char* copy_body(htrequest_t* req, FILE* fp) {
+    int64_t remain = req->contentlength;
+    if (req->bodysz > 0) {
+        if (req->contentlength < req->bodysz) req->bodysz = static_cast<int>(req->contentlength);
+        // Kept: a length of 0 with bytes behind the head writes no item, which is an error.
+        if (fwrite(req->body, static_cast<size_t>(req->bodysz), 1, fp) != 1) return STATUS_ERROR;
+        remain -= req->bodysz;
+    }
+    while (remain > 0) {
+        char buf[PUT_READSZ];
+        const ssize_t n = read(req->fd, buf, sizeof(buf));
+        if (n <= 0) return STATUS_BAD;
+        const size_t len = remain < n ? static_cast<size_t>(remain) : static_cast<size_t>(n);
+        if (fwrite(buf, len, 1, fp) != 1) return STATUS_ERROR;
+        remain -= static_cast<int64_t>(len);
+    }
+    return nullptr;
+}
+
+// Whether the file opens as a data file; that is all that an upload is checked for.
+static bool check_cvn(const char* path) {
+    cvn_scan_t* scan = nullptr;
+    if (cvn_scan_open(&scan, path) != 0) return false;
+    cvn_scan_close(scan);
+    return true;
+}
+
+const char* do_put(htrequest_t* req, htreply_t* reply) {
+    tblpath_t* tblpath = nullptr;
+    char *path = nullptr, *tmppath = nullptr;
+    FILE* fp = nullptr;
+    if (const char* err = tblpath_parse(&tblpath, req->url))
+        return do_put_err(err, path, tmppath, tblpath, fp);
+    if (!tblpath->partition) return do_put_err(nullptr, path, tmppath, tblpath, fp);  // Kept: no reply at all
+    path = tblpath_join(tblpath);
+    if (!path) return do_put_err(STATUS_NOMEM, path, tmppath, tblpath, fp);
+    if (req->contentlength < 0) return do_put_err(STATUS_NO_CONTENT, path, tmppath, tblpath, fp);
+    if (asprintf(&tmppath, "%s.%ld.tmp", path, static_cast<long>(time(nullptr))) < 0) {
+        tmppath = nullptr;
+        return do_put_err(STATUS_NOMEM, path, tmppath, tblpath, fp);
+    }
+    int nlevel = 1;
+    fp = open_tmp(tmppath);
+    if (!fp) {
+        descend_mkdir(tblpath);
+        nlevel = 4;
+        fp = open_tmp(tmppath);
+    }
+    if (!fp) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
+    if (const char* err = copy_body(req, fp)) return do_put_err(err, path, tmppath, tblpath, fp);
+    // The bytes are on disk before the name is, so that no crash leaves a name without them.
+    if (fflush(fp) != 0 || fdatasync(fileno(fp)) != 0)
+        return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
+    const bool closed = fclose(fp) == 0;
+    fp = nullptr;
+    if (!closed) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
+    if ((file_is_cvn(path) || file_is_cvn_mismatch(path)) && !check_cvn(tmppath))
+        return do_put_err(STATUS_BAD, path, tmppath, tblpath, fp);
+    if (rename(tmppath, path) == -1) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
+    sync_dir(path, nlevel);
+    (void)htreply_status(reply, "200 OK", nullptr, nullptr, nullptr, nullptr);  // stored, whoever hears of it
+    free(tmppath);  // renamed: there is nothing to unlink
+    tmppath = nullptr;
+    return do_put_err(nullptr, path, tmppath, tblpath, fp);
+}

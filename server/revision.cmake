@@ -1,0 +1,20 @@
+# Writes OUTPUT, the header with the revision of SOURCE and the build date, unless it holds this revision already.
+set(revision unknown)
+find_program(GIT git)
+if(GIT AND EXISTS ${SOURCE}/.git)
+  execute_process(COMMAND ${GIT} -C ${SOURCE} rev-parse --short=12 HEAD
+                  OUTPUT_VARIABLE found RESULT_VARIABLE failed ERROR_QUIET OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT failed AND found MATCHES "^[0-9a-f]+$")
+    set(revision ${found})
+  endif()
+endif()
+set(line "#define KELPD_REVISION \"${revision}\"\n")
+set(old "")
+if(EXISTS ${OUTPUT})
+  file(READ ${OUTPUT} old)
+endif()
+string(FIND "${old}" "${line}" at)
+if(at EQUAL -1)
+  string(TIMESTAMP date "%Y-%m-%d" UTC)  # honours SOURCE_DATE_EPOCH
+  file(WRITE ${OUTPUT} "${line}#define KELPD_BUILD_DATE \"${date}\"\n")
+endif()

@@ -1,0 +1,50 @@
+// Existence, creation and listing of directories.
+#include "store/dir.h"
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+bool dir_exists(const char* path) {
+    DIR* d = opendir(path);
+    if (!d) return false;
+    closedir(d);
+    return true;
+}
+
+bool dir_create(const char* path, int mode) { return mkdir(path, static_cast<mode_t>(mode)) != -1; }
+
+static const char* dir_list_err(const char* err, DIR* d, dir_item_t* list) {
+    if (d) closedir(d);
+    dir_free(list);
+    return err;
+}
+
+const char* dir_list(dir_item_t** ret_list, const char* path) {
+    *ret_list = nullptr;
+    dir_item_t* list = nullptr;
+    dir_item_t** tail = &list;
+    DIR* d = opendir(path);
+    if (!d) return dir_list_err("404 Not Found", d, list);
+    while (const struct dirent* entry = readdir(d)) {
+        dir_item_t* item = static_cast<dir_item_t*>(calloc(1, sizeof(*item)));
+        if (!item) return dir_list_err("500 Internal Server Error - out of memory", d, list);
+        *tail = item;
+        tail = &item->next;
+        item->name = strdup(entry->d_name);
+        if (!item->name) return dir_list_err("500 Internal Server Error - out of memory", d, list);
+    }
+    closedir(d);
+    *ret_list = list;
+    return nullptr;
+}
+
+void dir_free(dir_item_t* lst) {
+    while (lst) {
+        dir_item_t* next = lst->next;
+        free(lst->name);
+        free(lst);
+        lst = next;
+    }
+}
