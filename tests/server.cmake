@@ -1,0 +1,11 @@
+# The daemon: one program per source, handlers included, over socket pairs and temporary data directories.
+foreach(name conf hturl htreq htreply util dir dir2 kelpd_shared
+             do_get do_put do_delete do_post_parse do_post do_scan do_command)
+  kelpd_unit(${name} kelpd_core)
+endforeach()
+
+# Faults: the linker routes these calls of the code under test to the test program.
+kelpd_unit(server_fault kelpd_core)
+foreach(call malloc calloc realloc strdup strndup asprintf fdatasync fsync rename)
+  target_link_options(unit_server_fault PRIVATE -Wl,--wrap=${call})
+endforeach()

@@ -1,0 +1,139 @@
+#include <time.h>
+
+#include "tests/server_support.h"
+
+namespace {
+using namespace server_support;
+
+// Runs `use` on a fresh reply and returns what the client received, the date masked.
+std::string sent(const std::function<void(htreply_t*)>& use) {
+    client_t client("");
+    htrequest_t req = {};
+    req.fd = client.fd();
+    htreply_t* reply = nullptr;
+    EXPECT_EQ(nullptr, htreply_create(&reply, &req));
+    EXPECT_EQ(client.fd(), reply->fd);
+    EXPECT_FALSE(reply->status_sent);
+    use(reply);
+    free(reply);
+    return mask_date(client.finish());
+}
+bool ok(htreply_t* r) { return htreply_status(r, "200 OK", nullptr, nullptr, nullptr, nullptr); }
+
+TEST(HtreplyStatus, WritesStatusDateAndConnection) {
+    EXPECT_EQ(OK_HEAD, sent([](htreply_t* r) {
+                  EXPECT_TRUE(ok(r));
+                  EXPECT_TRUE(r->status_sent);
+              }));
+}
+TEST(HtreplyStatus, TheSecondCallWritesNothingAndIsTrue) {
+    EXPECT_EQ(OK_HEAD, sent([](htreply_t* r) {
+                  EXPECT_TRUE(ok(r));
+                  EXPECT_TRUE(htreply_status(r, "404 Not Found", "A: b", nullptr, nullptr, nullptr));
+              }));
+}
+TEST(HtreplyStatus, TheFirstNullEndsTheHeaderLines) {
+    EXPECT_EQ("HTTP/1.1 299 Odd\r\nDate: *\r\nConnection: close\r\nA: 1\r\nB: 2\r\n\r\n",
+              sent([](htreply_t* r) {
+                  EXPECT_TRUE(htreply_status(r, "299 Odd", "A: 1", "B: 2", nullptr, "D: 4"));
+              }));
+    EXPECT_EQ("HTTP/1.1 299 Odd\r\nDate: *\r\nConnection: close\r\nA: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\n\r\n",
+              sent([](htreply_t* r) {
+                  EXPECT_TRUE(htreply_status(r, "299 Odd", "A: 1", "B: 2", "C: 3", "D: 4"));
+              }));
+    EXPECT_EQ(OK_HEAD, sent([](htreply_t* r) {
+                  EXPECT_TRUE(htreply_status(r, "200 OK", nullptr, "B: 2", "C", "D"));
+              }));
+}
+TEST(HtreplyStatus, CutsALongHeadAt999Bytes) {
+    const std::string status(990, 's');
+    EXPECT_EQ("HTTP/1.1 " + status, sent([&](htreply_t* r) {
+                  EXPECT_TRUE(htreply_status(r, status.c_str(), nullptr, nullptr, nullptr, nullptr));
+              }));
+    const std::string line = "X: " + std::string(990, 'x');
+    client_t client("");
+    htreply_t r = {client.fd(), false};
+    EXPECT_TRUE(htreply_status(&r, "200 OK", line.c_str(), nullptr, nullptr, nullptr));
+    EXPECT_EQ(999u, client.finish().size());
+}
+TEST(HtreplyStatus, TheDateIsNowInGmt) {
+    client_t client("");
+    htreply_t r = {client.fd(), false};
+    const time_t before = time(nullptr);
+    EXPECT_TRUE(ok(&r));
+    const time_t after = time(nullptr);
+    const std::string got = client.finish();
+    const size_t at = got.find("Date: ");
+    ASSERT_NE(std::string::npos, at);
+    struct tm tm = {};
+    ASSERT_NE(nullptr, strptime(got.c_str() + at + 6, RFC1123FMT, &tm));
+    EXPECT_LE(before, timegm(&tm));
+    EXPECT_GE(after, timegm(&tm));
+}
+TEST(HtreplyStatus, FailsWhenThePeerHasGoneAndCountsAsAttempted) {
+    signal(SIGPIPE, SIG_IGN);
+    int fd[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fd));
+    close(fd[1]);
+    htreply_t r = {fd[0], false};
+    EXPECT_FALSE(ok(&r));
+    EXPECT_TRUE(r.status_sent);
+    EXPECT_TRUE(ok(&r));
+    EXPECT_FALSE(htreply_chunk(&r, "x", 1));
+    EXPECT_TRUE(htreply_chunk(&r, nullptr, 0));  // the end reports no failure
+    htreply_error(&r, "500 Internal Server Error");
+    htreply_t fresh = {fd[0], false};
+    EXPECT_FALSE(htreply_chunk(&fresh, nullptr, 0));  // but a head that was due does
+    htreply_t json = {fd[0], false};
+    EXPECT_FALSE(htreply_json(&json, "[]", 2));
+    close(fd[0]);
+}
+TEST(HtreplyChunk, TheFirstSendsTheHeadOfAStream) {
+    const std::string data(500, 'd');
+    EXPECT_EQ(STREAM_HEAD + "1f4; chunk\r\n" + data + "\r\na; chunk\r\n0123456789\r\n0\r\n\r\n",
+              sent([&](htreply_t* r) {
+                  EXPECT_TRUE(htreply_chunk(r, data.data(), 500));
+                  EXPECT_TRUE(htreply_chunk(r, "0123456789", 10));
+                  EXPECT_TRUE(htreply_chunk(r, nullptr, 0));
+              }));
+}
+TEST(HtreplyChunk, AnEmptyFirstChunkIsAWholeEmptyReply) {
+    EXPECT_EQ(STREAM_HEAD + "0\r\n\r\n", sent([](htreply_t* r) { EXPECT_TRUE(htreply_chunk(r, "", 0)); }));
+}
+TEST(HtreplyChunk, SendsMegabytesWhole) {
+    const std::string data(3 << 20, 'm');
+    const std::string got = sent([&](htreply_t* r) { EXPECT_TRUE(htreply_chunk(r, data.data(), 3 << 20)); });
+    EXPECT_TRUE(got == STREAM_HEAD + "300000; chunk\r\n" + data + "\r\n");
+}
+TEST(HtreplyChunk, RefusesANegativeSizeWithoutWriting) {
+    EXPECT_EQ("", sent([](htreply_t* r) { EXPECT_FALSE(htreply_chunk(r, "", -1)); }));
+}
+TEST(HtreplyJson, SendsLengthAndType) {
+    EXPECT_EQ(json_reply("[1]"), sent([](htreply_t* r) { EXPECT_TRUE(htreply_json(r, "[1]", 3)); }));
+}
+TEST(HtreplyJson, OfNothingHasLengthZeroAndNoBody) {
+    EXPECT_EQ(json_reply(""), sent([](htreply_t* r) { EXPECT_TRUE(htreply_json(r, "x", 0)); }));
+}
+TEST(HtreplyJson, FollowsAnEarlierHeadBare) {
+    EXPECT_EQ(OK_HEAD + "{}", sent([](htreply_t* r) {
+                  EXPECT_TRUE(ok(r));
+                  EXPECT_TRUE(htreply_json(r, "{}", 2));
+              }));
+}
+TEST(HtreplyError, HasTheStatusAsLineAndAsBody) {
+    EXPECT_EQ(
+        "HTTP/1.1 404 Not Found\r\nDate: *\r\nConnection: close\r\nContent-length: 13\r\n"
+        "Content-type: application/plain\r\n\r\n404 Not Found",
+        sent([](htreply_t* r) { htreply_error(r, "404 Not Found"); }));
+    EXPECT_EQ(
+        "HTTP/1.1 400 Bad Request - invalid url\r\nDate: *\r\nConnection: close\r\nContent-length: 29\r\n"
+        "Content-type: application/plain\r\n\r\n400 Bad Request - invalid url",
+        sent([](htreply_t* r) { htreply_error(r, "400 Bad Request - invalid url"); }));
+}
+TEST(HtreplyError, InAStreamIsOnlyTheText) {
+    EXPECT_EQ(STREAM_HEAD + "1; chunk\r\nx\r\n400 Bad Request", sent([](htreply_t* r) {
+                  EXPECT_TRUE(htreply_chunk(r, "x", 1));
+                  htreply_error(r, "400 Bad Request");
+              }));
+}
+}  // namespace
