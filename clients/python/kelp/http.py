@@ -1,0 +1,267 @@
+"""HTTP/1.1 as far as kelpd speaks it: one request a connection, a reply of fixed length or in chunks.
+
+The reader is strict, because the server reports a failure in the middle of a stream by writing its status text where
+the next chunk's size should stand. Whatever is not exactly a chunk is therefore the end of the reply, and an error.
+"""
+
+import base64
+import re
+import socket
+import ssl
+from urllib.parse import quote, unquote, urlsplit
+
+from .errors import KelpError
+
+DEFAULT_PORTS = {"kelp": None, "http": 80, "https": 443}
+_LINE_LIMIT = 8192
+_HEAD_LINES = 100
+_SEND_PIECE = 1 << 18
+_SIZE_LINE = re.compile(rb"([0-9a-fA-F]{1,8})[ \t]*(;[^\r\n]*)?\r?\n")
+_STATUS_TEXT = re.compile(rb"[1-5][0-9][0-9] [A-Za-z][ -~]*")
+
+
+class Address:
+    """Where a server is, out of a URL such as kelp://host:8080/db/schema/entity or http://host/v1/db/schema."""
+
+    def __init__(self, url):
+        if "://" not in url:
+            url = "kelp://" + url
+        try:
+            parts = urlsplit(url)
+            self.scheme, self.host, port = parts.scheme.lower(), parts.hostname, parts.port
+        except ValueError:
+            raise KelpError("%r is no URL; write kelp://host:port" % url) from None
+        if self.scheme not in DEFAULT_PORTS or not self.host:
+            raise KelpError("%r is no server; write kelp://host:port or http://host:port" % url)
+        self.port = port or DEFAULT_PORTS[self.scheme]
+        if not self.port:
+            raise KelpError("%r has no port; write kelp://host:port" % url)
+        self.authorization = None
+        if parts.username is not None:
+            pair = "%s:%s" % (unquote(parts.username), unquote(parts.password or ""))
+            self.authorization = "Basic " + base64.b64encode(pair.encode()).decode("ascii")
+        self.path = [unquote(part) for part in parts.path.split("/") if part]
+        if self.scheme != "kelp" and self.path:
+            if self.path[0] != "v1":
+                raise KelpError("the path of %r does not begin with /v1; write http://host:port/v1/db/schema/entity"
+                                % url)
+            del self.path[0]
+
+    def __str__(self):
+        return "%s:%d" % (self.host, self.port)
+
+
+def target(path):
+    """Returns the request target of path components; raises KelpError for names that no path can carry."""
+    for part in path:
+        if not part or part.startswith(".") or "/" in part or "\0" in part:
+            raise KelpError("%r cannot be a name: it is empty, begins with a dot, or holds a slash" % part)
+    return "/v1" + "".join("/" + quote(part.encode("utf-8", "surrogateescape"), safe="-._~") for part in path)
+
+
+class Reply:
+    """The reply of one request: its status, then its body in whatever pieces the reader asks for."""
+
+    def __init__(self, connection, file, address):
+        self._socket = connection
+        self._file = file
+        self._address = address
+        self.status = self._read_status()
+        headers = self._read_headers()
+        self._left = 0          # bytes of the body, or of the current chunk, still to come
+        self._first = True
+        self._ended = False
+        self._chunked = headers.get("transfer-encoding", "").lower() == "chunked"
+        self._until_close = False
+        if not self._chunked:
+            length = headers.get("content-length")
+            if length is None:
+                self._until_close = True
+            elif not re.fullmatch(r"[0-9]{1,18}", length):
+                raise self._alien()
+            else:
+                self._left = int(length)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self._file.close()
+        self._socket.close()
+
+    def cancel(self):
+        """Ends a read that another thread is waiting in."""
+        try:
+            self._socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+    @property
+    def ok(self):
+        return self.status.split(" ")[0] == "200"
+
+    def _alien(self):
+        return KelpError("what answers at %s is no kelpd; check host and port" % self._address)
+
+    def _line(self):
+        return _guard(self._address, lambda: self._file.readline(_LINE_LIMIT))
+
+    def _read_status(self):
+        line = self._line()
+        if not line:
+            raise KelpError("%s closed the connection without a reply; look into the server's log" % self._address)
+        if not re.match(rb"HTTP/1\.[01] [0-9]{3}( |\r?\n)", line) or not line.endswith(b"\n"):
+            raise self._alien()
+        return line.decode("latin-1").split(" ", 1)[1].strip()
+
+    def _read_headers(self):
+        headers = {}
+        for _ in range(_HEAD_LINES):
+            line = self._line()
+            if line in (b"\r\n", b"\n"):
+                return headers
+            if not line.endswith(b"\n"):
+                break
+            name, _, value = line.decode("latin-1").partition(":")
+            headers[name.strip().lower()] = value.strip()
+        raise self._alien()
+
+    def _broken(self, line):
+        if _STATUS_TEXT.fullmatch(line):
+            text = line.decode("ascii")
+            return KelpError("the server failed in the middle of the reply: %s; its log may say more" % text, text)
+        if not line.endswith(b"\n"):
+            return self._short()
+        return KelpError("the reply of %s is damaged: a chunk does not begin with its size" % self._address)
+
+    def _short(self):
+        return KelpError("the reply of %s ends too early; it is not whole" % self._address)
+
+    def _next_chunk(self):
+        if not self._first:
+            end = self._line()
+            if end not in (b"\r\n", b"\n"):
+                raise self._broken(end)
+        self._first = False
+        line = self._line()
+        found = _SIZE_LINE.fullmatch(line)
+        if not found:
+            raise self._broken(line)
+        self._left = int(found.group(1), 16)
+        if self._left == 0:
+            self._ended = True
+            for _ in range(_HEAD_LINES):  # trailer fields up to the empty line
+                line = self._line()
+                if line in (b"\r\n", b"\n"):
+                    return
+                if not line.endswith(b"\n"):
+                    break
+            raise self._short()
+
+    def readinto(self, view):
+        """Reads into a memoryview; returns how many bytes, 0 at the end of the whole body."""
+        if self._until_close:
+            return _guard(self._address, lambda: self._file.readinto(view))
+        if self._chunked and self._left == 0 and not self._ended:
+            self._next_chunk()
+        if self._left == 0:
+            return 0
+        piece = view[:self._left]
+        got = _guard(self._address, lambda: self._file.readinto(piece))
+        if not got:
+            raise self._short()
+        self._left -= got
+        return got
+
+    def read_all(self, limit=1 << 28):
+        """Returns the whole body of a short reply."""
+        out, piece = bytearray(), memoryview(bytearray(1 << 16))
+        while True:
+            got = self.readinto(piece)
+            if not got:
+                return bytes(out)
+            out += piece[:got]
+            if len(out) > limit:
+                raise self._alien()
+
+
+def _guard(address, call):
+    """Runs one socket operation and puts its failure into words."""
+    try:
+        return call()
+    except TimeoutError:
+        raise KelpError("%s did not answer in time" % address) from None
+    except (OSError, ValueError) as error:  # ValueError: cancelled while reading
+        raise KelpError("the connection to %s broke: %s" % (address, getattr(error, "strerror", None) or error)) \
+            from None
+
+
+def _connect(address, timeout):
+    try:
+        connection = socket.create_connection((address.host, address.port), timeout)
+        if address.scheme == "https":
+            connection = ssl.create_default_context().wrap_socket(connection, server_hostname=address.host)
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        return connection
+    except TimeoutError:
+        raise KelpError("cannot reach %s in time; is the host right?" % address) from None
+    except OSError as error:
+        raise KelpError("cannot reach %s: %s; is kelpd running there?" % (address, error.strerror or error)) from None
+
+
+def request(address, timeout, method, path, body=None, length=0, content_type=None, progress=None):
+    """Sends one request and returns its Reply, of any status. The caller closes the reply.
+
+    body       an iterable of bytes that add up to `length`, or None
+    progress   called with (bytes sent, length) after each piece
+    """
+    lines = ["%s %s HTTP/1.1" % (method, target(path)), "Host: %s" % address, "Connection: close"]
+    if address.authorization:
+        lines.append("Authorization: " + address.authorization)
+    if body is not None:
+        lines.append("Content-Length: %d" % length)
+    if content_type:
+        lines.append("Content-Type: " + content_type)
+    head = ("\r\n".join(lines) + "\r\n\r\n").encode("latin-1")
+    connection = _connect(address, timeout)
+    file = None
+    try:
+        try:
+            connection.sendall(head)
+            sent = 0
+            for piece in body or ():
+                connection.sendall(piece)
+                sent += len(piece)
+                if progress:
+                    progress(sent, length)
+        except TimeoutError:
+            raise KelpError("%s did not take the request in time" % address) from None
+        except (BrokenPipeError, ConnectionResetError, ConnectionAbortedError):
+            pass  # the server may have answered before it hung up
+        file = connection.makefile("rb", 1 << 16)
+        return Reply(connection, file, address)
+    except BaseException:
+        if file is not None:
+            file.close()
+        connection.close()
+        raise
+
+
+def pieces_of(buffer):
+    view = memoryview(buffer).cast("B")
+    for at in range(0, len(view), _SEND_PIECE):
+        yield view[at:at + _SEND_PIECE]
+
+
+def pieces_of_file(file, length):
+    """Yields exactly `length` bytes of a file that may change under the upload."""
+    left = length
+    while left:
+        piece = file.read(min(left, _SEND_PIECE))
+        if not piece:
+            raise KelpError("the file became shorter during the upload")
+        left -= len(piece)
+        yield piece
