@@ -35,10 +35,13 @@ else()
   add_library(decnumber OBJECT ${dec_src}/decContext.c ${dec_src}/decDouble.c ${dec_src}/decQuad.c)
   target_include_directories(decnumber SYSTEM PUBLIC
     $<BUILD_INTERFACE:${dec_src}> $<BUILD_INTERFACE:${dec_src}/dpd> $<BUILD_INTERFACE:${dec_root}/gen>)
-  target_compile_options(decnumber PRIVATE -w)
+  # Its version 3.61 reads a buffer after the block that declared it (decFinalize, a number padded with zeros down from
+  # an exponent that is too large), so the compiler must not give the buffer's place to another variable.
+  target_compile_options(decnumber PRIVATE -w
+    $<$<C_COMPILER_ID:GNU>:-fstack-reuse=none> $<$<C_COMPILER_ID:Clang>:-Xclang;-disable-lifetime-markers>)
   if(KELPD_SANITIZE)
     # Not this project's code: its alignment habits and shifts are its own business.
-    target_compile_options(decnumber PRIVATE -fno-sanitize=undefined,alignment)
+    target_compile_options(decnumber PRIVATE -fno-sanitize=undefined,alignment -fno-sanitize-address-use-after-scope)
   endif()
   set(KELPD_DECNUMBER_OBJECTS $<TARGET_OBJECTS:decnumber>)
   set(KELPD_DECNUMBER_LIBS "")
