@@ -1,0 +1,177 @@
+#!/usr/bin/env python3
+"""cvn info, cat and split, the help texts and the exit status."""
+import csv
+import io
+import json
+import os
+import random
+import subprocess
+import unittest
+
+from support import CVN, ToolTest
+
+
+class Read(ToolTest):
+    CSV = 'id,qty,"a name",note\n1,10,x,\n2,,"it\'s",""\n3,30,,plain\n4,5,z,"b,c"\n'
+    SCHEMA = 'id int32, qty int64, "a name" cstr -z, note cstr -n'
+
+    def setUp(self):
+        super().setUp()
+        self.create(self.SCHEMA, self.CSV)
+
+    def ids(self, *where):
+        args = []
+        for w in where:
+            args += ["--where", w]
+        return self.cat("t.cvn", "--columns", "id", *args).split()[1:]
+
+    def test_conditions_select_exactly(self):
+        self.assertEqual(["1", "3"], self.ids("qty >= 10"))
+        self.assertEqual(["3"], self.ids("qty > 10"))
+        self.assertEqual(["1", "3"], self.ids("qty != 5"))
+        self.assertEqual(["2"], self.ids("qty is null"))
+        self.assertEqual(["1", "4"], self.ids("qty in (5, 10)"))
+        self.assertEqual([], self.ids("qty in ()"))
+        self.assertEqual(["2"], self.ids("\"a name\" = 'it''s'"))
+        self.assertEqual(["2"], self.ids("note = ''"))
+        self.assertEqual(["4"], self.ids("qty < 20", "id > 1 and note is not null"))
+
+    def test_bad_conditions_columns_and_formats_are_told(self):
+        for where in ("qty >", "qty 10", "qty = 'a"):
+            self.run_cvn("cat", "t.cvn", "--where", where, status=2)
+        self.assertIn("no column 'nope'", self.run_cvn("cat", "t.cvn", "--where", "nope = 1", status=1).err)
+        self.assertIn("'x' is not a whole number", self.run_cvn("cat", "t.cvn", "--where", "qty = x", status=1).err)
+        self.assertIn("no column 'nope'", self.run_cvn("cat", "t.cvn", "--columns", "nope", status=1).err)
+        self.run_cvn("cat", "t.cvn", "--format", "xml", status=2)
+
+    def test_columns_come_in_the_order_asked_for(self):
+        self.assertEqual("note,id\n,1\n\"\",2\nplain,3\n\"b,c\",4\n", self.cat("t.cvn", "--columns", "note,id"))
+
+    def test_limit_stops(self):
+        self.assertEqual(3, len(self.cat("t.cvn", "--limit", "2").splitlines()))
+        self.assertEqual("id,qty,a name,note\n", self.cat("t.cvn", "--limit", "0"))
+
+    def test_jsonl_is_json_in_every_line(self):
+        rows = [json.loads(line) for line in self.cat("t.cvn", "--format", "jsonl").splitlines()]
+        self.assertEqual({"id": 2, "qty": None, "a name": "it's", "note": ""}, rows[1])
+        self.create("d double, x dec64, t cstr", b'd,x,t\nNaN,1.50,"a""\n\xff"\n', "j.cvn")
+        self.assertEqual({"d": "NaN", "x": "1.50", "t": 'a"\n\ufffd'}, json.loads(self.cat("j.cvn", "--format", "jsonl")))
+
+    def test_table_aligns_its_columns(self):
+        lines = self.cat("t.cvn", "--format", "table").splitlines()
+        self.assertEqual("id   qty  a name  note", lines[0])
+        self.assertEqual(" 2  NULL  it's    ", lines[3])
+
+    def test_info_tells_types_flags_nulls_and_bounds(self):
+        info = self.info()
+        self.assertEqual((4, 1), (info["rows"], info["row_groups"]))
+        qty, name, note = info["columns"][1:]
+        self.assertEqual(("int64", 1, "5", "30"), (qty["type"], qty["nulls"], qty["min"], qty["max"]))
+        self.assertEqual((True, False, "it's", "z"), (name["z"], name["n"], name["min"], name["max"]))
+        self.assertEqual((True, None), (note["n"], note["min"]))
+        self.assertEqual(info["raw_bytes"], sum(c["raw_bytes"] for c in info["columns"]))
+        text = self.run_cvn("info", "t.cvn", "--rowgroups").out
+        self.assertIn("4 rows, 1 row group", text)
+        self.assertIn("row group 0: 4 rows", text)
+        self.assertEqual("4", str(self.info("t.cvn", "--rowgroups")["groups"][0]["rows"]))
+
+    def test_info_marks_texts_that_were_cut(self):
+        self.create("t cstr", "t\n" + "x" * 50 + "\n", "u.cvn")
+        col = self.info("u.cvn")["columns"][0]
+        self.assertEqual(("x" * 40, True), (col["min"], col["min_cut"]))
+        self.assertIn("x" * 40 + "...", self.run_cvn("info", "u.cvn").out)
+
+    def test_a_split_directory_reads_like_its_file(self):
+        self.run_cvn("split", "t.cvn", "parts")
+        self.assertEqual(self.cat(), self.cat("parts"))
+        self.assertEqual(self.cat("t.cvn", "--where", "qty > 5"), self.cat("parts", "--where", "qty > 5"))
+        self.run_cvn("verify", "parts")
+        self.assertTrue(self.info("parts")["split"])
+        self.assertEqual(["0.cvnx", "1.cvnx", "2.cvnx", "3.cvnx", "meta.cvnx"], sorted(os.listdir(self.path("parts"))))
+
+    def test_splitting_what_cannot_be_read_is_a_failure(self):
+        self.write("bad.cvn", "not a data file at all, but long enough")
+        self.run_cvn("split", "bad.cvn", "parts", status=1)
+        self.run_cvn("split", "none.cvn", "parts", status=1)
+        self.run_cvn("split", "t.cvn", "parts")
+        self.assertIn("is a directory", self.run_cvn("split", "parts", "more", status=1).err)
+
+    def test_a_split_that_ends_early_leaves_no_older_metadata(self):
+        rng = random.Random(2)
+        self.create("a int64", "a\n" + "".join("%d\n" % rng.getrandbits(62) for _ in range(3000)), "big.cvn")
+        self.run_cvn("split", "big.cvn", "parts")
+        with open(self.path("big.cvn"), "rb") as f:
+            data = bytearray(f.read())
+        # The first chunk claims to begin near the end of the file, so that reading it comes up short.
+        size = int.from_bytes(data[-16:-8], "little")
+        at = len(data) - 16 - size + 40 + 248 + 16
+        data[at:at + 8] = (len(data) - 8).to_bytes(8, "little")
+        self.write("cut.cvn", bytes(data))
+        self.run_cvn("split", "cut.cvn", "parts", status=1)
+        self.assertNotIn("meta.cvnx", os.listdir(self.path("parts")))
+
+    def test_a_directory_of_files_is_one_table(self):
+        os.mkdir(self.path("entity"))
+        self.create("a int32", "a\n1\n2\n", "entity/p0.cvn")
+        self.create("a int32", "a\n3\n", "entity/p1.cvn")
+        self.assertEqual("a\n1\n2\n3\n", self.cat("entity"))
+        self.assertEqual("a\n2\n3\n", self.cat("entity", "--where", "a > 1"))
+        self.assertEqual("a\n1\n2\n3\n"[:6], self.cat("entity", "--limit", "2"))
+        info = self.info("entity")
+        self.assertEqual((3, 2), (info["rows"], len(info["files"])))
+        self.assertIn("2 files, 3 rows", self.run_cvn("info", "entity").out)
+        self.create("a int64", "a\n3\n", "entity/p2.cvn")
+        self.assertIn("is int64, in the files before it int32", self.run_cvn("cat", "entity", status=1).err)
+
+    def test_files_that_are_none_are_told_apart(self):
+        self.write("short.cvn", "abc")
+        self.write("text.cvn", "this is some text and no data file")
+        self.assertIn("not a colvane file", self.run_cvn("cat", "text.cvn", status=1).err)
+        self.run_cvn("info", "short.cvn", status=1)
+        self.assertIn("No such file", self.run_cvn("cat", "none.cvn", status=1).err)
+        os.mkdir(self.path("empty"))
+        self.assertIn("no file here", self.run_cvn("cat", "empty", status=1).err)
+
+    def test_a_reader_that_stops_ends_it_quietly(self):
+        self.create("a int64", "a\n" + "".join("%d\n" % i for i in range(200000)), "long.cvn")
+        proc = subprocess.Popen([CVN, "cat", self.path("long.cvn")], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertEqual(b"a\n", proc.stdout.readline())
+        proc.stdout.close()
+        self.assertEqual(b"", proc.stderr.read())
+        self.assertEqual(0, proc.wait(60))
+        proc.stderr.close()
+
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([CVN, "cat", self.path("t.cvn")], stdout=full, stderr=subprocess.PIPE, timeout=60)
+        self.assertEqual(1, done.returncode)
+        self.assertIn(b"No space left", done.stderr)
+
+    def test_help_and_version_succeed_and_wrong_usage_is_two(self):
+        for args in (["--help"], ["create", "--help"], ["cat", "--help"], ["info", "-h"], ["verify", "-h"], ["split", "-h"]):
+            self.assertIn("cvn ", self.run_cvn(*args).out)
+        self.assertIn("Example", self.run_cvn("create", "--help").out)
+        self.assertRegex(self.run_cvn("--version").out, r"^cvn \d+\.\d+\.\d+\n$")
+        for args in ([], ["bogus"], ["cat"], ["cat", "t.cvn", "--bogus"], ["cat", "t.cvn", "--limit", "-1"], ["create"]):
+            self.assertIn("--help", self.run_cvn(*args, status=2).err)
+
+    def test_random_tables_with_nulls_come_back_through_python(self):
+        rng = random.Random(3)
+        text = lambda: "".join(rng.choice('ab,"\n\r é;') for _ in range(rng.randrange(6)))
+        rows = [[None if rng.random() < 0.2 else str(rng.randrange(-10**6, 10**6)), None if rng.random() < 0.2 else text(),
+                 None if rng.random() < 0.2 else repr(rng.uniform(-1, 1))] for _ in range(3000)]
+        quote = lambda v: "" if v is None else '"' + v.replace('"', '""') + '"'
+        body = "".join(",".join((r[0] or "", quote(r[1]), r[2] or "")) + "\r\n" for r in rows)
+        self.create("i int32, t cstr, d double", "i,t,d\r\n" + body, "r.cvn")
+        self.run_cvn("verify", "r.cvn")
+        got = list(csv.reader(io.StringIO(self.run_cvn("cat", "r.cvn").stdout.decode(), newline="")))[1:]
+        self.assertEqual(len(rows), len(got))
+        for want, have in zip(rows, got):
+            self.assertEqual([want[0] or "", want[1] or ""], have[:2])
+            self.assertEqual(None if want[2] is None else float(want[2]), None if have[2] == "" else float(have[2]))
+        texts = [json.loads(line)["t"] for line in self.cat("r.cvn", "--format", "jsonl").splitlines()]
+        self.assertEqual([r[1] for r in rows], texts)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,133 @@
+// Failures, signals and output: what every command needs and none should do in its own way.
+#include "tools/tool.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "colvane/colvane.h"
+
+namespace {
+
+volatile sig_atomic_t caught_signal = 0;
+std::atomic<bool> caught{false};
+static_assert(std::atomic<bool>::is_always_lock_free);  // or a handler could not store to it
+
+void note_signal(int signal) {
+    caught_signal = signal;
+    caught.store(true);
+}
+
+}  // namespace
+
+std::string tool_quote(std::string_view text, size_t max) {
+    std::string out = "'";
+    for (const char ch : text.substr(0, max)) {
+        const auto byte = static_cast<unsigned char>(ch);
+        if (byte < 0x20 || byte == 0x7f)
+            out += fmt::format("\\x{:02x}", byte);
+        else
+            out += ch;
+    }
+    if (text.size() > max) out += "...";
+    return out + "'";
+}
+
+std::string tool_strerror(int err) {
+    char buf[256];
+    return strerror_r(err, buf, sizeof(buf));
+}
+
+std::string tool_code_text(int code, int err, const std::string& path) {
+    switch (code) {
+        case -1: return fmt::format("{}: the path is too long, or the file's sizes disagree", path);
+        case -2: return fmt::format("{}: out of memory", path);
+        case -3:
+            if (err != 0) return fmt::format("{}: {}", path, tool_strerror(err));
+            return fmt::format("{}: the file is shorter than it says; was it copied whole?", path);
+        case -5: return fmt::format("{}: a column has an unsupported type", path);
+        case -6:
+            return fmt::format("{}: damaged (a page does not decompress); 'cvn verify' tells where", path);
+        case -7: return fmt::format("{}: not a colvane file, or one whose footer is damaged", path);
+        default: return fmt::format("{}: unexpected code {} of the library", path, code);
+    }
+}
+
+void tool_catch_signals() {
+    struct sigaction act = {};
+    act.sa_handler = note_signal;  // without SA_RESTART: a blocked read returns and the signal is seen
+    sigemptyset(&act.sa_mask);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        struct sigaction old = {};
+        sigaction(signal, nullptr, &old);
+        if (old.sa_handler != SIG_IGN) sigaction(signal, &act, nullptr);
+    }
+    struct sigaction ign = {};
+    ign.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ign, nullptr);
+    sigaction(SIGXFSZ, &ign, nullptr);  // a file-size limit is an ordinary write error then
+}
+
+void tool_check_signals() {
+    if (caught_signal != 0) throw tool_interrupted{caught_signal};
+}
+
+const std::atomic<bool>* tool_stop_flag() { return &caught; }
+
+void tool_check_target(const std::string& path, const char* usage) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return;
+    if (!S_ISREG(st.st_mode)) throw tool_error(path + ": exists and is not a regular file");
+    if (st.st_size == 0) return;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;  // not readable: renaming will tell
+    char head[8] = {};
+    const ssize_t n = read(fd, head, sizeof(head));
+    close(fd);
+    if (n != ssize_t(sizeof(head)) || memcmp(head, CVN_HEAD_MAGIC, sizeof(head)) != 0)
+        throw tool_error(fmt::format(
+            "{}: exists and is not a colvane file; it is not replaced (usage: {})", path, usage));
+}
+
+void tool_out_flush(tool_out_t* out) {
+    size_t done = 0;
+    while (done < out->buf.size()) {
+        const ssize_t n = write(out->fd, out->buf.data() + done, out->buf.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                tool_check_signals();
+                continue;
+            }
+            const int err = errno;
+            out->buf.clear();
+            if (err == EPIPE) throw tool_pipe_closed();
+            throw tool_error("writing the output: " + tool_strerror(err));
+        }
+        done += size_t(n);
+    }
+    out->buf.clear();
+}
+
+std::string tool_bytes(double n) {
+    const char* const unit[] = {"B", "kB", "MB", "GB", "TB", "PB"};
+    int i = 0;
+    while (n >= 999.95 && i < 5) {
+        n /= 1000;
+        ++i;
+    }
+    return i == 0 ? fmt::format("{:.0f} B", n) : fmt::format("{:.1f} {}", n, unit[i]);
+}
+
+std::string tool_count(int64_t n) {
+    std::string digits = fmt::format("{}", n);
+    const size_t first = n < 0 ? 1 : 0;
+    for (size_t at = digits.size(); at > first + 3;) {
+        at -= 3;
+        digits.insert(at, 1, ',');
+    }
+    return digits;
+}

@@ -1,0 +1,446 @@
+// Text to value and back, type by type. The fast forms in the header decide nothing: what they refuse comes
+// here.
+#include "tools/value.h"
+
+#include <errno.h>
+#include <fmt/format.h>
+#include <stdlib.h>
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+constexpr int64_t DAY_MILLIS = 86400000;
+constexpr char NO_DATE[] = "is not a date YYYY-MM-DD";
+
+bool is_digit(char ch) { return ch >= '0' && ch <= '9'; }
+
+int hex_digit(char ch) {
+    if (is_digit(ch)) return ch - '0';
+    if (ch >= 'a' && ch <= 'f') return ch - 'a' + 10;
+    if (ch >= 'A' && ch <= 'F') return ch - 'A' + 10;
+    return -1;
+}
+
+bool same_word(std::string_view text, std::string_view word) {
+    if (text.size() != word.size()) return false;
+    for (size_t i = 0; i < text.size(); ++i)
+        if ((text[i] >= 'A' && text[i] <= 'Z' ? char(text[i] + 32) : text[i]) != word[i]) return false;
+    return true;
+}
+
+const char* parse_bool(bool* ret, std::string_view text) {
+    for (const char* word : {"true", "t", "1", "yes", "y", "on"})
+        if (same_word(text, word)) return *ret = true, nullptr;
+    for (const char* word : {"false", "f", "0", "no", "n", "off"})
+        if (same_word(text, word)) return *ret = false, nullptr;
+    return "is not a truth value (true or false)";
+}
+
+const char* parse_int(int64_t* ret, std::string_view text, int64_t min, int64_t max, const char* range) {
+    if (text.size() > 1 && text[0] == '+' && is_digit(text[1])) text.remove_prefix(1);
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), *ret);
+    if (end != text.data() + text.size() || ec == std::errc::invalid_argument) return "is not a whole number";
+    if (ec != std::errc() || *ret < min || *ret > max) return range;
+    return nullptr;
+}
+
+const char* parse_int128(cvn_int128_t* ret, std::string_view text) {
+    const char* const bad = "is not a whole number (decimal, or 0x and hexadecimal digits)";
+    const char* const range = "is out of the range of int128";
+    unsigned __int128 v = 0;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        text.remove_prefix(2);
+        for (const char ch : text) {
+            const int digit = hex_digit(ch);
+            if (digit < 0) return bad;
+            if (v >> 124 != 0) return range;
+            v = v << 4 | unsigned(digit);
+        }
+        *ret = cvn_int128_t(v);  // two's complement: 0x and 32 f are -1
+        return nullptr;
+    }
+    const bool minus = !text.empty() && text[0] == '-';
+    if (minus || (!text.empty() && text[0] == '+')) text.remove_prefix(1);
+    if (text.empty()) return bad;
+    const unsigned __int128 limit = (static_cast<unsigned __int128>(1) << 127) - (minus ? 0 : 1);
+    for (const char ch : text) {
+        if (!is_digit(ch)) return bad;
+        const auto digit = unsigned(ch - '0');
+        if (v > (limit - digit) / 10) return range;
+        v = v * 10 + digit;
+    }
+    *ret = minus ? cvn_int128_t(-v) : cvn_int128_t(v);
+    return nullptr;
+}
+
+// The nearest binary number. std::from_chars calls both overflow and underflow out of range: the second is
+// accepted, as the nearest number is then 0 or a denormal.
+template <typename T>
+const char* parse_real(T* ret, std::string_view text) {
+    std::string_view number = text;
+    if (number.size() > 1 && number[0] == '+' && number[1] != '-') number.remove_prefix(1);
+    const auto [end, ec] = std::from_chars(number.data(), number.data() + number.size(), *ret);
+    if (ec == std::errc::invalid_argument || end != number.data() + number.size()) return "is not a number";
+    if (ec == std::errc()) return nullptr;
+    const std::string copy(number);
+    *ret = sizeof(T) == sizeof(float) ? T(strtof(copy.c_str(), nullptr)) : T(strtod(copy.c_str(), nullptr));
+    if (std::isinf(*ret)) return "is too large for the type (write inf for infinity)";
+    return nullptr;
+}
+
+// Takes `n` digits off the front.
+bool take_digits(std::string_view* text, size_t n, unsigned* ret) {
+    if (text->size() < n) return false;
+    *ret = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (!is_digit((*text)[i])) return false;
+        *ret = *ret * 10 + unsigned((*text)[i] - '0');
+    }
+    text->remove_prefix(n);
+    return true;
+}
+
+bool take_char(std::string_view* text, char ch) {
+    if (text->empty() || text->front() != ch) return false;
+    text->remove_prefix(1);
+    return true;
+}
+
+// Takes a date off the front: YYYY-MM-DD, the year with more digits when it has a sign.
+const char* take_date(std::string_view* text, int64_t* ret_days) {
+    const char* const bad = NO_DATE;
+    const bool minus = !text->empty() && text->front() == '-';
+    size_t nyear = 4;
+    if (minus || (!text->empty() && text->front() == '+')) {
+        text->remove_prefix(1);
+        nyear = 0;
+        while (nyear < text->size() && is_digit((*text)[nyear])) ++nyear;
+        if (nyear < 4 || nyear > 9) return bad;
+    }
+    unsigned year, month, day;
+    if (!take_digits(text, nyear, &year) || !take_char(text, '-') || !take_digits(text, 2, &month) ||
+        !take_char(text, '-') || !take_digits(text, 2, &day))
+        return bad;
+    constexpr unsigned last[13] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+    if (month < 1 || month > 12) return "has no such month";
+    if (day < 1 || day > last[month] + (month == 2 && leap)) return "has no such day in that month";
+    *ret_days = value_days(minus ? -int64_t(year) : int64_t(year), month, day);
+    return nullptr;
+}
+
+// Takes a time of day off the front: HH:MM[:SS[.m...]].
+const char* take_time(std::string_view* text, int64_t* ret_millis) {
+    unsigned hour, minute, second = 0, milli = 0;
+    if (!take_digits(text, 2, &hour) || !take_char(text, ':') || !take_digits(text, 2, &minute))
+        return "is not a time HH:MM:SS.mmm";
+    if (take_char(text, ':')) {
+        if (!take_digits(text, 2, &second)) return "is not a time HH:MM:SS.mmm";
+        if (take_char(text, '.')) {
+            if (text->empty() || !is_digit(text->front())) return "is not a time HH:MM:SS.mmm";
+            unsigned unit = 100;
+            for (; !text->empty() && is_digit(text->front()); text->remove_prefix(1)) {
+                const auto digit = unsigned(text->front() - '0');
+                if (unit == 0 && digit != 0) return "is finer than a millisecond, which the type cannot hold";
+                milli += digit * unit;
+                unit /= 10;
+            }
+        }
+    }
+    if (hour > 23 || minute > 59 || second > 59) return "has no such time of day";
+    *ret_millis = ((int64_t(hour) * 60 + minute) * 60 + second) * 1000 + milli;
+    return nullptr;
+}
+
+const char* parse_date(int32_t* ret, std::string_view text) {
+    int64_t days;
+    if (const char* why = take_date(&text, &days)) return why;
+    if (!text.empty()) return NO_DATE;
+    if (days < INT32_MIN || days > INT32_MAX) return "is out of the range of date";
+    *ret = int32_t(days);
+    return nullptr;
+}
+
+// A number of milliseconds that is no time of day is written, and read, with its unit.
+const char* parse_time(int32_t* ret, std::string_view text) {
+    int64_t millis;
+    if (text.size() > 2 && text.substr(text.size() - 2) == "ms") {
+        text.remove_suffix(2);
+        if (const char* why =
+                parse_int(&millis, text, INT32_MIN, INT32_MAX, "is out of the range of time_millis"))
+            return why;
+    } else {
+        if (const char* why = take_time(&text, &millis)) return why;
+        if (!text.empty()) return "is not a time HH:MM:SS.mmm";
+    }
+    *ret = int32_t(millis);
+    return nullptr;
+}
+
+const char* parse_timestamp(int64_t* ret, std::string_view text) {
+    const char* const bad = "is not a timestamp YYYY-MM-DDTHH:MM:SS.mmmZ";
+    int64_t days, millis, offset = 0;
+    if (const char* why = take_date(&text, &days)) return why == NO_DATE ? bad : why;
+    if (!take_char(&text, 'T') && !take_char(&text, ' ') && !take_char(&text, 't')) return bad;
+    if (const char* why = take_time(&text, &millis)) return why;
+    if (!take_char(&text, 'Z') && !take_char(&text, 'z') && !text.empty()) {
+        const bool minus = text.front() == '-';
+        if (!minus && text.front() != '+') return bad;
+        text.remove_prefix(1);
+        unsigned hour, minute = 0;
+        if (!take_digits(&text, 2, &hour)) return bad;
+        if (!text.empty()) {
+            (void)take_char(&text, ':');  // +hhmm is as good
+            if (!take_digits(&text, 2, &minute)) return bad;
+        }
+        if (hour > 23 || minute > 59) return "has no such time zone";
+        offset = (int64_t(hour) * 60 + minute) * 60000 * (minus ? -1 : 1);
+    }
+    if (!text.empty()) return bad;
+    const cvn_int128_t sum = cvn_int128_t(days) * DAY_MILLIS + millis - offset;
+    if (sum < INT64_MIN || sum > INT64_MAX) return "is out of the range of timestamp_millis";
+    *ret = int64_t(sum);
+    return nullptr;
+}
+
+const char* parse_bytea(cvn_datum_t* ret, char* text, uint32_t len) {
+    const char* const bad = "is not a byte string (\\x and pairs of hexadecimal digits)";
+    if (len < 2 || text[0] != '\\' || (text[1] != 'x' && text[1] != 'X') || len % 2 != 0) return bad;
+    for (uint32_t i = 2; i < len; i += 2) {
+        const int high = hex_digit(text[i]), low = hex_digit(text[i + 1]);
+        if (high < 0 || low < 0) return bad;
+        text[i / 2 - 1] = char(high << 4 | low);
+    }
+    ret->a.ptr = text;
+    ret->a.len = int32_t(len / 2 - 1);
+    return nullptr;
+}
+
+// Tells a decimal that is wrong from one that is only too long.
+const char* decimal_reason(const char* text, bool wide) {
+    decQuad probe;
+    if (!wide && cvn_dec128_from_string(&probe, text) == 0)
+        return "does not fit dec64 exactly (16 significant digits); use dec128";
+    double number;
+    const std::string_view view(text);
+    const auto [end, ec] = std::from_chars(view.data(), view.data() + view.size(), number);
+    if (ec != std::errc::invalid_argument && end == view.data() + view.size())
+        return wide ? "does not fit dec128 exactly (34 significant digits)"
+                    : "does not fit dec64 exactly (16 significant digits)";
+    return "is not a decimal number";
+}
+
+// Leading zeros as a calendar wants them; a sign only for years outside 0000 to 9999.
+void append_date(std::string* out, int64_t days) {
+    int64_t year;
+    unsigned month, day;
+    value_civil(days, &year, &month, &day);
+    if (year >= 0 && year <= 9999)
+        fmt::format_to(std::back_inserter(*out), "{:04}-{:02}-{:02}", year, month, day);
+    else
+        fmt::format_to(std::back_inserter(*out), "{}{:04}-{:02}-{:02}", year < 0 ? '-' : '+',
+                       year < 0 ? -year : year, month, day);
+}
+
+void append_time(std::string* out, int64_t millis) {
+    fmt::format_to(std::back_inserter(*out), "{:02}:{:02}:{:02}", millis / 3600000, millis / 60000 % 60,
+                   millis / 1000 % 60);
+    if (millis % 1000 != 0) fmt::format_to(std::back_inserter(*out), ".{:03}", millis % 1000);
+}
+
+// The fewest digits that give the value back, without an exponent where that is readable.
+template <typename T>
+void append_real(std::string* out, T v) {
+    if (std::isnan(v)) {
+        *out += "NaN";
+        return;
+    }
+    char buf[64];
+    const T size = std::fabs(v);
+    const bool plain = v == 0 || (size >= T(1e-5) && size < T(1e16));
+    const auto res = plain ? std::to_chars(buf, buf + sizeof(buf), v, std::chars_format::fixed)
+                           : std::to_chars(buf, buf + sizeof(buf), v);
+    out->append(buf, size_t(res.ptr - buf));
+}
+
+void append_int128(std::string* out, cvn_int128_t v) {
+    char buf[48];
+    char* p = buf + sizeof(buf);
+    auto u = static_cast<unsigned __int128>(v);
+    if (v < 0) u = -u;
+    do *--p = char('0' + int(u % 10));
+    while ((u /= 10) != 0);
+    if (v < 0) *--p = '-';
+    out->append(p, size_t(buf + sizeof(buf) - p));
+}
+
+template <typename T>
+int order(T a, T b) {
+    return a < b ? -1 : a > b ? 1 : 0;
+}
+
+}  // namespace
+
+void value_civil(int64_t days, int64_t* year, unsigned* month, unsigned* day) {
+    days += 719468;
+    const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+    const auto doe = static_cast<unsigned>(days - era * 146097);
+    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const unsigned mp = (5 * doy + 2) / 153;
+    *day = doy - (153 * mp + 2) / 5 + 1;
+    *month = mp < 10 ? mp + 3 : mp - 9;
+    *year = int64_t(yoe) + era * 400 + (*month <= 2);
+}
+
+const char* value_parse(cvn_datum_t* ret, char* text, uint32_t len, cvn_typ_t typ) {
+    const std::string_view view(text, len);
+    const bool cstr = (typ & 0xffff) == CVN_TYP_CSTR;
+    if (len == 0 && !cstr) return "is empty";
+    if (typ == CVN_TYP_DATE) return value_fast_date(text, len, &ret->i) ? nullptr : parse_date(&ret->i, view);
+    if (typ == CVN_TYP_TIME_MILLIS) return parse_time(&ret->i, view);
+    if (typ == CVN_TYP_TIMESTAMP_MILLIS) return parse_timestamp(&ret->I, view);
+    const char* why = nullptr;
+    int64_t v;
+    switch (typ & 0xffff) {
+        case CVN_TYP_BOOL: return parse_bool(&ret->b, view);
+        case CVN_TYP_INT16:
+            why = parse_int(&v, view, INT16_MIN, INT16_MAX, "is out of the range of int16 (-32768 to 32767)");
+            if (!why) ret->s = int16_t(v);
+            return why;
+        case CVN_TYP_INT32:
+            why = parse_int(&v, view, INT32_MIN, INT32_MAX,
+                            "is out of the range of int32 (-2147483648 to 2147483647)");
+            if (!why) ret->i = int32_t(v);
+            return why;
+        case CVN_TYP_INT64:
+            return parse_int(&ret->I, view, INT64_MIN, INT64_MAX, "is out of the range of int64; use int128");
+        case CVN_TYP_INT128: return parse_int128(&ret->L, view);
+        case CVN_TYP_FLOAT: return parse_real(&ret->f, view);
+        case CVN_TYP_DOUBLE:
+            return value_fast_double(text, len, &ret->F) ? nullptr : parse_real(&ret->F, view);
+        case CVN_TYP_BYTEA: return parse_bytea(ret, text, len);
+        case CVN_TYP_CSTR: ret->t = text; return nullptr;
+        // A NUL inside would hide the rest from decNumber.
+        case CVN_TYP_DEC64:
+            if (memchr(text, 0, len)) return "is not a decimal number";
+            return cvn_dec64_from_string(&ret->dec64, text) == 0 ? nullptr : decimal_reason(text, false);
+        case CVN_TYP_DEC128:
+            if (memchr(text, 0, len)) return "is not a decimal number";
+            return cvn_dec128_from_string(&ret->dec128, text) == 0 ? nullptr : decimal_reason(text, true);
+        default: return "is of an unknown type";
+    }
+}
+
+const char* value_from_text(value_t* ret, std::string_view text, cvn_typ_t typ) {
+    if (text.size() > INT32_MAX - 64) return "is too long";
+    ret->bytes.reset(new char[text.size() + 64]());
+    memcpy(ret->bytes.get(), text.data(), text.size());
+    memset(&ret->datum, 0, sizeof(ret->datum));
+    if ((typ & 0xffff) == CVN_TYP_CSTR && text.find('\0') != std::string_view::npos)
+        return "holds a NUL byte, which a text cannot; use bytea";
+    return value_parse(&ret->datum, ret->bytes.get(), uint32_t(text.size()), typ);
+}
+
+void value_append_text(std::string* out, const cvn_datum_t& datum, cvn_typ_t typ) {
+    char buf[64];
+    switch (typ) {
+        case CVN_TYP_DATE: append_date(out, datum.i); return;
+        case CVN_TYP_TIME_MILLIS:
+            if (datum.i < 0 || datum.i >= DAY_MILLIS)
+                fmt::format_to(std::back_inserter(*out), "{}ms", datum.i);
+            else
+                append_time(out, datum.i);
+            return;
+        case CVN_TYP_TIMESTAMP_MILLIS: {
+            int64_t days = datum.I / DAY_MILLIS, millis = datum.I % DAY_MILLIS;
+            if (millis < 0) {
+                millis += DAY_MILLIS;
+                --days;
+            }
+            append_date(out, days);
+            *out += 'T';
+            append_time(out, millis);
+            *out += 'Z';
+            return;
+        }
+        default: break;
+    }
+    switch (typ & 0xffff) {
+        case CVN_TYP_BOOL: *out += datum.raw[0] ? "true" : "false"; return;
+        case CVN_TYP_INT16: out->append(buf, size_t(std::to_chars(buf, buf + 64, datum.s).ptr - buf)); return;
+        case CVN_TYP_INT32: out->append(buf, size_t(std::to_chars(buf, buf + 64, datum.i).ptr - buf)); return;
+        case CVN_TYP_INT64: out->append(buf, size_t(std::to_chars(buf, buf + 64, datum.I).ptr - buf)); return;
+        case CVN_TYP_INT128: append_int128(out, datum.L); return;
+        case CVN_TYP_FLOAT: append_real(out, datum.f); return;
+        case CVN_TYP_DOUBLE: append_real(out, datum.F); return;
+        case CVN_TYP_BYTEA: {
+            constexpr char digit[] = "0123456789abcdef";
+            *out += "\\x";
+            for (int32_t i = 0; i < datum.a.len; ++i) {
+                *out += digit[static_cast<unsigned char>(datum.a.ptr[i]) >> 4];
+                *out += digit[static_cast<unsigned char>(datum.a.ptr[i]) & 15];
+            }
+            return;
+        }
+        case CVN_TYP_CSTR: *out += datum.t; return;
+        case CVN_TYP_DEC64:
+            cvn_dec64_to_string(buf, datum.dec64);
+            *out += buf;
+            return;
+        case CVN_TYP_DEC128:
+            cvn_dec128_to_string(buf, datum.dec128);
+            *out += buf;
+            return;
+        default: *out += '?';
+    }
+}
+
+bool value_is_nan(const cvn_datum_t& datum, cvn_typ_t typ) {
+    switch (typ & 0xffff) {
+        case CVN_TYP_FLOAT: return std::isnan(datum.f);
+        case CVN_TYP_DOUBLE: return std::isnan(datum.F);
+        // The five bits behind the sign are all ones in NaNs alone, quiet and signalling.
+        case CVN_TYP_DEC64: return (datum.dec64.bytes[7] & 0x7c) == 0x7c;
+        case CVN_TYP_DEC128: return (datum.dec128.bytes[15] & 0x7c) == 0x7c;
+        default: return false;
+    }
+}
+
+int value_cmp(const cvn_datum_t& a, const cvn_datum_t& b, cvn_typ_t typ) {
+    if (value_is_nan(a, typ) || value_is_nan(b, typ)) return 2;
+    switch (typ & 0xffff) {
+        case CVN_TYP_BOOL: return order(a.raw[0] != 0, b.raw[0] != 0);
+        case CVN_TYP_INT16: return order(a.s, b.s);
+        case CVN_TYP_INT32: return order(a.i, b.i);
+        case CVN_TYP_INT64: return order(a.I, b.I);
+        case CVN_TYP_INT128: return order(a.L, b.L);
+        case CVN_TYP_FLOAT: return order(a.f, b.f);
+        case CVN_TYP_DOUBLE: return order(a.F, b.F);
+        case CVN_TYP_BYTEA: {
+            const size_t n = size_t(a.a.len < b.a.len ? a.a.len : b.a.len);
+            const int c = n == 0 ? 0 : memcmp(a.a.ptr, b.a.ptr, n);
+            return c != 0 ? (c < 0 ? -1 : 1) : order(a.a.len, b.a.len);
+        }
+        case CVN_TYP_CSTR: {
+            const int c = strcmp(a.t, b.t);
+            return c < 0 ? -1 : c > 0 ? 1 : 0;
+        }
+        case CVN_TYP_DEC64: return cvn_dec64_cmp(a.dec64, b.dec64);
+        case CVN_TYP_DEC128: return cvn_dec128_cmp(a.dec128, b.dec128);
+        default: return 2;
+    }
+}
+
+bool value_is_number(cvn_typ_t typ) {
+    if (typ >> 16 != 0) return false;
+    switch (typ) {
+        case CVN_TYP_BOOL:
+        case CVN_TYP_BYTEA:
+        case CVN_TYP_CSTR: return false;
+        default: return true;
+    }
+}
