@@ -1,0 +1,508 @@
+"""Starts and stops the daemon under test, and talks to it in raw bytes.
+
+Each Daemon has a temporary data directory of its own and a free port. The environment variable KELPD names the program.
+A daemon that forks into the background leaves its launcher behind, so this process declares itself the reaper of
+orphans: the daemon becomes its child, is found by that, and its exit status can be read. Everything is stopped by
+process id. Every wait is bounded by WAIT seconds, which only a broken daemon ever reaches.
+"""
+import collections
+import ctypes
+import glob
+import os
+import random
+import re
+import resource
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import time
+
+_PR_SET_CHILD_SUBREAPER = 36
+
+
+def program():
+    path = os.environ.get("KELPD", "")
+    if not os.access(path, os.X_OK):
+        raise RuntimeError("set KELPD to the daemon to test")
+    return os.path.abspath(path)
+
+
+def _is_sanitized():
+    try:
+        with open(program(), "rb") as f:
+            data = f.read()
+    except RuntimeError:
+        return False
+    return b"__asan_init" in data or b"__ubsan_handle" in data
+
+
+SANITIZED = _is_sanitized()
+WAIT = 180.0 if SANITIZED else 60.0
+
+
+def until(condition, what, wait=None):
+    """Calls `condition` until it returns something true, and returns that."""
+    end = time.monotonic() + (wait or WAIT)
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise AssertionError(f"waited in vain for {what}")
+        time.sleep(0.005)
+
+
+def free_port(low=10240, high=32000):
+    """A port that nothing listens on, outside the range that the kernel hands out to clients."""
+    for _ in range(200):
+        port = random.randrange(low, high)
+        with socket.socket() as s:
+            try:
+                s.bind(("", port))
+                return port
+            except OSError:
+                pass
+    raise RuntimeError("no free port")
+
+
+# /proc.
+
+Stat = collections.namedtuple("Stat", "pid comm state ppid pgrp sid")
+
+
+def stat_of(pid):
+    """The state of a process, or None when it is gone."""
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            text = f.read()
+    except OSError:
+        return None
+    head, _, tail = text.rpartition(")")
+    fields = tail.split()
+    return Stat(pid, head.partition("(")[2], fields[0], int(fields[1]), int(fields[2]), int(fields[3]))
+
+
+def all_processes():
+    return [s for s in (stat_of(int(name)) for name in os.listdir("/proc") if name.isdigit()) if s]
+
+
+def children_of(pid):
+    try:
+        with open(f"/proc/{pid}/task/{pid}/children") as f:
+            return [int(word) for word in f.read().split()]
+    except OSError:
+        return [s.pid for s in all_processes() if s.ppid == pid]
+
+
+def status_field(pid, name):
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            key, _, value = line.partition(":")
+            if key == name:
+                return value.strip()
+    raise KeyError(name)
+
+
+def descriptors(pid):
+    """What each open descriptor of a process refers to."""
+    found = {}
+    for name in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            found[int(name)] = os.readlink(f"/proc/{pid}/fd/{name}")
+        except OSError:
+            pass
+    return found
+
+
+def listening(pid):
+    """The (address, port) pairs on which a process listens, the address as four bytes."""
+    try:
+        inodes = {m[1] for m in (re.match(r"socket:\[(\d+)\]", t) for t in descriptors(pid).values()) if m}
+    except OSError:
+        return []
+    if not inodes:
+        return []
+    found = []
+    with open("/proc/net/tcp") as f:
+        for line in f.readlines()[1:]:
+            field = line.split()
+            if field[3] == "0A" and field[9] in inodes:
+                address, port = field[1].split(":")
+                found.append((struct.pack("=I", int(address, 16)), int(port, 16)))
+    return found
+
+
+def backlog(port):
+    """The backlog of the IPv4 socket listening on `port`, asked from the kernel's socket diagnostics."""
+    with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 4) as s:
+        s.settimeout(WAIT)
+        request = struct.pack("=BBBxI", socket.AF_INET, socket.IPPROTO_TCP, 0, 1 << 10) + bytes(48)
+        s.send(struct.pack("=IHHII", 16 + len(request), 20, 0x301, 1, 0) + request)
+        while True:
+            data = s.recv(1 << 16)
+            while data:
+                size, kind = struct.unpack_from("=IH", data)
+                if kind in (2, 3):
+                    return None
+                body = data[16:size]
+                if struct.unpack_from(">H", body, 4)[0] == port:
+                    return struct.unpack_from("=I", body, 60)[0]
+                data = data[(size + 3) // 4 * 4 :]
+
+
+# Sockets.
+
+
+def connect(port, rcvbuf=None, source=None):
+    s = socket.socket()
+    s.settimeout(WAIT)
+    if rcvbuf:
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
+    if source:
+        s.bind((source, 0))
+    s.connect(("127.0.0.1", port))
+    s.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    return s
+
+
+def send(s, data):
+    """Sends all of it, or as much as the peer takes before it closes."""
+    try:
+        s.sendall(data)
+    except (BrokenPipeError, ConnectionResetError):
+        pass
+
+
+def receive(s):
+    """Everything up to the peer's close, which may be a reset: that is what a close with bytes unread turns into."""
+    parts = []
+    while True:
+        try:
+            part = s.recv(1 << 16)
+        except ConnectionResetError:
+            part = b""
+        if not part:
+            return b"".join(parts)
+        parts.append(part)
+
+
+def reset(s):
+    """Closes at once with a reset instead of an orderly end."""
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    s.close()
+
+
+class Daemon:
+    """One daemon and its data directory.
+
+    options   command-line options besides -D
+    nofork    start it with -n, in the foreground
+    conf      text of kelpd.conf with "{port}" standing for the port, or bytes; None is "port = {port}\\n"
+    env       variables added to the environment
+    user      number of the user to run as; the data directory then belongs to it
+    ignore    signals that the daemon inherits as ignored
+    prepare   called with the data directory before the start
+    """
+
+    def __init__(self, *options, nofork=False, conf=None, env=None, user=None, ignore=(), prepare=None,
+                 port_value=None):
+        self.options = options + (("-n",) if nofork else ())
+        self.nofork = nofork
+        self.conf = conf
+        self.port_value = port_value or str
+        self.user = user
+        self.ignore = ignore
+        self.scratch = tempfile.mkdtemp(prefix="kelpd-wire-")
+        self.dir = os.path.join(self.scratch, "data")
+        os.mkdir(self.dir)
+        self.reports = os.path.join(self.scratch, "reports")
+        os.mkdir(self.reports)
+        sanitizer = f"log_path={self.reports}/r:detect_leaks=0:abort_on_error=0:print_stacktrace=1"
+        self.env = {**os.environ, "ASAN_OPTIONS": sanitizer, "UBSAN_OPTIONS": sanitizer, "LC_ALL": "C",
+                    **(env or {})}
+        self.terminal_path = os.path.join(self.scratch, "terminal")
+        self.pid = None
+        self.port = None
+        self.exit_status = None
+        self._launcher = None
+        self._taken = 0
+        self.program = program()
+        if user is not None:
+            # The other user may not be able to reach the build directory.
+            self.program = shutil.copy(self.program, self.scratch)
+            for path in (self.scratch, self.dir, self.reports):
+                os.chown(path, user, user)
+        if prepare:
+            prepare(self.dir)
+
+    def path(self, *names):
+        return os.path.join(self.dir, *names)
+
+    # Starting.
+
+    def start(self):
+        """Starts it and waits until it listens; on another port when somebody took the first one meanwhile."""
+        try:
+            for _ in range(10):
+                self.port = free_port()
+                self.write_conf()
+                self.launch()
+                if self._await_listening():
+                    self._taken = len(self.log())
+                    return self
+                if "ERROR: bind() failed - Address already in use\n" not in self.terminal() + self.log():
+                    break
+                shutil.rmtree(self.path("log"), ignore_errors=True)
+            raise AssertionError(
+                f"the daemon does not start: {self.exit_status}\n{self.terminal()}\n{self.log()}\n{self._reports()}")
+        except BaseException:
+            self.cleanup()
+            raise
+
+    def write_conf(self):
+        conf = self.conf if self.conf is not None else "port = {port}\n"
+        if isinstance(conf, str):
+            conf = conf.replace("{port}", self.port_value(self.port)).encode()
+        with open(self.path("kelpd.conf"), "wb") as f:
+            f.write(conf)
+
+    def launch(self):
+        """Runs the program. In daemon mode waits for the launcher's end; the daemon is then a child of this process."""
+        if ctypes.CDLL(None).prctl(_PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
+            raise RuntimeError("cannot become the reaper of orphans")
+        before = set(children_of(os.getpid()))
+        self.exit_status = None
+
+        def set_signals():
+            # Whoever runs the tests may ignore some of them, as nohup and background jobs do.
+            for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGCHLD):
+                signal.signal(number, signal.SIG_DFL)
+            for number in self.ignore:
+                signal.signal(number, signal.SIG_IGN)
+
+        with open(self.terminal_path, "wb") as terminal:
+            launcher = subprocess.Popen(
+                [self.program, *self.options, "-D", self.dir], stdin=subprocess.DEVNULL, stdout=terminal,
+                stderr=terminal, env=self.env, start_new_session=True, user=self.user, group=self.user,
+                extra_groups=None if self.user is None else [], preexec_fn=set_signals)
+        if self.nofork:
+            self._launcher, self.pid = launcher, launcher.pid
+            return
+        status = launcher.wait(WAIT)
+        if status != 0:
+            self.exit_status = status
+            return
+        found = [pid for pid in children_of(os.getpid()) if pid not in before]
+        if len(found) != 1:
+            raise AssertionError(f"the launcher left {len(found)} processes behind")
+        self.pid = found[0]
+
+    def _await_listening(self):
+        if self.pid is None:
+            return False
+        until(lambda: listening(self.pid) or self.has_ended(), "the daemon to listen")
+        if self.exit_status is not None:
+            return False
+        self.port = listening(self.pid)[0][1]
+        return True
+
+    # Watching.
+
+    def has_ended(self):
+        """True when the process has ended; its status is then in `exit_status`, a signal as its negative number."""
+        if self.pid is None or self.exit_status is not None:
+            return True
+        if self._launcher:
+            self.exit_status = self._launcher.poll()
+        else:
+            pid, status = os.waitpid(self.pid, os.WNOHANG)
+            if pid:
+                self.exit_status = os.waitstatus_to_exitcode(status)
+        return self.exit_status is not None
+
+    def await_end(self):
+        until(self.has_ended, "the daemon to end")
+        return self.exit_status
+
+    def terminal(self):
+        """What the terminal that started it has seen."""
+        try:
+            with open(self.terminal_path, encoding="latin-1", newline="") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def log_files(self):
+        return sorted(glob.glob(self.path("log", "kelpd-*.log")))
+
+    def log(self):
+        """All diagnostics so far: the log files in their order, or the terminal with -n."""
+        if self.nofork:
+            return self.terminal()
+        text = ""
+        for name in self.log_files():
+            with open(name, encoding="latin-1", newline="") as f:
+                text += f.read()
+        return text
+
+    def take_log(self):
+        """The diagnostics since the last call."""
+        text = self.log()
+        new, self._taken = text[self._taken :], len(text)
+        return new
+
+    def await_log(self, nline):
+        """Waits for as many lines as given since the last take, then takes what is there."""
+        until(lambda: self.log().count("\n", self._taken) >= nline or self.has_ended(), f"{nline} log lines")
+        return self.take_log()
+
+    def children(self):
+        return [s for s in map(stat_of, children_of(self.pid)) if s and s.ppid == self.pid]
+
+    def await_idle(self):
+        """Waits until no connection child is left, not even as a zombie."""
+        until(lambda: not children_of(self.pid), "the connection children to end")
+
+    def await_child(self, known=()):
+        """The process of a connection just made, once it has closed its copy of the listening socket."""
+        def find():
+            return [s.pid for s in self.children() if s.pid not in known and s.state != "Z" and not listening(s.pid)]
+        return until(find, "a connection child")[0]
+
+    def limit(self, what, soft, pid=None):
+        """Lowers a resource limit of the running daemon, or of a child of it."""
+        if self.user is None:
+            resource.prlimit(pid or self.pid, what, (soft, soft))
+            return
+        # Root without all its capabilities may do this to its own processes only, so the other user does it.
+        helper = os.fork()
+        if helper == 0:
+            try:
+                os.setgroups([])
+                os.setgid(self.user)
+                os.setuid(self.user)
+                resource.prlimit(pid or self.pid, what, (soft, soft))
+                os._exit(0)
+            finally:
+                os._exit(1)
+        if os.waitpid(helper, 0)[1] != 0:
+            raise RuntimeError("cannot set the limit")
+
+    def free_descriptor(self, pid=None):
+        """The lowest descriptor number that the daemon, or a child of it, does not use."""
+        used = descriptors(pid or self.pid)
+        return next(number for number in range(len(used) + 1) if number not in used)
+
+    # Talking.
+
+    def connect(self, **options):
+        return connect(self.port, **options)
+
+    def ask(self, raw, half_close=False):
+        """Sends `raw` on a new connection and returns the whole reply."""
+        with self.connect() as s:
+            send(s, raw)
+            if half_close:
+                try:
+                    s.shutdown(socket.SHUT_WR)
+                except OSError:
+                    pass
+            return receive(s)
+
+    # The data directory.
+
+    def clear(self):
+        """Empties base/ and tmp/ behind the daemon's back."""
+        for name in ("base", "tmp"):
+            shutil.rmtree(self.path(name), ignore_errors=True)
+            os.mkdir(self.path(name), 0o700)
+            if self.user is not None:
+                os.chown(self.path(name), self.user, self.user)
+
+    def store(self, name, data):
+        """Puts a file into base/ without asking the daemon. The bytes go into place under their own name."""
+        path = self.path("base", name)
+        os.makedirs(os.path.dirname(path), 0o700, exist_ok=True)
+        with open(path, "wb") as f:
+            f.write(data)
+
+    def load(self, name):
+        with open(self.path("base", name), "rb") as f:
+            return f.read()
+
+    def tree(self, top="base"):
+        """Every path below a directory, sorted, directories with a slash behind them."""
+        found = []
+        for folder, folders, files in os.walk(self.path(top)):
+            inside = os.path.relpath(folder, self.path(top))
+            found += [os.path.normpath(os.path.join(inside, name)) + "/" for name in folders]
+            found += [os.path.normpath(os.path.join(inside, name)) for name in files]
+        return sorted(found)
+
+    # Ending.
+
+    def _reports(self):
+        text = ""
+        for name in sorted(os.listdir(self.reports)):
+            with open(os.path.join(self.reports, name), encoding="latin-1") as f:
+                text += f.read()
+        return text
+
+    def sanitizer_reports(self):
+        """What a sanitizer found, or ""."""
+        text = self._reports()
+        for name, output in (("the log", self.log()), ("the terminal", self.terminal())):
+            if re.search(r"runtime error:|Sanitizer", output):
+                text += f"in {name}:\n{output}"
+        return text
+
+    def kill(self):
+        """Ends the daemon and the connection children it left, and reaps them."""
+        if self.pid is None:
+            return
+        if not self.has_ended():
+            os.kill(self.pid, signal.SIGKILL)
+            self.await_end()
+        until(self._reap_orphans, "the orphans to end")
+
+    def _reap_orphans(self):
+        left = [s for s in map(stat_of, children_of(os.getpid())) if s and s.sid == self.pid and s.pid != self.pid]
+        for orphan in left:
+            try:
+                os.kill(orphan.pid, signal.SIGKILL)
+                os.waitpid(orphan.pid, os.WNOHANG)
+            except (ProcessLookupError, ChildProcessError):
+                pass
+        return not left
+
+    def cleanup(self):
+        try:
+            self.kill()
+        finally:
+            shutil.rmtree(self.scratch, ignore_errors=True)
+
+    def stop(self):
+        """Ends it and removes its directories. Raises when a sanitizer reported something."""
+        if not os.path.exists(self.scratch):
+            return
+        try:
+            self.kill()
+            reports = self.sanitizer_reports()
+        finally:
+            self.cleanup()
+        if reports:
+            raise AssertionError(reports)
+
+    def restart(self):
+        """Starts the program again on the same directory after the daemon ended."""
+        self.kill()
+        self.pid = self._launcher = None
+        log = self.log()
+        self.launch()
+        if not self._await_listening():
+            raise AssertionError(f"the daemon does not start again\n{self.terminal()}\n{self.log()}")
+        self._taken = len(self.log())
+        return log
