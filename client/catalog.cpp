@@ -1,0 +1,408 @@
+// catalog: what a server has, and changes to it.
+//
+// The daemon writes names into its JSON as they are, without escapes. So a text here ends at the first quote
+// that something follows which may follow a text, and nothing is unescaped.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+#include "client/client_int.h"
+
+namespace {
+
+constexpr size_t JSON_MAX = size_t{256} << 20;  // a catalogue larger than this is not believed
+constexpr char JSON_HINT[] = "check host and port: what answers there does not seem to be kelpd";
+
+struct json_t {
+    std::string_view rest;
+};
+
+}  // namespace
+
+// JSON.
+
+static char peek(json_t* j) {
+    while (!j->rest.empty() &&
+           (j->rest[0] == ' ' || j->rest[0] == '\n' || j->rest[0] == '\r' || j->rest[0] == '\t'))
+        j->rest.remove_prefix(1);
+    return j->rest.empty() ? '\0' : j->rest[0];
+}
+
+static bool take(json_t* j, char c) {
+    if (peek(j) != c) return false;
+    j->rest.remove_prefix(1);
+    return true;
+}
+
+static bool take_string(json_t* j, std::string* ret) {
+    if (!take(j, '"')) return false;
+    for (size_t at = 0; (at = j->rest.find('"', at)) != j->rest.npos; at++) {
+        json_t behind{j->rest.substr(at + 1)};
+        const char next = peek(&behind);
+        if (next != ',' && next != ']' && next != '}' && next != ':') continue;
+        *ret = j->rest.substr(0, at);
+        j->rest.remove_prefix(at + 1);
+        return true;
+    }
+    return false;
+}
+
+static bool take_number(json_t* j, int64_t* ret) {
+    (void)peek(j);
+    const char* first = j->rest.data();
+    const auto [p, ec] = std::from_chars(first, first + j->rest.size(), *ret);
+    if (ec != std::errc{}) return false;
+    j->rest.remove_prefix(static_cast<size_t>(p - first));
+    return true;
+}
+
+// Goes through "[x, y, ...]"; `one` takes an element.
+template <typename F>
+static bool take_array(json_t* j, F one) {
+    if (!take(j, '[')) return false;
+    if (take(j, ']')) return true;
+    do {
+        if (!one()) return false;
+    } while (take(j, ','));
+    return take(j, ']');
+}
+
+// Goes through an object; `one` takes the value of a key.
+template <typename F>
+static bool take_object(json_t* j, F one) {
+    if (!take(j, '{')) return false;
+    do {
+        std::string key;
+        if (!take_string(j, &key) || !take(j, ':') || !one(key)) return false;
+    } while (take(j, ','));
+    return take(j, '}');
+}
+
+static bool is_over(json_t* j) { return peek(j) == '\0' && j->rest.empty(); }
+
+// Requests.
+
+static int sink_text(void* arg, const char* p, size_t n, kelp_error_t* err) {
+    auto* text = static_cast<std::string*>(arg);
+    if (n > JSON_MAX - text->size())
+        return kelp_fail(err, KELP_EPROTO, JSON_HINT, "the reply is larger than any catalogue");
+    text->append(p, n);
+    return 0;
+}
+
+static int get_json(std::string* ret, const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err) {
+    http_t http{.url = kelp_url_format(url, false), .opt = &opt};
+    http.sink = sink_text;
+    http.sink_arg = ret;
+    return http_run(&http, err);
+}
+
+static int no_catalogue(const kelp_url_t& url, kelp_error_t* err) {
+    return kelp_fail(err, KELP_EPROTO, JSON_HINT, "the reply for %s is no catalogue",
+                     kelp_url_format(url, true).c_str());
+}
+
+int kelp_list(std::vector<std::string>* ret_name, const kelp_url_t& url, const kelp_opt_t& opt,
+              kelp_error_t* err) {
+    return kelp_guard(err, [&] {
+        ret_name->clear();
+        if (const int code = want_depth(url, 0, 2, "a server, a database or a schema", err)) return code;
+        std::string text;
+        if (const int code = get_json(&text, url, opt, err)) return code;
+        std::vector<std::string> name;
+        json_t j{text};
+        const bool good = take_array(&j, [&] { return take_string(&j, &name.emplace_back()); });
+        if (!good || !is_over(&j)) return no_catalogue(url, err);
+        ret_name->swap(name);
+        return 0;
+    });
+}
+
+static int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const kelp_opt_t& opt,
+                      kelp_error_t* err) {
+    ret_file->clear();
+    if (const int code = want_depth(url, 3, 3, "a table", err)) return code;
+    std::string text;
+    if (const int code = get_json(&text, url, opt, err)) return code;
+    std::vector<kelp_file_t> file;
+    json_t j{text};
+    const bool good = take_array(&j, [&] {
+        kelp_file_t f{};
+        int64_t chksum = 0, ncol = 0;
+        const bool whole = take_object(&j, [&](const std::string& key) {
+            if (key == "name") return take_string(&j, &f.name);
+            int64_t v;
+            if (!take_number(&j, &v)) return false;
+            int64_t ignored;
+            int64_t* to = key == "chksum"      ? &chksum
+                          : key == "ncol"      ? &ncol
+                          : key == "nrow"      ? &f.nrow
+                          : key == "nrowgroup" ? &f.nrowgroup
+                          : key == "nbyte"     ? &f.nbyte
+                          : key == "zbyte"     ? &f.zbyte
+                                               : &ignored;
+            *to = v;
+            return true;
+        });
+        f.chksum = static_cast<int32_t>(chksum);
+        f.ncol = static_cast<int32_t>(ncol);
+        file.push_back(f);
+        return whole && !f.name.empty();
+    });
+    if (!good || !is_over(&j)) return no_catalogue(url, err);
+    ret_file->swap(file);
+    return 0;
+}
+
+int kelp_list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const kelp_opt_t& opt,
+                    kelp_error_t* err) {
+    return kelp_guard(err, [&] { return list_files(ret_file, url, opt, err); });
+}
+
+static cvn_typ_t typ_of(const std::string& name) {
+    static constexpr cvn_typ_t ALL[] = {CVN_TYP_BOOL,        CVN_TYP_INT16,           CVN_TYP_INT32,
+                                        CVN_TYP_INT64,       CVN_TYP_INT128,          CVN_TYP_FLOAT,
+                                        CVN_TYP_DOUBLE,      CVN_TYP_BYTEA,           CVN_TYP_CSTR,
+                                        CVN_TYP_DEC64,       CVN_TYP_DEC128,          CVN_TYP_DATE,
+                                        CVN_TYP_TIME_MILLIS, CVN_TYP_TIMESTAMP_MILLIS};
+    for (const cvn_typ_t typ : ALL)
+        if (name == cvn_typ_str(typ)) return typ;
+    return 0;
+}
+
+static int list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksum, const kelp_url_t& url,
+                        const kelp_opt_t& opt, kelp_error_t* err) {
+    ret_column->clear();
+    *ret_chksum = 0;
+    if (const int code = want_depth(url, 4, 4, "a file", err)) return code;
+    std::string text;
+    if (const int code = get_json(&text, url, opt, err)) return code;
+    std::vector<kelp_column_t> column;
+    int64_t chksum = 0;
+    json_t j{text};
+    const auto one_column = [&] {
+        kelp_column_t c{};
+        const bool whole = take_object(&j, [&](const std::string& key) {
+            std::string typ;
+            int64_t cno;
+            if (key == "name") return take_string(&j, &c.name);
+            if (key == "cno") return take_number(&j, &cno) && cno == static_cast<int64_t>(column.size());
+            if (key != "typ" || !take_string(&j, &typ)) return false;
+            c.typ = typ_of(typ);
+            return true;
+        });
+        column.push_back(c);
+        return whole;
+    };
+    const bool good = take_object(&j, [&](const std::string& key) {
+        if (key == "column") return take_array(&j, one_column);
+        return key == "chksum" && take_number(&j, &chksum);
+    });
+    if (!good || !is_over(&j)) return no_catalogue(url, err);
+    ret_column->swap(column);
+    *ret_chksum = static_cast<int32_t>(chksum);
+    return 0;
+}
+
+int kelp_list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksum, const kelp_url_t& url,
+                      const kelp_opt_t& opt, kelp_error_t* err) {
+    return kelp_guard(err, [&] { return list_columns(ret_column, ret_chksum, url, opt, err); });
+}
+
+int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
+                  const kelp_url_t& table, const kelp_opt_t& opt, kelp_error_t* err) {
+    int code = kelp_fail(err, KELP_ENOTFOUND, "upload a file first", "%s has no data files, hence no columns",
+                         kelp_url_format(table, true).c_str());
+    for (const kelp_file_t& f : file) {
+        // Of the files that the catalogue lists, a scan reads those of this name only.
+        if (!f.name.ends_with(".cvn")) continue;
+        kelp_url_t url = table;
+        url.partition = f.name;
+        int32_t chksum;
+        code = list_columns(ret_column, &chksum, url, opt, err);
+        if (code != KELP_ENOTFOUND) break;  // one that was removed meanwhile does not matter
+    }
+    return code;
+}
+
+int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t& url, const kelp_opt_t& opt,
+                       kelp_error_t* err) {
+    return kelp_guard(err, [&] {
+        ret_column->clear();
+        std::vector<kelp_file_t> file;
+        if (const int code = list_files(&file, url, opt, err)) return code;
+        return table_columns(ret_column, file, url, opt, err);
+    });
+}
+
+// Files.
+
+static int upload_ret(int code, int fd) {
+    if (fd >= 0) close(fd);
+    return code;
+}
+
+static int upload(const kelp_url_t& place, const char* fpath, kelp_progress_t progress, void* arg,
+                  const kelp_opt_t& opt, kelp_error_t* err) {
+    if (const int code = want_depth(place, 3, 4, "a table or a file of one", err)) return code;
+    kelp_url_t url = place;
+    if (url.partition.empty()) {
+        const std::string_view path = fpath;
+        url.partition = path.substr(path.rfind('/') + 1);
+        if (url.partition.empty() || url.partition[0] == '.')
+            return kelp_fail(err, KELP_EARG, "name the file in the URL", "%s has no name to upload it under",
+                             fpath);
+    }
+    const int fd = open(fpath, O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0)
+        return upload_ret(kelp_fail(err, KELP_EFILE, nullptr, "cannot open %s: %s", fpath, strerror(errno)),
+                          fd);
+    if (!S_ISREG(st.st_mode))
+        return upload_ret(kelp_fail(err, KELP_EFILE, nullptr, "%s is no regular file", fpath), fd);
+    http_t http{.method = "PUT", .url = kelp_url_format(url, false), .opt = &opt};
+    http.fd = fd;
+    http.filesz = st.st_size;
+    http.progress = progress;
+    http.progress_arg = arg;
+    const int code = upload_ret(http_run(&http, err), fd);
+    if (code == KELP_EREFUSED && err && err->http_status == 400) {
+        constexpr char VERIFY_HINT[] = "a data file must be whole: verify it first";
+        static_assert(sizeof(VERIFY_HINT) <= sizeof(err->hint));
+        memcpy(err->hint, VERIFY_HINT, sizeof(VERIFY_HINT));
+    }
+    if (code == 0 && progress && http.filesz == 0) (void)progress(arg, 0, 0);  // done already
+    return code;
+}
+
+int kelp_upload(const kelp_url_t& url, const char* fpath, kelp_progress_t progress, void* arg,
+                const kelp_opt_t& opt, kelp_error_t* err) {
+    return kelp_guard(err, [&] { return upload(url, fpath, progress, arg, opt, err); });
+}
+
+int kelp_remove(const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err) {
+    return kelp_guard(err, [&] {
+        if (const int code = want_depth(url, 1, 4, "anything to remove", err)) return code;
+        http_t http{.method = "DELETE", .url = kelp_url_format(url, false), .opt = &opt};
+        return http_run(&http, err);
+    });
+}
+
+// Totals.
+
+namespace {
+
+// The pages of the two replies that carry counts rather than columns.
+struct totals_t {
+    bool is_meta;
+    int64_t value[2] = {0, 0};  // meta: its two values; count: the rows so far
+    std::vector<char> body;
+    int64_t nrecord = 0;
+};
+
+}  // namespace
+
+static constexpr char TOTALS_HINT[] = "check host and port: what answers there does not seem to be kelpd";
+
+static int totals_record_begin(void* arg, int32_t, kelp_error_t* err) {
+    auto* t = static_cast<totals_t*>(arg);
+    if (t->is_meta && t->nrecord++ > 0)
+        return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply has two records");
+    return 0;
+}
+
+static int totals_page_begin(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err) {
+    auto* t = static_cast<totals_t*>(arg);
+    // These pages are made for the reply: never compressed, and without a hash.
+    const bool right = t->is_meta ? k < 2 && head.cno == k && head.typ == CVN_TYP_INT64 && head.nrow == 1 &&
+                                        head.nmapoff == 8 && head.nbyte == 9 && head.zbyte == 9
+                                  : k == 0 && head.cno == -1 && head.nrow > 0 && head.nbyte == head.zbyte &&
+                                        head.nbyte == (head.nrow - 1) / 8 / 8 + 1;
+    if (!right) return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply is no row count");
+    t->body.resize(static_cast<size_t>(head.zbyte));
+    *ret_dst = t->body.data();
+    return 0;
+}
+
+static int totals_page_end(void* arg, int k, const page_head_t& head, kelp_error_t* err) {
+    auto* t = static_cast<totals_t*>(arg);
+    if (t->is_meta) {
+        memcpy(&t->value[k], t->body.data(), sizeof(t->value[k]));
+        return 0;
+    }
+    if (__builtin_add_overflow(t->value[0], int64_t{head.nrow}, &t->value[0]))
+        return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply counts too many rows");
+    return 0;
+}
+
+static int totals_record_end(void* arg, int npage, kelp_error_t* err) {
+    const auto* t = static_cast<const totals_t*>(arg);
+    if (npage == (t->is_meta ? 2 : 1)) return 0;
+    return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply is no row count");
+}
+
+static int sink_stream(void* arg, const char* p, size_t n, kelp_error_t* err) {
+    return stream_feed(static_cast<stream_t*>(arg), p, n, err);
+}
+
+static int get_totals(totals_t* t, const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err) {
+    if (const int code = want_depth(url, 3, 3, "a table", err)) return code;
+    stream_t st{.user = {totals_record_begin, totals_page_begin, totals_page_end, totals_record_end, t},
+                .max_record_nbyte = opt.max_record_nbyte};
+    http_t http{.method = "POST", .url = kelp_url_format(url, false), .opt = &opt};
+    http.body = t->is_meta ? R"({"command": ["meta"]})" : "{}";
+    http.sink = sink_stream;
+    http.sink_arg = &st;
+    if (const int code = http_run(&http, err)) return code;
+    if (const int code = stream_end(&st, err)) return code;
+    if (t->is_meta && t->nrecord != 1)
+        return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply is no row count");
+    return 0;
+}
+
+int kelp_meta(kelp_meta_t* ret_meta, const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err) {
+    return kelp_guard(err, [&] {
+        *ret_meta = kelp_meta_t{};
+        totals_t t{.is_meta = true};
+        if (const int code = get_totals(&t, url, opt, err)) return code;
+        *ret_meta = kelp_meta_t{.nrow = t.value[0], .nrowgroup = t.value[1]};
+        return 0;
+    });
+}
+
+static int count_scanned(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt,
+                         kelp_error_t* err) {
+    kelp_query_t rows = query;
+    rows.rows_only = true;
+    rows.exact = true;
+    kelp_scan_t* scan = nullptr;
+    if (const int code = kelp_scan_open(&scan, rows, opt, err)) return code;
+    int64_t nrow = 0;
+    kelp_batch_t* batch = nullptr;
+    int code;
+    while ((code = kelp_scan_next(scan, &batch, err)) == 0) {
+        nrow += batch->nrow;
+        kelp_batch_free(batch);
+    }
+    kelp_scan_close(scan);
+    if (code != KELP_END) return code;
+    *ret_nrow = nrow;
+    return 0;
+}
+
+int kelp_count(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt, kelp_error_t* err) {
+    return kelp_guard(err, [&] {
+        *ret_nrow = 0;
+        if (!query.cond.empty()) return count_scanned(ret_nrow, query, opt, err);
+        totals_t t{.is_meta = false};
+        if (const int code = get_totals(&t, query.url, opt, err)) return code;
+        *ret_nrow = t.value[0];
+        return 0;
+    });
+}

@@ -1,0 +1,254 @@
+// Shared by the sources of the client, never installed.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/client.h"
+
+static_assert(std::endian::native == std::endian::little);
+
+// Errors.
+
+// Fills `*err` (may be null) and returns `code`. `hint` may be null.
+__attribute__((format(printf, 4, 5))) int kelp_fail(kelp_error_t* err, int code, const char* hint,
+                                                    const char* fmt, ...);
+// The same when out of memory; and for the server's words, which are made printable first.
+int kelp_nomem(kelp_error_t* err);
+void kelp_said(kelp_error_t* err, std::string_view said);
+
+// Runs `f`, which returns a code, and turns what it throws into one.
+template <typename F>
+int kelp_guard(kelp_error_t* err, F f) noexcept {
+    try {
+        return f();
+    } catch (...) {
+        return kelp_nomem(err);
+    }
+}
+
+// HTTP (http.cpp).
+
+// One request. The first group is set by the caller, the second by http_run.
+struct http_t {
+    const char* method = "GET";
+    std::string url;
+    std::string body;  // POST
+    int fd = -1;       // PUT: the file, from its start; borrowed
+    int64_t filesz = 0;
+    kelp_progress_t progress = nullptr;
+    void* progress_arg = nullptr;
+    const kelp_opt_t* opt = nullptr;
+    const std::atomic<bool>* stop = nullptr;  // ends the request like opt->cancel
+    CURLM* multi = nullptr;                   // the caller's, to be woken up; null: one for this request
+    // Takes the bytes of a reply with status 200, its transfer encoding undone.
+    int (*sink)(void* arg, const char* p, size_t n, kelp_error_t* err) = nullptr;
+    void* sink_arg = nullptr;
+
+    int status = 0;
+    std::string error_body;  // of a reply with another status, its first bytes
+};
+
+// Performs the request. Returns 0 when the whole reply with status 200 arrived and the sink took it, else a
+// code.
+[[nodiscard]] int http_run(http_t* http, kelp_error_t* err);
+
+// Milliseconds of the monotonic clock.
+int64_t now_ms();
+
+// Undoes the chunked transfer encoding of the daemon: any chunk extension, any trailer. libcurl could do so
+// as well, but would keep to itself what the server wrote in place of a chunk, which is how kelpd reports a
+// failure in the middle of a stream.
+struct chunk_t {
+    enum state_t : int { SIZE_LINE, DATA, DATA_CR, DATA_LF, TRAILER, DONE };
+    state_t state = SIZE_LINE;
+    uint64_t left = 0;  // DATA: bytes to come
+    size_t linesz = 0;  // SIZE_LINE, TRAILER: bytes in `line`
+    char line[256];
+    bool any = false;  // a whole chunk head was seen
+};
+[[nodiscard]] int chunk_feed(chunk_t* ck, const char* p, size_t n,
+                             int (*sink)(void* arg, const char* p, size_t n, kelp_error_t* err),
+                             void* sink_arg, kelp_error_t* err);
+// What to report when the bytes end: 0 when the body was complete.
+[[nodiscard]] int chunk_end(const chunk_t* ck, kelp_error_t* err);
+
+// The reply stream (stream.cpp).
+
+constexpr int32_t RECORD_MAGIC = 0x71727374;
+constexpr size_t RECORD_HEADSZ = 8;
+
+// The 40 bytes in front of every page body.
+struct page_head_t {
+    int32_t magic;
+    int32_t cno;
+    cvn_typ_t typ;
+    int32_t nrow;
+    int32_t nnull;
+    int32_t nmapoff;
+    int32_t nbyte;
+    int32_t zbyte;
+    int32_t hash;
+    int32_t unused;
+};
+static_assert(sizeof(page_head_t) == CVN_PAGE_HEADSZ &&
+              offsetof(page_head_t, hash) == offsetof(cvn_page_t, hash));
+
+// What a stream's user does with its parts. A code other than 0 ends the stream with it.
+struct stream_user_t {
+    // A record of `nbyte` bytes begins.
+    int (*record_begin)(void* arg, int32_t nbyte, kelp_error_t* err);
+    // Page `k` of it begins: stores where its `zbyte` body bytes go.
+    int (*page_begin)(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err);
+    // They are there.
+    int (*page_end)(void* arg, int k, const page_head_t& head, kelp_error_t* err);
+    // All pages of the record are.
+    int (*record_end)(void* arg, int npage, kelp_error_t* err);
+    void* arg;
+};
+
+// Cuts a reply body into records and pages, wherever it is cut into pieces. It checks magics and that the
+// sizes add up; what a page's numbers mean together is the user's to check (page_check).
+struct stream_t {
+    stream_user_t user;
+    int64_t max_record_nbyte;
+    enum state_t : int { RECORD, PAGE, BODY, ENDED };
+    state_t state = RECORD;
+    int64_t nrecord = 0;
+    int32_t record_left = 0;  // bytes of the record to come
+    int npage = 0;            // pages of the record that began
+    size_t headsz = 0;        // bytes in `head`
+    char head[CVN_PAGE_HEADSZ];
+    page_head_t page;
+    char* dst = nullptr;  // BODY: where the next byte goes
+    int32_t body_left = 0;
+};
+[[nodiscard]] int stream_feed(stream_t* st, const char* p, size_t n, kelp_error_t* err);
+// What to report when the body is over: 0 when the end record was seen.
+[[nodiscard]] int stream_end(const stream_t* st, kelp_error_t* err);
+
+// Decoding (decode.cpp), shared by remote scans and local files.
+
+// Memory for pages: aligned to 64, with 64 bytes behind that may be read, and kept for the next row group
+// when a page is done with, since fresh memory costs as much as the decompression into it.
+struct buf_t {
+    char* p = nullptr;
+    size_t cap = 0;
+};
+struct bufpool_t {
+    std::mutex mutex;
+    std::vector<buf_t> idle;
+    size_t idlesz = 0;
+    ~bufpool_t();
+};
+constexpr size_t BUF_SLACK = 64;
+buf_t buf_get(bufpool_t* pool, size_t nbyte);  // `p` is null without memory
+void buf_put(bufpool_t* pool, buf_t buf);
+
+// Checks what the head of a page says of a column of type `typ`, before a byte of it is used.
+[[nodiscard]] int page_check(const page_head_t& head, cvn_typ_t typ, const char* name, kelp_error_t* err);
+
+// A decoded column: the view and the memory behind it.
+struct column_t {
+    kelp_vec_t vec{};
+    buf_t value;
+    buf_t offset;
+};
+
+// Checks the hash of the stored body and, unless it is stored as it is, decompresses it. `stored` is the body
+// of `head.zbyte` bytes; `*raw` takes the body of `head.nbyte` bytes, or is the stored one already when the
+// sizes are equal.
+[[nodiscard]] int page_unpack(bufpool_t* pool, buf_t* raw, const page_head_t& head, const char* stored,
+                              const char* name, kelp_error_t* err);
+
+// Makes a view of a decompressed page, whose memory `col->value` holds. Nothing is copied; for varying widths
+// the positions are found and stored in `col->offset`.
+[[nodiscard]] int page_view(bufpool_t* pool, column_t* col, const page_head_t& head, const char* name,
+                            kelp_error_t* err);
+
+void column_free(bufpool_t* pool, column_t* col);
+
+// Finds the ends of `nrow` NUL-terminated texts in `valuesz` bytes: offset[r] is where text r begins,
+// offset[nrow] is valuesz. False when there are not exactly that many. BUF_SLACK readable bytes lie behind
+// the values.
+bool find_texts(int32_t* offset, const char* value, int32_t valuesz, int32_t nrow);
+
+// A batch and what it owns.
+struct batch_t {
+    kelp_batch_t pub{};
+    std::vector<column_t> column;
+    std::vector<kelp_vec_t> vec;
+    std::shared_ptr<bufpool_t> pool;
+    std::shared_ptr<const std::vector<kelp_column_t>> schema;  // owns the names
+};
+inline batch_t* batch_of(kelp_batch_t* pub) { return reinterpret_cast<batch_t*>(pub); }
+
+// Conditions (cond.cpp).
+
+// A condition whose values have been read as their column's type.
+struct bound_cond_t {
+    int col;  // index among the columns that are requested
+    int op;
+    cvn_typ_t typ;
+    std::vector<cvn_datum_t> arg;   // borrow from `text`
+    std::vector<std::string> text;  // the bytes of cstr and bytea values
+};
+
+// Reads one value strictly. `*text` keeps the bytes that the datum borrows.
+[[nodiscard]] int value_parse(cvn_datum_t* ret, std::string* text, std::string_view s, cvn_typ_t typ,
+                              const std::string& column, kelp_error_t* err);
+[[nodiscard]] int cond_bind(bound_cond_t* ret, const kelp_cond_t& cond, int col, cvn_typ_t typ,
+                            kelp_error_t* err);
+
+// A predicate for the server: operator and, unless it has none, the value's text.
+struct pushed_t {
+    int op;
+    bool has_value;
+    std::string value;
+};
+// What the server may be asked without losing a row that meets the condition. Possibly nothing.
+std::vector<pushed_t> cond_push(const bound_cond_t& cond, bool no_nan);
+
+// Whether no row at all can meet it (an empty list).
+inline bool cond_is_empty(const bound_cond_t& cond) { return cond.op == CVN_OP_IN && cond.arg.empty(); }
+
+// Clears keep[r] for every row that does not meet the condition.
+void cond_apply(uint8_t* keep, const kelp_vec_t& vec, const bound_cond_t& cond);
+
+// Removes all rows but those listed (ascending), in place.
+void column_compact(column_t* col, std::span<const int32_t> row);
+
+// Filters the columns of a row group: the first `nresult` are the result, the rest is only for conditions.
+// Returns the rows that are left.
+int64_t filter_columns(std::vector<column_t>& column, size_t nresult, const std::vector<bound_cond_t>& cond);
+
+// Requests (catalog.cpp).
+
+std::string percent_encode(std::string_view s);
+[[nodiscard]] int want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err);
+
+// The columns of a table whose files are known.
+[[nodiscard]] int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
+                                const kelp_url_t& table, const kelp_opt_t& opt, kelp_error_t* err);
+
+// Finds the columns that a query reads and returns: result columns first, then those only conditions need.
+struct plan_t {
+    std::vector<kelp_column_t> column;
+    size_t nresult = 0;
+    std::vector<bound_cond_t> cond;
+    bool empty = false;  // no row can match
+};
+[[nodiscard]] int query_plan(plan_t* ret, const std::vector<kelp_column_t>& have,
+                             const std::vector<std::string>& column, bool rows_only,
+                             const std::vector<kelp_cond_t>& cond, kelp_error_t* err);

@@ -1,0 +1,464 @@
+// scan: several connections that each read one fragment of a table, and one reader.
+//
+// Each connection has a thread that receives, checks, decompresses and filters row groups and queues the
+// batches. What is under way and what is queued counts against one limit: a thread whose next row group would
+// exceed it waits, which stops it reading from its connection, which makes the server wait. A row group is
+// let in when nothing else is in flight whatever its size, so the scan always advances. The first failure
+// ends everything.
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <thread>
+
+#include "client/client_int.h"
+
+namespace {
+
+constexpr int JOB_DEFAULT_MAX = 4;
+constexpr int JOB_MAX = 64;
+constexpr size_t REQUEST_MAX = 32768;  // what the server accepts as a request's body
+
+struct worker_t {
+    kelp_scan_t* scan;
+    std::thread thread;
+    CURLM* multi = nullptr;
+    std::string body;              // of the request
+    std::vector<column_t> column;  // of the row group under way
+    buf_t stored;                  // a compressed page as it arrives
+    int64_t raw_nbyte = 0;         // decompressed bytes of the row group under way
+    int64_t admitted_nbyte = 0;    // what the row group counts for
+    kelp_error_t err{};
+};
+
+struct queued_t {
+    batch_t* batch;
+    int64_t nbyte;
+};
+
+}  // namespace
+
+struct kelp_scan_t {
+    kelp_opt_t opt;
+    std::string url;
+    plan_t plan;
+    bool exact = true;
+    bool is_sample = false;
+    int64_t max_flight_nbyte = 0;
+    std::shared_ptr<const std::vector<kelp_column_t>> requested;  // all columns of the request
+    std::vector<kelp_column_t> result;                            // those handed out
+    std::shared_ptr<bufpool_t> pool;
+    std::vector<std::unique_ptr<worker_t>> worker;
+
+    std::atomic<bool> stop{false};
+    std::mutex mutex;  // guards what follows
+    std::condition_variable changed;
+    std::deque<queued_t> queue;
+    int64_t flight_nbyte = 0;   // admitted and not yet taken
+    int64_t largest_nbyte = 0;  // the largest row group so far: what the next is expected to be
+    int nrunning = 0;
+    kelp_error_t failure{};  // the first; code 0 while there is none
+
+    kelp_scan_stat_t total{};  // the totals; constant
+    std::atomic<int64_t> nrowgroup{0}, nrow{0}, nrow_out{0}, zbyte{0}, nbyte{0};
+};
+
+static bool is_stopped(const kelp_scan_t* scan) {
+    return scan->stop.load(std::memory_order_relaxed) ||
+           (scan->opt.cancel && scan->opt.cancel->load(std::memory_order_relaxed));
+}
+
+// Waits on `changed`, but not so long that the caller's cancel flag, which signals nothing, would go unseen.
+static void wait_a_while(kelp_scan_t* scan, std::unique_lock<std::mutex>* lock) {
+    scan->changed.wait_for(*lock, std::chrono::milliseconds(50));
+}
+
+// Ends all connections.
+static void stop_scan(kelp_scan_t* scan) {
+    scan->stop.store(true);
+    {
+        const std::lock_guard lock(scan->mutex);  // whoever is about to wait has seen `stop`, or is woken
+    }
+    scan->changed.notify_all();
+    for (const auto& w : scan->worker)
+        if (w->multi)
+            (void)curl_multi_wakeup(w->multi);  // a wait that goes on ends within a tenth of a second
+}
+
+// What the stream of one connection calls.
+
+static int scan_record_begin(void* arg, int32_t nbyte, kelp_error_t* err) {
+    auto* w = static_cast<worker_t*>(arg);
+    kelp_scan_t* scan = w->scan;
+    w->raw_nbyte = 0;
+    std::unique_lock lock(scan->mutex);
+    const int64_t expected = std::max<int64_t>(nbyte, scan->largest_nbyte);
+    while (!is_stopped(scan) && scan->flight_nbyte > 0 &&
+           scan->flight_nbyte + expected > scan->max_flight_nbyte)
+        wait_a_while(scan, &lock);
+    if (is_stopped(scan)) return kelp_fail(err, KELP_ECANCEL, nullptr, "the scan was cancelled");
+    w->admitted_nbyte = expected;
+    scan->flight_nbyte += expected;
+    return 0;
+}
+
+static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err) {
+    auto* w = static_cast<worker_t*>(arg);
+    kelp_scan_t* scan = w->scan;
+    const auto& requested = *scan->requested;
+    const auto at = static_cast<size_t>(k);
+    if (at >= requested.size())
+        return kelp_fail(err, KELP_EPROTO,
+                         "the files of the table may have different columns: query them apart",
+                         "the server sends more than the %zu columns that were asked for", requested.size());
+    const char* name = requested[at].name.c_str();
+    if (const int code = page_check(head, requested[at].typ, name, err)) return code;
+    if (k > 0 && head.nrow != w->column[0].vec.nrow)
+        return kelp_fail(err, KELP_EDAMAGED, "verify the table's files",
+                         "a row group has %lld rows of column %s and %d of column %s",
+                         static_cast<long long>(w->column[0].vec.nrow), requested[0].name.c_str(), head.nrow,
+                         name);
+    w->raw_nbyte += head.nbyte;
+    if (w->raw_nbyte > scan->opt.max_record_nbyte)
+        return kelp_fail(err, KELP_EPROTO, "raise the limit if the table really has such rows",
+                         "a row group claims more than the limit of %lld bytes",
+                         static_cast<long long>(scan->opt.max_record_nbyte));
+    column_t* col = &w->column[at];
+    col->vec.nrow = head.nrow;
+    buf_t* buf = head.zbyte == head.nbyte ? &col->value : &w->stored;
+    const auto want = static_cast<size_t>(head.zbyte);
+    if (buf->cap < want + BUF_SLACK) {
+        buf_put(scan->pool.get(), *buf);
+        *buf = buf_get(scan->pool.get(), want);
+        if (!buf->p) return kelp_nomem(err);
+    }
+    *ret_dst = buf->p;
+    return 0;
+}
+
+static int scan_page_end(void* arg, int k, const page_head_t& head, kelp_error_t* err) {
+    auto* w = static_cast<worker_t*>(arg);
+    kelp_scan_t* scan = w->scan;
+    const auto at = static_cast<size_t>(k);
+    const char* name = (*scan->requested)[at].name.c_str();
+    column_t* col = &w->column[at];
+    const char* stored = head.zbyte == head.nbyte ? col->value.p : w->stored.p;
+    if (const int code = page_unpack(scan->pool.get(), &col->value, head, stored, name, err)) return code;
+    scan->zbyte += head.zbyte;
+    scan->nbyte += head.nbyte;
+    return page_view(scan->pool.get(), col, head, name, err);
+}
+
+static int make_batch(worker_t* w, int64_t nrow, batch_t** ret) {
+    kelp_scan_t* scan = w->scan;
+    auto batch = std::make_unique<batch_t>();
+    batch->pool = scan->pool;
+    batch->schema = scan->requested;
+    batch->column.reserve(scan->plan.nresult);
+    batch->vec.reserve(scan->plan.nresult);
+    for (size_t c = 0; c < scan->plan.nresult; c++) {
+        batch->column.push_back(w->column[c]);
+        batch->vec.push_back(w->column[c].vec);
+        w->column[c] = column_t{};
+    }
+    batch->pub =
+        kelp_batch_t{.nrow = nrow, .ncol = static_cast<int>(scan->plan.nresult), .col = batch->vec.data()};
+    *ret = batch.release();
+    return 0;
+}
+
+static int scan_record_end(void* arg, int npage, kelp_error_t* err) {
+    auto* w = static_cast<worker_t*>(arg);
+    kelp_scan_t* scan = w->scan;
+    if (static_cast<size_t>(npage) != scan->requested->size())
+        return kelp_fail(
+            err, KELP_EPROTO, "the files of the table may have different columns: query them apart",
+            "the server sends %d of the %zu columns that were asked for", npage, scan->requested->size());
+    int64_t nrow = w->column.empty() ? 0 : w->column[0].vec.nrow;
+    scan->nrowgroup += 1;
+    scan->nrow += nrow;
+    if (scan->exact && !scan->plan.cond.empty())
+        nrow = filter_columns(w->column, scan->plan.nresult, scan->plan.cond);
+    scan->nrow_out += nrow;
+    batch_t* batch = nullptr;
+    if (nrow > 0)
+        if (const int code = make_batch(w, nrow, &batch)) return code;
+    // What is left are the columns of conditions, and of a row group without a match all.
+    for (column_t& c : w->column) column_free(scan->pool.get(), &c);
+    const std::lock_guard lock(scan->mutex);
+    scan->largest_nbyte = std::max(scan->largest_nbyte, w->raw_nbyte);
+    scan->flight_nbyte -= w->admitted_nbyte;
+    w->admitted_nbyte = 0;
+    if (batch) {
+        const int64_t held = std::max<int64_t>(w->raw_nbyte, 1);
+        scan->queue.push_back({batch, held});
+        scan->flight_nbyte += held;
+    }
+    scan->changed.notify_all();
+    return 0;
+}
+
+static int sink_stream(void* arg, const char* p, size_t n, kelp_error_t* err) {
+    return stream_feed(static_cast<stream_t*>(arg), p, n, err);
+}
+
+static int work(worker_t* w) {
+    kelp_scan_t* scan = w->scan;
+    stream_t st{.user = {scan_record_begin, scan_page_begin, scan_page_end, scan_record_end, w},
+                .max_record_nbyte = scan->opt.max_record_nbyte};
+    w->column.resize(scan->requested->size());
+    http_t http{.method = "POST", .url = scan->url, .body = w->body, .opt = &scan->opt, .stop = &scan->stop};
+    http.multi = w->multi;
+    http.sink = sink_stream;
+    http.sink_arg = &st;
+    if (const int code = http_run(&http, &w->err)) return code;
+    return stream_end(&st, &w->err);
+}
+
+static void worker_main(worker_t* w) {
+    kelp_scan_t* scan = w->scan;
+    const int code = kelp_guard(&w->err, [&] { return work(w); });
+    if (code == KELP_ECUT && scan->is_sample && w->err.said[0] == '\0')
+        kelp_fail(&w->err, KELP_ECUT, "the server needs cvnsamp on its search path: look into its log",
+                  "the server's sampler failed");
+    for (column_t& c : w->column) column_free(scan->pool.get(), &c);
+    buf_put(scan->pool.get(), w->stored);
+    w->stored = buf_t{};
+    bool first = false;
+    {
+        const std::lock_guard lock(scan->mutex);
+        scan->flight_nbyte -= w->admitted_nbyte;
+        w->admitted_nbyte = 0;
+        scan->nrunning--;
+        if (code != 0 && scan->failure.code == 0) {
+            scan->failure = w->err;
+            scan->failure.code = code;
+            first = true;
+        }
+    }
+    if (first)
+        stop_scan(scan);
+    else
+        scan->changed.notify_all();
+}
+
+// Opening.
+
+static std::string json_string(std::string_view s) { return "\"" + std::string(s) + "\""; }
+
+// The request of one fragment; conditions that do not fit into it are left to the filter.
+static int make_request(std::string* ret, const plan_t& plan, bool no_nan, int id, int nfrag,
+                        kelp_error_t* err) {
+    static constexpr const char* OPS[] = {"", "==", "!=", ">", ">=", "<", "<=", "isnull", "isnotnull"};
+    for (const kelp_column_t& c : plan.column)
+        // Strings of a request are taken as they stand, so what would need an escape cannot be said.
+        if (std::any_of(c.name.begin(), c.name.end(), [](char ch) {
+                return ch == '"' || ch == '\\' || static_cast<unsigned char>(ch) < ' ';
+            }))
+            return kelp_fail(err, KELP_EARG, "rename the column in its file",
+                             "the name of column %.100s cannot be put into a request", c.name.c_str());
+    std::string body = R"({"column": [)";
+    for (size_t c = 0; c < plan.column.size(); c++)
+        body += (c ? ", " : "") + json_string(plan.column[c].name);
+    body += "]";
+    const std::string tail = R"(, "fragment": [)" + std::to_string(id) + ", " + std::to_string(nfrag) + "]}";
+    std::string cond;
+    for (const bound_cond_t& c : plan.cond)
+        for (const pushed_t& p : cond_push(c, no_nan)) {
+            std::string one = "[" + json_string(plan.column[static_cast<size_t>(c.col)].name) + ", " +
+                              json_string(OPS[p.op]);
+            if (p.has_value) one += ", " + json_string(p.value);
+            one += "]";
+            if (body.size() + cond.size() + one.size() + tail.size() + 32 > REQUEST_MAX) continue;
+            cond += (cond.empty() ? "" : ", ") + one;
+        }
+    if (!cond.empty()) body += R"(, "condition": [)" + cond + "]";
+    body += tail;
+    if (body.size() > REQUEST_MAX)
+        return kelp_fail(err, KELP_EARG, "name fewer columns",
+                         "the request for %zu columns exceeds %zu bytes", plan.column.size(), REQUEST_MAX);
+    *ret = body;
+    return 0;
+}
+
+static int open_err(int code, kelp_scan_t* scan) {
+    kelp_scan_close(scan);
+    return code;
+}
+
+// Asks for what every scan needs to know beforehand.
+static int prepare(kelp_scan_t* scan, std::vector<kelp_file_t>* file, std::vector<kelp_column_t>* have,
+                   const kelp_url_t& url, kelp_error_t* err) {
+    if (const int code = kelp_list_files(file, url, scan->opt, err)) return code;
+    for (const kelp_file_t& f : *file) {
+        if (!f.name.ends_with(".cvn")) continue;
+        scan->total.total_nfile++;
+        scan->total.total_nrow += f.nrow;
+        scan->total.total_nrowgroup += f.nrowgroup;
+        scan->total.total_zbyte += f.zbyte;
+    }
+    scan->url = kelp_url_format(url, false);
+    scan->pool = std::make_shared<bufpool_t>();
+    return table_columns(have, *file, url, scan->opt, err);
+}
+
+static int start(kelp_scan_t* scan, const std::vector<std::string>& body, kelp_error_t* err) {
+    scan->requested = std::make_shared<const std::vector<kelp_column_t>>(scan->plan.column);
+    scan->result.assign(scan->plan.column.begin(),
+                        scan->plan.column.begin() + static_cast<ptrdiff_t>(scan->plan.nresult));
+    for (const std::string& b : body) {
+        auto w = std::make_unique<worker_t>();
+        w->scan = scan;
+        w->body = b;
+        w->multi = curl_multi_init();
+        if (!w->multi) return kelp_nomem(err);
+        scan->worker.push_back(std::move(w));
+    }
+    for (const auto& w : scan->worker) {
+        {
+            const std::lock_guard lock(scan->mutex);
+            scan->nrunning++;
+        }
+        try {
+            w->thread = std::thread(worker_main, w.get());
+        } catch (...) {
+            const std::lock_guard lock(scan->mutex);
+            scan->nrunning--;
+            return kelp_fail(err, KELP_ENOMEM, "use fewer jobs", "cannot start a thread");
+        }
+    }
+    return 0;
+}
+
+static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t* err) {
+    if (const int code = want_depth(query.url, 3, 3, "a table", err)) return code;
+    if (query.rows_only && query.cond.empty())
+        return kelp_fail(err, KELP_EARG, "use kelp_count",
+                         "rows without columns are wanted, but without a condition");
+    if (query.njob < 0 || query.njob > JOB_MAX)
+        return kelp_fail(err, KELP_EARG, nullptr, "%d jobs are not between 1 and %d", query.njob, JOB_MAX);
+    std::vector<kelp_file_t> file;
+    std::vector<kelp_column_t> have;
+    if (const int code = prepare(scan, &file, &have, query.url, err)) return code;
+    if (const int code = query_plan(&scan->plan, have, query.column, query.rows_only, query.cond, err))
+        return code;
+    scan->exact = query.exact;
+    scan->max_flight_nbyte = query.max_flight_nbyte;
+    int njob = query.njob;
+    if (njob == 0)
+        njob = std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, JOB_DEFAULT_MAX);
+    // Fragments go by the number of a row group in its file, so the longest file bounds how many can have
+    // any.
+    int64_t longest = 1;
+    for (const kelp_file_t& f : file) longest = std::max(longest, f.nrowgroup);
+    njob = static_cast<int>(std::min<int64_t>(njob, longest));
+    std::vector<std::string> body(scan->plan.empty || scan->plan.column.empty() ? 0
+                                                                                : static_cast<size_t>(njob));
+    for (int id = 0; id < static_cast<int>(body.size()); id++)
+        if (const int code =
+                make_request(&body[static_cast<size_t>(id)], scan->plan, query.no_nan, id, njob, err))
+            return code;
+    return start(scan, body, err);
+}
+
+int kelp_scan_open(kelp_scan_t** ret_scan, const kelp_query_t& query, const kelp_opt_t& opt,
+                   kelp_error_t* err) {
+    *ret_scan = nullptr;
+    auto* scan = new (std::nothrow) kelp_scan_t{};
+    if (!scan) return kelp_nomem(err);
+    scan->opt = opt;
+    const int code = kelp_guard(err, [&] { return scan_open(scan, query, err); });
+    if (code) return open_err(code, scan);
+    *ret_scan = scan;
+    return 0;
+}
+
+static int sample_open(kelp_scan_t* scan, const kelp_url_t& url, int64_t nrow, kelp_error_t* err) {
+    if (const int code = want_depth(url, 3, 3, "a table", err)) return code;
+    if (nrow < 1 || nrow > INT32_MAX)
+        return kelp_fail(err, KELP_EARG, "ask for 1 to 2147483647 rows", "%lld rows cannot be sampled",
+                         static_cast<long long>(nrow));
+    std::vector<kelp_file_t> file;
+    std::vector<kelp_column_t> have;
+    if (const int code = prepare(scan, &file, &have, url, err)) return code;
+    for (const kelp_column_t& c : have)
+        if (c.typ == 0)
+            return kelp_fail(err, KELP_EPROTO, "use a newer client", "column %.100s is of an unknown type",
+                             c.name.c_str());
+    scan->plan.column = have;
+    scan->plan.nresult = have.size();
+    scan->is_sample = true;
+    scan->max_flight_nbyte = kelp_query_t{}.max_flight_nbyte;
+    return start(scan, {R"({"command": ["sample", ")" + std::to_string(nrow) + R"("]})"}, err);
+}
+
+int kelp_sample_open(kelp_scan_t** ret_scan, const kelp_url_t& url, int64_t nrow, const kelp_opt_t& opt,
+                     kelp_error_t* err) {
+    *ret_scan = nullptr;
+    auto* scan = new (std::nothrow) kelp_scan_t{};
+    if (!scan) return kelp_nomem(err);
+    scan->opt = opt;
+    const int code = kelp_guard(err, [&] { return sample_open(scan, url, nrow, err); });
+    if (code) return open_err(code, scan);
+    *ret_scan = scan;
+    return 0;
+}
+
+// Reading.
+
+const std::vector<kelp_column_t>& kelp_scan_columns(const kelp_scan_t* scan) { return scan->result; }
+
+int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* err) {
+    *ret_batch = nullptr;
+    std::unique_lock lock(scan->mutex);
+    for (;;) {
+        if (scan->failure.code) {
+            if (err) *err = scan->failure;
+            return scan->failure.code;
+        }
+        if (is_stopped(scan)) return kelp_fail(err, KELP_ECANCEL, nullptr, "the scan was cancelled");
+        if (!scan->queue.empty()) break;
+        if (scan->nrunning == 0) return KELP_END;
+        wait_a_while(scan, &lock);
+    }
+    const queued_t q = scan->queue.front();
+    scan->queue.pop_front();
+    scan->flight_nbyte -= q.nbyte;
+    lock.unlock();
+    scan->changed.notify_all();
+    *ret_batch = &q.batch->pub;
+    return 0;
+}
+
+void kelp_batch_free(kelp_batch_t* pub) {
+    if (!pub) return;
+    batch_t* batch = batch_of(pub);
+    for (column_t& c : batch->column) column_free(batch->pool.get(), &c);
+    delete batch;
+}
+
+void kelp_scan_stat(const kelp_scan_t* scan, kelp_scan_stat_t* ret_stat) {
+    *ret_stat = scan->total;
+    ret_stat->nrowgroup = scan->nrowgroup;
+    ret_stat->nrow = scan->nrow;
+    ret_stat->nrow_out = scan->nrow_out;
+    ret_stat->zbyte = scan->zbyte;
+    ret_stat->nbyte = scan->nbyte;
+}
+
+void kelp_scan_cancel(kelp_scan_t* scan) { stop_scan(scan); }
+
+void kelp_scan_close(kelp_scan_t* scan) {
+    if (!scan) return;
+    stop_scan(scan);
+    for (const auto& w : scan->worker)
+        if (w->thread.joinable()) w->thread.join();
+    // Only now: one that failed wakes up the others.
+    for (const auto& w : scan->worker)
+        if (w->multi) curl_multi_cleanup(w->multi);
+    for (const queued_t& q : scan->queue) kelp_batch_free(&q.batch->pub);
+    delete scan;
+}
