@@ -1,0 +1,37 @@
+# bash completion for cvn
+_cvn() {
+    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]} options files=
+    COMPREPLY=()
+    if ((COMP_CWORD == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W "create info cat verify split ls put rm meta count query get sample
+            --help --version" -- "$cur")
+        return
+    fi
+    case $prev in
+        --format) mapfile -t COMPREPLY < <(compgen -W "csv jsonl table" -- "$cur"); return ;;
+        --delimiter) mapfile -t COMPREPLY < <(compgen -W "tab" -- "$cur"); return ;;
+        --schema | --null | --rows | --sample | --columns | --where | --limit | --jobs) return ;;
+        -o) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
+    esac
+    options=--help
+    case $command in
+        create) options+=" --schema --no-header --delimiter --null --rows --sample"; files=all ;;
+        info) options+=" --json --rowgroups"; files=cvn ;;
+        cat) options+=" --columns --where --limit --format"; files=cvn ;;
+        verify | split | put) files=cvn ;;
+        rm) options+=" --yes" ;;
+        count) options+=" --where" ;;
+        query) options+=" --columns --where --jobs --limit --format --stats -o" ;;
+        get) options+=" --columns --where"; files=cvn ;;
+    esac
+    if [[ $cur == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
+    elif [[ $files == all ]]; then
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+    elif [[ $files == cvn ]]; then
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -X '!*.cvn' -- "$cur"; compgen -d -- "$cur")
+    fi
+}
+complete -F _cvn cvn

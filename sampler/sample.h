@@ -1,0 +1,30 @@
+// Samples data files: rows chosen uniformly over all files together, written as one data file.
+#ifndef KELPD_SAMPLER_SAMPLE_H
+#define KELPD_SAMPLER_SAMPLE_H
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// What went wrong, in one line: which file, and what about it.
+struct sample_error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Writes a data file with min(nrow, all rows) rows of `files` to the descriptor `out`, in the order in which
+// they lie in the files. Columns, their types and flags are those of the first file; the others must have the
+// same names and types in the same order.
+//
+// Only the footers and the pages of row groups that hold a chosen row are read, and those pages are checked
+// against their hashes. In memory are one footer, one row group and at most 8 bytes a chosen row. The file is
+// made as an unnamed one in `tmpdir` and copied to `out` when it is complete.
+//
+// seed  the same seed, count and files give the same bytes.
+//
+// Returns the number of rows written. Throws sample_error; nothing was written to `out` then, unless writing
+// to `out` itself failed, and even then a regular file is cut back to its former length.
+uint64_t sample_files(int out, uint64_t nrow, uint64_t seed, const std::vector<std::string>& files,
+                      const std::string& tmpdir);
+
+#endif
