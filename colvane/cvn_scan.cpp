@@ -366,6 +366,7 @@ struct plan_t {
     int npage;          // pages to read, all of them unless one is refused
     int code;           // why the page behind them is refused; 0 when none is
     int64_t slabsz;     // bytes of the pages
+    int64_t largest;    // bytes of the largest of them
     int64_t scratchsz;  // stored bytes of the largest compressed one
 };
 
@@ -401,7 +402,9 @@ static plan_t plan_pages(cvn_scan_t* scan, int64_t rg, int first, int end, bool 
             }
             plan.scratchsz = std::max<int64_t>(plan.scratchsz, m.zbyte);
         }
-        plan.slabsz += slot_size(body_size(&m, uncompress));
+        const int64_t slotsz = slot_size(body_size(&m, uncompress));
+        plan.slabsz += slotsz;
+        plan.largest = std::max(plan.largest, slotsz);
         plan.npage++;
     }
     return plan;
@@ -552,7 +555,12 @@ int cvn_scan_next_rowgroup(cvn_scan_t* scan, int64_t* ret_rg) {
     *ret_rg = -1;
     int rg;
     int rc = advance(scan, &rg);
-    if (rc == 0) rc = plan_pages(scan, rg, 0, scan->nreqcol, false).code;
+    if (rc != 0) return rc;
+    plan_t plan = plan_pages(scan, rg, 0, scan->nreqcol, false);
+    if (plan.code != 0) return plan.code;
+    // Memory for any one of the pages is had now, so that only reading them can fail later.
+    plan.slabsz = 8 + plan.largest;
+    rc = make_slab(scan_of(scan), &plan);
     if (rc != 0) return rc;
     *ret_rg = rg;
     read_ahead(scan);

@@ -37,7 +37,8 @@ def main():
     programs = ["consumer_c11", "consumer_cxx17", "consumer_cxx20"]
 
     headers = sorted(os.path.basename(h) for h in glob.glob(args.prefix + "/include/colvane/*"))
-    if headers != ["colvane.h", "dec.h", "fadvise.h", "mpool.h"]:
+    # The client's headers stand beside the library's when libcurl was there to build it.
+    if [h for h in headers if h not in ("arrow.h", "client.h")] != ["colvane.h", "dec.h", "fadvise.h", "mpool.h"]:
         sys.exit("installed headers: %s" % headers)
 
     if args.way == "find_package":
