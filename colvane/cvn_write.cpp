@@ -33,13 +33,16 @@ constexpr int CVN_SPREAD_LINES = 64;  // cache sets that buffer heads are spread
 struct colinfo_t {
     int32_t storage;
     int32_t width;  // of a value; -1 and -2 as from cvn_typlen
+    int64_t need;   // bytes that the value of the row under way takes
 };
 
 // The handle that callers see, and what stays behind it.
 struct writer_t {
     cvn_t pub;             // first: a cvn_t* is a writer_t*
     colinfo_t* info;       // one per column; owned by the pool
-    int64_t* need;         // bytes that each value of the row under way takes
+    int* varcol;           // the columns whose values vary in length; owned by the pool
+    int nvarcol;           // how many
+    int fixed_room;        // rows, at least, that every fixed-width column's buffer has room for
     int64_t fixed_nbyte;   // bytes that the fixed-width values of a row take together
     int64_t rowgroup_max;  // capacity of pub.rowgroup
 };
@@ -390,7 +393,7 @@ static int grow_columns(writer_t* w) {
         memset(static_cast<void*>(*array + n - 1), 0, sizeof(**array));
         return true;
     };
-    return grow(&sp->coldef) && grow(&sp->colstat) && grow(&sp->colbuf) && grow(&w->info) && grow(&w->need)
+    return grow(&sp->coldef) && grow(&sp->colstat) && grow(&sp->colbuf) && grow(&w->info) && grow(&w->varcol)
                ? 0
                : -2;
 }
@@ -416,8 +419,11 @@ static int create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag,
     const int rc = colbuf_init(cb, sp->mpool);
     if (rc != 0) return rc;
     sp->colbuf[sp->ncol] = cb;
-    w->info[sp->ncol] = colinfo_t{.storage = cvn_storage(typ), .width = width};
-    if (width > 0) w->fixed_nbyte += width;
+    w->info[sp->ncol] = colinfo_t{.storage = cvn_storage(typ), .width = width, .need = width};
+    if (width > 0)
+        w->fixed_nbyte += width;
+    else
+        w->varcol[w->nvarcol++] = sp->ncol;
     sp->ncol++;
     return 0;
 }
@@ -478,34 +484,35 @@ static int make_room(cvn_t* sp, colbuf_t* cb, int64_t need) {
     return 0;
 }
 
-// The bytes that each value of the row takes, into w->need. -6 for a negative length.
+// The bytes that the values take whose length varies, into w->info, and those of the whole row. -6 for a
+// negative length.
 static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull, int64_t* ret_total) {
     int64_t total = w->fixed_nbyte;
-    const int ncol = w->pub.ncol;
-    for (int c = 0; c < ncol; c++) {
-        int64_t need = w->info[c].width;
-        if (need < 0) {
-            if (w->info[c].storage == CVN_TYP_CSTR)
-                need = isnull[c] ? 1 : static_cast<int64_t>(strlen(datum[c].t)) + 1;
-            else if (isnull[c])
-                need = 4;
-            else if (datum[c].a.len < 0)
-                return -6;
-            else
-                need = int64_t{datum[c].a.len} + 4;
-            total += need;
-        }
-        w->need[c] = need;
+    for (int i = 0; i < w->nvarcol; i++) {
+        const int c = w->varcol[i];
+        colinfo_t* info = &w->info[c];
+        if (info->storage == CVN_TYP_CSTR)
+            info->need = isnull[c] ? 1 : static_cast<int64_t>(strlen(datum[c].t)) + 1;
+        else if (isnull[c])
+            info->need = 4;
+        else if (datum[c].a.len < 0)
+            return -6;
+        else
+            info->need = int64_t{datum[c].a.len} + 4;
+        total += info->need;
     }
     *ret_total = total;
     return 0;
 }
 
+static int64_t room_of(const colbuf_t* cb) { return cb->bufmax - cb->buftop; }
+
 // Reserves the row value by value, cutting the row group before the first one that does not fit in.
 static int reserve_slowly(writer_t* w) {
     cvn_t* sp = &w->pub;
+    w->fixed_room = 0;  // buffers may change
     for (int c = 0; c < sp->ncol; c++) {
-        const int64_t need = w->need[c];
+        const int64_t need = w->info[c].need;
         const int64_t sum = sp->rgcur_nbyte + need;
         sp->rgcur_nbyte = static_cast<int>(std::min<int64_t>(sum, INT_MAX));
         if (sum > CVN_MAX_ROWGROUP_NBYTE) {
@@ -516,7 +523,7 @@ static int reserve_slowly(writer_t* w) {
             if (rc != 0) return cv_reterr(rc, sp);
         }
         colbuf_t* cb = sp->colbuf[c];
-        if (cb->bufmax - cb->buftop < need) {
+        if (room_of(cb) < need) {
             const int rc = make_room(sp, cb, need);
             if (rc != 0) return rc;
         }
@@ -524,12 +531,26 @@ static int reserve_slowly(writer_t* w) {
     return 0;
 }
 
-// Whether the whole row fits in without a cut and without a larger buffer.
-static bool fits_at_once(const writer_t* w, int64_t total) {
+// Rows that every fixed-width column's buffer has room for.
+static int count_fixed_room(const writer_t* w) {
+    int64_t room = CVN_MAX_ROWGROUP_NROW;
+    for (int c = 0; c < w->pub.ncol; c++)
+        if (w->info[c].width > 0) room = std::min(room, room_of(w->pub.colbuf[c]) / w->info[c].width);
+    return static_cast<int>(room);
+}
+
+// Whether the whole row fits in without a cut and without a larger buffer. Buffers of fixed-width columns
+// fill up row by row, so their room is counted down rather than looked at.
+static bool fits_at_once(writer_t* w, int64_t total) {
     const cvn_t* sp = &w->pub;
     if (sp->rgcur_nbyte + total > CVN_MAX_ROWGROUP_NBYTE) return false;
-    for (int c = 0; c < sp->ncol; c++)
-        if (sp->colbuf[c]->bufmax - sp->colbuf[c]->buftop < w->need[c]) return false;
+    for (int i = 0; i < w->nvarcol; i++) {
+        const int c = w->varcol[i];
+        if (room_of(sp->colbuf[c]) < w->info[c].need) return false;
+    }
+    if (w->fixed_room == 0) w->fixed_room = count_fixed_room(w);
+    if (w->fixed_room == 0) return false;
+    w->fixed_room--;
     return true;
 }
 
@@ -544,8 +565,8 @@ static void encode_null(char* p, const colinfo_t& info) {
     }
 }
 
-// The bytes of a value, `need` in all.
-static inline void encode_value(char* p, const colinfo_t& info, const cvn_datum_t* datum, int64_t need) {
+// The bytes of a value, info.need in all.
+static inline void encode_value(char* p, const colinfo_t& info, const cvn_datum_t* datum) {
     switch (info.storage) {
         case CVN_TYP_BOOL: {
             uint8_t image;
@@ -561,10 +582,10 @@ static inline void encode_value(char* p, const colinfo_t& info, const cvn_datum_
         case CVN_TYP_DEC64: memcpy(p, datum, 8); break;
         case CVN_TYP_INT128:
         case CVN_TYP_DEC128: memcpy(p, datum, 16); break;
-        case CVN_TYP_CSTR: memcpy(p, datum->t, static_cast<size_t>(need)); break;
+        case CVN_TYP_CSTR: memcpy(p, datum->t, static_cast<size_t>(info.need)); break;
         default:  // bytea
             memcpy(p, &datum->a.len, 4);
-            if (need > 4) memcpy(p + 4, datum->a.ptr, static_cast<size_t>(need - 4));
+            if (info.need > 4) memcpy(p + 4, datum->a.ptr, static_cast<size_t>(info.need - 4));
             break;
     }
 }
@@ -574,15 +595,16 @@ static void add_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull) {
     const int ncol = sp->ncol;
     for (int c = 0; c < ncol; c++) {
         colbuf_t* cb = sp->colbuf[c];
+        const colinfo_t& info = w->info[c];
         char* p = cb->buf + cb->buftop;
-        cb->buftop += static_cast<int>(w->need[c]);
+        cb->buftop += static_cast<int>(info.need);
         const int row = cb->nrow++;
         if (isnull[c]) {
-            encode_null(p, w->info[c]);
+            encode_null(p, info);
             cb->nmap[row >> 3] = static_cast<char>(cb->nmap[row >> 3] | 0x80 >> (row & 7));
             cb->nnull++;
         } else {
-            encode_value(p, w->info[c], &datum[c], w->need[c]);
+            encode_value(p, info, &datum[c]);
         }
     }
     sp->nrow++;

@@ -63,7 +63,7 @@ void value_civil(int64_t days, int64_t* year, unsigned* month, unsigned* day);
 // end.
 
 // The number of `len` (1 to 8) digits.
-inline bool value_fast_digits(const char* p, uint32_t len, uint64_t* ret) {
+[[gnu::always_inline]] inline bool value_fast_digits(const char* p, uint32_t len, uint64_t* ret) {
     uint64_t v;
     memcpy(&v, p, 8);
     // The digits move to the high bytes; zero bytes follow in front of them, as leading zeros do.
@@ -77,7 +77,7 @@ inline bool value_fast_digits(const char* p, uint32_t len, uint64_t* ret) {
 }
 
 // An integer of up to 16 digits.
-inline bool value_fast_int(const char* p, uint32_t len, int64_t* ret) {
+[[gnu::always_inline]] inline bool value_fast_int(const char* p, uint32_t len, int64_t* ret) {
     const bool minus = *p == '-';
     p += minus;
     len -= minus;
@@ -95,7 +95,7 @@ inline bool value_fast_int(const char* p, uint32_t len, int64_t* ret) {
 }
 
 // YYYY-MM-DD.
-inline bool value_fast_date(const char* p, uint32_t len, int32_t* ret) {
+[[gnu::always_inline]] inline bool value_fast_date(const char* p, uint32_t len, int32_t* ret) {
     if (len != 10) return false;
     uint64_t v;
     memcpy(&v, p, 8);
@@ -121,7 +121,7 @@ inline bool value_fast_date(const char* p, uint32_t len, int32_t* ret) {
 // Digits with or without a point, 16 characters at most and no more than 15 digits: exact, because the digits
 // are an integer below 2^53, the power of ten is exact as well, and one division of exact numbers rounds
 // once.
-inline bool value_fast_double(const char* p, uint32_t len, double* ret) {
+[[gnu::always_inline]] inline bool value_fast_double(const char* p, uint32_t len, double* ret) {
     const bool minus = *p == '-';
     p += minus;
     len -= minus;
