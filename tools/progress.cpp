@@ -19,19 +19,22 @@ void draw(const std::string& text) { (void)!write(2, text.data(), text.size()); 
 
 std::string progress_text(const progress_t& progress, int64_t nbyte, int64_t count, double seconds) {
     const auto rate = [seconds](int64_t n) { return seconds > 0 ? double(n) / seconds : 0; };
-    std::string tail = tool_bytes(rate(nbyte)) + "/s";
-    if (progress.unit)
-        tail = fmt::format("{} {}, {} {}/s", tool_count(count), progress.unit,
-                           tool_count(int64_t(rate(count))), progress.unit);
+    const std::string unit = progress.unit ? progress.unit : "";
+    const std::string speed = progress.unit ? fmt::format("{} {}/s", tool_count(int64_t(rate(count))), unit)
+                                            : tool_bytes(rate(nbyte)) + "/s";
+    const std::string tail = progress.unit && !progress.by_count
+                                 ? fmt::format("{} {}, {}", tool_count(count), unit, speed)
+                                 : speed;
     if (progress.total <= 0) return fmt::format("{}, {}", tool_bytes(double(nbyte)), tail);
     const int64_t done = progress.by_count ? count : nbyte;
     const double part = std::clamp(double(done) / double(progress.total), 0.0, 1.0);
     const int full = int(part * WIDTH);
-    const std::string head =
-        fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  {}", "", full, "", WIDTH - full, part * 100,
-                    tool_bytes(double(nbyte)));
-    if (progress.by_count) return fmt::format("{}, {} of {}", head, tail, tool_count(progress.total));
-    return fmt::format("{} of {}, {}", head, tool_bytes(double(progress.total)), tail);
+    const std::string bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%", "", full, "", WIDTH - full, part * 100);
+    if (progress.by_count)
+        return fmt::format("{}  {} of {} {}, {}, {}", bar, tool_count(count), tool_count(progress.total),
+                           unit, tool_bytes(double(nbyte)), tail);
+    return fmt::format("{}  {} of {}, {}", bar, tool_bytes(double(nbyte)), tool_bytes(double(progress.total)),
+                       tail);
 }
 
 void progress_begin(progress_t* progress, int64_t total, const char* unit) {

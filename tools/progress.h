@@ -8,9 +8,9 @@
 #include <string>
 
 struct progress_t {
-    bool shown = false;  // the standard error is a terminal
-    bool drawn = false;  // a line is on it
-    int64_t total = 0;   // bytes to do; 0 when that is not known
+    bool shown = false;         // the standard error is a terminal
+    bool drawn = false;         // a line is on it
+    int64_t total = 0;          // bytes to do; 0 when that is not known
     bool by_count = false;      // the total is in units, not in bytes
     const char* unit = "rows";  // null: bytes are all that is counted
     std::chrono::steady_clock::time_point begin, next;

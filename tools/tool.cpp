@@ -89,8 +89,8 @@ void tool_check_target(const std::string& path, const char* usage) {
     const ssize_t n = read(fd, head, sizeof(head));
     close(fd);
     if (n != ssize_t(sizeof(head)) || memcmp(head, CVN_HEAD_MAGIC, sizeof(head)) != 0)
-        throw tool_error(fmt::format(
-            "{}: exists and is not a colvane file; it is not replaced (usage: {})", path, usage));
+        throw tool_error(
+            fmt::format("{}: exists and is not a colvane file; it is not replaced (usage: {})", path, usage));
 }
 
 void tool_out_flush(tool_out_t* out) {

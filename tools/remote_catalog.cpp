@@ -1,0 +1,381 @@
+// cvn ls, put, rm and meta: what a server has, and changes to it.
+#include <errno.h>
+#include <fmt/format.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "tools/commands.h"
+#include "tools/format.h"
+#include "tools/progress.h"
+#include "tools/remote.h"
+
+namespace {
+
+struct ls_opts_t {
+    std::string url;
+    std::string format;
+    int timeout = 60;
+};
+
+// Rows of texts and numbers on the standard output. The texts are borrowed until the end.
+struct listing_t {
+    tool_out_t out;
+    format_t format;
+    std::vector<cvn_datum_t> datum;
+};
+
+void listing_begin(listing_t* listing, const std::string& kind, const std::vector<std::string>& name,
+                   const std::vector<cvn_typ_t>& typ) {
+    const std::map<std::string, format_kind_t> kinds = {
+        {"csv", FORMAT_CSV}, {"jsonl", FORMAT_JSONL}, {"table", FORMAT_TABLE}};
+    format_begin(&listing->format, kinds.at(kind.empty() ? "table" : kind), &listing->out, name, typ);
+    listing->datum.resize(name.size());
+}
+
+void listing_row(listing_t* listing) {
+    static constexpr bool none[8] = {};
+    format_row(&listing->format, listing->datum.data(), none);
+}
+
+void ls_names(const ls_opts_t& opts, const kelp_url_t& url) {
+    kelp_error_t err;
+    std::vector<std::string> name;
+    remote_check(kelp_list(&name, url, remote_opt(opts.timeout), &err), url, err);
+    std::sort(name.begin(), name.end());
+    listing_t listing;
+    if (opts.format.empty()) {
+        for (const std::string& n : name) {
+            listing.out.buf += format_cell(n, n.size()) + "\n";
+            tool_out_spill(&listing.out);
+        }
+        return tool_out_flush(&listing.out);
+    }
+    listing_begin(&listing, opts.format, {"name"}, {CVN_TYP_CSTR});
+    for (const std::string& n : name) {
+        listing.datum[0].t = n.c_str();
+        listing_row(&listing);
+    }
+    format_end(&listing.format);
+}
+
+void ls_files(const ls_opts_t& opts, const kelp_url_t& url) {
+    kelp_error_t err;
+    std::vector<kelp_file_t> file;
+    remote_check(kelp_list_files(&file, url, remote_opt(opts.timeout), &err), url, err);
+    std::sort(file.begin(), file.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+    listing_t listing;
+    listing_begin(&listing, opts.format,
+                  {"name", "columns", "rows", "row_groups", "stored_bytes", "raw_bytes"},
+                  {CVN_TYP_CSTR, CVN_TYP_INT32, CVN_TYP_INT64, CVN_TYP_INT64, CVN_TYP_INT64, CVN_TYP_INT64});
+    for (const kelp_file_t& f : file) {
+        listing.datum[0].t = f.name.c_str();
+        listing.datum[1].i = f.ncol;
+        listing.datum[2].I = f.nrow;
+        listing.datum[3].I = f.nrowgroup;
+        listing.datum[4].I = f.zbyte;
+        listing.datum[5].I = f.nbyte;
+        listing_row(&listing);
+    }
+    format_end(&listing.format);
+}
+
+void ls_columns(const ls_opts_t& opts, const kelp_url_t& url) {
+    kelp_error_t err;
+    std::vector<kelp_column_t> column;
+    int32_t chksum;
+    remote_check(kelp_list_columns(&column, &chksum, url, remote_opt(opts.timeout), &err), url, err);
+    listing_t listing;
+    listing_begin(&listing, opts.format, {"column", "type"}, {CVN_TYP_CSTR, CVN_TYP_CSTR});
+    for (const kelp_column_t& c : column) {
+        listing.datum[0].t = c.name.c_str();
+        listing.datum[1].t = cvn_typ_str(c.typ);
+        listing_row(&listing);
+    }
+    format_end(&listing.format);
+}
+
+int ls_run(const ls_opts_t& opts) {
+    const kelp_url_t url = remote_url(opts.url);
+    switch (kelp_url_depth(url)) {
+        case 3: ls_files(opts, url); break;
+        case 4: ls_columns(opts, url); break;
+        default: ls_names(opts, url); break;
+    }
+    return 0;
+}
+
+struct put_opts_t {
+    std::vector<std::string> arg;  // the files, then the URL
+    int timeout = 60;
+};
+
+// One file on its way.
+struct upload_t {
+    std::string path;
+    kelp_url_t url;
+    int64_t nrow = 0;
+    int64_t nbyte = 0;
+};
+
+bool is_table_file(const std::string& name) {
+    return name.ends_with(".cvn") || name.ends_with(".cvn.mismatch");
+}
+
+// Refuses a file that is damaged, or that no query would ever find.
+void put_check(upload_t* up) {
+    const std::string& path = up->path;
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) throw tool_error(path + ": " + tool_strerror(errno));
+    if (S_ISDIR(st.st_mode))
+        throw tool_error(path +
+                         ": is a directory; upload data files (a split has none: upload what it was "
+                         "made from)");
+    if (!S_ISREG(st.st_mode)) throw tool_error(path + ": is not a regular file");
+    up->nbyte = st.st_size;
+    if (!is_table_file(up->url.partition))
+        throw tool_error(
+            fmt::format("{}: no query finds a file named {}; end the name in .cvn, in the URL if need be",
+                        path, tool_quote(up->url.partition)));
+    tool_out_t faults;
+    faults.fd = 2;  // for more than fits into the buffer
+    const int64_t nfault = verify_file(path, &faults, &up->nrow);
+    if (nfault == 0) return;
+    const std::string first = faults.buf.substr(0, faults.buf.find('\n'));
+    throw tool_error(fmt::format(
+        "{}; it is damaged ({} fault{}) and nothing was uploaded; 'cvn verify {}' "
+        "tells all",
+        first.empty() ? path + ": verification failed" : first, nfault, nfault == 1 ? "" : "s", path));
+}
+
+// Refuses a server that is no kelpd: any web server may answer an upload with success.
+void put_check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
+    kelp_url_t root = url;
+    root.database = root.schema = root.entity = root.partition = "";
+    std::vector<std::string> name;
+    kelp_error_t err;
+    const int code = kelp_list(&name, root, opt, &err);
+    // A proxy may keep the list of databases to itself.
+    if (code != KELP_EREFUSED && code != KELP_ENOTFOUND) remote_check(code, url, err);
+}
+
+bool put_progress(void* arg, int64_t done, int64_t) {
+    progress_update(static_cast<progress_t*>(arg), done, 0);
+    return true;
+}
+
+int put_run(const put_opts_t& opts) {
+    if (opts.arg.size() < 2) throw tool_usage("put takes files and, last, the URL of a table");
+    const std::string& place = opts.arg.back();
+    const kelp_url_t url = remote_url(place, 3, 4, "a table, or a file of one, to put files into");
+    const bool named = kelp_url_depth(url) == 4;
+    if (named && opts.arg.size() > 2)
+        throw tool_usage(fmt::format("{} names one file, but {} are to be put there; name the table",
+                                     remote_name(url), opts.arg.size() - 1));
+    std::vector<upload_t> ups;
+    std::set<std::string> names;
+    for (size_t i = 0; i + 1 < opts.arg.size(); ++i) {
+        upload_t up = {opts.arg[i], url};
+        if (!named) up.url.partition = up.path.substr(up.path.rfind('/') + 1);
+        if (up.url.partition.empty() || up.url.partition[0] == '.')
+            throw tool_error(up.path +
+                             ": cannot be uploaded under its own name; put a name behind the table's");
+        if (!names.insert(up.url.partition).second)
+            throw tool_error(fmt::format("{}: another file is called {} too, and would be replaced", up.path,
+                                         tool_quote(up.url.partition)));
+        ups.push_back(std::move(up));
+    }
+    for (upload_t& up : ups) put_check(&up);
+    put_check_server(url, remote_opt(opts.timeout));
+    tool_out_t out;
+    for (const upload_t& up : ups) {
+        progress_t progress;
+        progress_begin(&progress, up.nbyte, nullptr);
+        kelp_error_t err;
+        const int code =
+            kelp_upload(up.url, up.path.c_str(), put_progress, &progress, remote_opt(opts.timeout), &err);
+        progress_end(&progress);
+        if (code == KELP_EFILE) throw tool_error(err.text);
+        remote_check(code, up.url, err);
+        out.buf += fmt::format("{}: {} rows, {} put to {}\n", up.path, tool_count(up.nrow),
+                               tool_bytes(double(up.nbyte)), kelp_url_format(up.url, true));
+        tool_out_flush(&out);
+    }
+    return 0;
+}
+
+struct rm_opts_t {
+    std::string url;
+    bool yes = false;
+    int timeout = 60;
+};
+
+std::string counted(size_t n, const char* one, const char* many) {
+    return fmt::format("{} {}", tool_count(int64_t(n)), n == 1 ? one : many);
+}
+
+// What would be removed. Fails when there is nothing of that name, which the server itself would not tell.
+std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
+    kelp_error_t err;
+    const std::string name = tool_quote(remote_name(url), 500);
+    const int depth = kelp_url_depth(url);
+    if (depth == 4) {
+        std::vector<kelp_column_t> column;
+        int32_t chksum;
+        // Any file can be removed, also one that the server cannot read.
+        const int code = kelp_list_columns(&column, &chksum, url, opt, &err);
+        if (code != KELP_EREFUSED || err.http_status != 500) remote_check(code, url, err);
+        return "the file " + name;
+    }
+    if (depth == 3) {
+        std::vector<kelp_file_t> file;
+        remote_check(kelp_list_files(&file, url, opt, &err), url, err);
+        int64_t nrow = 0;
+        for (const kelp_file_t& f : file) nrow += f.nrow;
+        return fmt::format("the table {} with {} and {} rows", name, counted(file.size(), "file", "files"),
+                           tool_count(nrow));
+    }
+    std::vector<std::string> below;
+    remote_check(kelp_list(&below, url, opt, &err), url, err);
+    return depth == 2
+               ? fmt::format("the schema {} with {}", name, counted(below.size(), "table", "tables"))
+               : fmt::format("the database {} with {}", name, counted(below.size(), "schema", "schemas"));
+}
+
+bool ask(const std::string& question) {
+    fmt::print(stderr, "{} [y/N] ", question);
+    std::string line;
+    for (char ch = 0; ch != '\n';) {
+        const ssize_t n = read(0, &ch, 1);
+        tool_check_signals();
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            fmt::print(stderr, "\n");
+            return false;
+        }
+        if (ch != '\n' && line.size() < 8) line += ch;
+    }
+    return strcasecmp(line.c_str(), "y") == 0 || strcasecmp(line.c_str(), "yes") == 0;
+}
+
+int rm_run(const rm_opts_t& opts) {
+    const kelp_url_t url = remote_url(opts.url, 1, 4, "anything that can be removed");
+    if (!opts.yes && (isatty(0) != 1 || isatty(2) != 1))
+        throw tool_usage("there is no terminal to ask on; --yes removes without asking");
+    const kelp_opt_t opt = remote_opt(opts.timeout);
+    const std::string what = rm_what(url, opt);
+    if (!opts.yes && !ask("remove " + what + "?")) throw tool_error("nothing was removed");
+    kelp_error_t err;
+    remote_check(kelp_remove(url, opt, &err), url, err);
+    tool_out_t out;
+    out.buf = "removed " + what + "\n";
+    tool_out_flush(&out);
+    return 0;
+}
+
+struct meta_opts_t {
+    std::string url;
+    int timeout = 60;
+};
+
+int meta_run(const meta_opts_t& opts) {
+    const kelp_url_t url = remote_url(opts.url, 3, 3, "a table");
+    kelp_error_t err;
+    kelp_meta_t meta;
+    remote_check(kelp_meta(&meta, url, remote_opt(opts.timeout), &err), url, err);
+    tool_out_t out;
+    out.buf = fmt::format("rows        {}\nrow groups  {}\n", meta.nrow, meta.nrowgroup);
+    tool_out_flush(&out);
+    return 0;
+}
+
+void ls_register(CLI::App* app, int* ret) {
+    auto opts = std::make_shared<ls_opts_t>();
+    CLI::App* const sub =
+        app->add_subcommand("ls",
+                            "List what a server has: databases, schemas, tables, a table's files, a file's "
+                            "columns.\n"
+                            "\n"
+                            "URL is kelp://host:port/database/schema/table/file, cut at any depth, or "
+                            "http://host:port/v1/database/...\n"
+                            "With KELPD_URL set to kelp://host:port, database/schema/table is enough; "
+                            "without a URL its own place is listed.\n"
+                            "\n"
+                            "Examples:\n"
+                            "  cvn ls kelp://localhost:7070\n"
+                            "  cvn ls kelp://localhost:7070/shop/public/orders\n"
+                            "  KELPD_URL=kelp://localhost:7070 cvn ls shop/public --format jsonl");
+    sub->add_option("URL", opts->url, "The place to list (default: KELPD_URL)");
+    sub->add_option("--format", opts->format, "csv, jsonl or table")
+        ->check(CLI::IsMember({"csv", "jsonl", "table"}));
+    remote_add_timeout(sub, &opts->timeout);
+    sub->callback([opts, ret] { *ret = ls_run(*opts); });
+}
+
+void put_register(CLI::App* app, int* ret) {
+    auto opts = std::make_shared<put_opts_t>();
+    CLI::App* const sub = app->add_subcommand(
+        "put",
+        "Upload data files into a table.\n"
+        "\n"
+        "Every file is verified first, as 'cvn verify' does, and none is sent when one is "
+        "damaged. A file replaces the\n"
+        "table's file of the same name; the server keeps that one when the upload fails. "
+        "A table that does not exist\n"
+        "is made. All files of a table should have the same columns.\n"
+        "\n"
+        "Examples:\n"
+        "  cvn put orders.*.cvn kelp://localhost:7070/shop/public/orders\n"
+        "  cvn put new.cvn kelp://localhost:7070/shop/public/orders/2024-01.cvn");
+    remote_usage(sub, "FILE... URL");
+    sub->add_option("FILE", opts->arg, "The data files, then the table (or one file of it)")->required();
+    remote_add_timeout(sub, &opts->timeout);
+    sub->callback([opts, ret] { *ret = put_run(*opts); });
+}
+
+void rm_register(CLI::App* app, int* ret) {
+    auto opts = std::make_shared<rm_opts_t>();
+    CLI::App* const sub =
+        app->add_subcommand("rm",
+                            "Remove a file, a table, a schema or a database from a server.\n"
+                            "\n"
+                            "Asks on the terminal first; without one, --yes must be given. Scans that read a "
+                            "file already go on to its end.\n"
+                            "\n"
+                            "Examples:\n"
+                            "  cvn rm kelp://localhost:7070/shop/public/orders/2024-01.cvn\n"
+                            "  cvn rm --yes kelp://localhost:7070/shop/scratch");
+    sub->add_option("URL", opts->url, "What to remove")->required();
+    sub->add_flag("--yes,-y", opts->yes, "Do not ask");
+    remote_add_timeout(sub, &opts->timeout);
+    sub->callback([opts, ret] { *ret = rm_run(*opts); });
+}
+
+void meta_register(CLI::App* app, int* ret) {
+    auto opts = std::make_shared<meta_opts_t>();
+    CLI::App* const sub =
+        app->add_subcommand("meta",
+                            "Print how many rows and row groups a table has.\n"
+                            "\n"
+                            "Files set aside as .cvn.mismatch count too, which no query reads.\n"
+                            "\n"
+                            "Example:\n"
+                            "  cvn meta kelp://localhost:7070/shop/public/orders");
+    sub->add_option("URL", opts->url, "The table (default: KELPD_URL)");
+    remote_add_timeout(sub, &opts->timeout);
+    sub->callback([opts, ret] { *ret = meta_run(*opts); });
+}
+
+}  // namespace
+
+void remote_catalog_register(CLI::App* app, int* ret) {
+    ls_register(app, ret);
+    put_register(app, ret);
+    rm_register(app, ret);
+    meta_register(app, ret);
+}
