@@ -10,19 +10,23 @@ _cvn() {
     case $prev in
         --format) mapfile -t COMPREPLY < <(compgen -W "csv jsonl table" -- "$cur"); return ;;
         --delimiter) mapfile -t COMPREPLY < <(compgen -W "tab" -- "$cur"); return ;;
-        --schema | --null | --rows | --sample | --columns | --where | --limit | --jobs) return ;;
-        -o) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
+        --schema | --null | --rows | --sample | --columns | --where | --limit | --jobs | --timeout) return ;;
+        -o | --output) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
     esac
     options=--help
     case $command in
         create) options+=" --schema --no-header --delimiter --null --rows --sample"; files=all ;;
         info) options+=" --json --rowgroups"; files=cvn ;;
         cat) options+=" --columns --where --limit --format"; files=cvn ;;
-        verify | split | put) files=cvn ;;
-        rm) options+=" --yes" ;;
-        count) options+=" --where" ;;
-        query) options+=" --columns --where --jobs --limit --format --stats -o" ;;
-        get) options+=" --columns --where"; files=cvn ;;
+        verify | split) files=cvn ;;
+        put) options+=" --timeout"; files=cvn ;;
+        ls) options+=" --format --timeout" ;;
+        rm) options+=" --yes --timeout" ;;
+        meta) options+=" --timeout" ;;
+        count) options+=" --where --jobs --stats --timeout" ;;
+        query) options+=" --columns --where --jobs --limit --format --stats --output --timeout" ;;
+        get) options+=" --columns --where --jobs --limit --stats --timeout"; files=cvn ;;
+        sample) options+=" --format --output --timeout" ;;
     esac
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
