@@ -21,6 +21,7 @@
 static constexpr char USAGE[] =
     "usage: cvn-bench load-rows COLDEF ROWS.BIN OUT.cvn\n"
     "       cvn-bench sum [-d LO HI] [-b COLUMN] [-u] [-k SET] FILE [COLUMN...]\n"
+    "       cvn-bench query URL JOBS [COLUMN...]\n"
     "\n"
     "load-rows  reads a binary row file into memory and appends its rows one by one to a new data file.\n"
     "           Prints seconds=S cpu=P rows=N, from the first append to the finished close.\n"
@@ -36,6 +37,10 @@ static constexpr char USAGE[] =
     "its use\n"
     "  -k SET      instruction set of the inner loops: base, avx2 or avx512 (the best that the processor "
     "has)\n"
+    "query      scans a daemon's table over JOBS connections into decoded batches, in a build with the "
+    "client "
+    "library.\n"
+    "           Prints seconds=S cpu=P rows=N stored=Z decoded=B, from the open to the close of the scan.\n"
     "\n"
     "Exit status: 0 done, 1 failed, 2 wrong usage or a build that is not fit for measuring.\n";
 
@@ -100,6 +105,20 @@ static void sum_verb(int argc, char** argv) {
     sum_file(args);
 }
 
+static void query_verb(int argc, char** argv) {
+#ifdef BENCH_CLIENT
+    if (argc < 4) usage("query takes a URL and a number of jobs");
+    char* end;
+    const long njob = strtol(argv[3], &end, 10);
+    if (end == argv[3] || *end || njob < 1 || njob > 64) usage("JOBS is a number from 1 to 64");
+    query_url(argv[2], int(njob), std::vector<std::string>(argv + 4, argv + argc));
+#else
+    (void)argc;
+    (void)argv;
+    fail("query: this build has no client library (libcurl was missing)");
+#endif
+}
+
 // Row groups come and go by the megabyte: freed blocks stay for the next one, and the heap grows in steps
 // that huge pages can back. Nothing is touched beforehand, so that first use is still paid for where it
 // happens.
@@ -133,6 +152,8 @@ int main(int argc, char** argv) {
         load_rows(argv[2], argv[3], argv[4]);
     } else if (verb == "sum") {
         sum_verb(argc, argv);
+    } else if (verb == "query") {
+        query_verb(argc, argv);
     } else {
         usage(argc > 1 ? "unknown verb" : nullptr);
     }

@@ -37,4 +37,9 @@ struct sum_args_t {
 // scan. Ends the program on any failure.
 void sum_file(const sum_args_t& args);
 
+// Scans a table of a daemon over `njob` connections into decoded batches and prints "seconds=S cpu=P rows=N
+// stored=Z decoded=B", where P is this process's part. No columns: all. Ends the program on any failure. Only
+// in builds that have the client library.
+void query_url(const char* url, int njob, const std::vector<std::string>& columns);
+
 #endif
