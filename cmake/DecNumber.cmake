@@ -37,7 +37,7 @@ else()
     $<BUILD_INTERFACE:${dec_src}> $<BUILD_INTERFACE:${dec_src}/dpd> $<BUILD_INTERFACE:${dec_root}/gen>)
   # Its version 3.61 reads a buffer after the block that declared it (decFinalize, a number padded with zeros down from
   # an exponent that is too large), so the compiler must not give the buffer's place to another variable.
-  target_compile_options(decnumber PRIVATE -w
+  target_compile_options(decnumber PRIVATE -w -ffunction-sections -fdata-sections
     $<$<C_COMPILER_ID:GNU>:-fstack-reuse=none> $<$<C_COMPILER_ID:Clang>:-Xclang;-disable-lifetime-markers>)
   if(KELPD_SANITIZE)
     # Not this project's code: its alignment habits and shifts are its own business.

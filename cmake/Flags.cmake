@@ -10,9 +10,10 @@ target_include_directories(kelpd_strict INTERFACE $<BUILD_INTERFACE:${PROJECT_SO
 
 add_library(kelpd_core_flags INTERFACE)
 target_link_libraries(kelpd_core_flags INTERFACE kelpd_strict)
-# No exceptions, no run-time types, no guarded statics: a C program links the library without a C++ runtime.
+# No exceptions, no run-time types, no guarded statics: a C program links the library without a C++ runtime. A section
+# for each function, so that a program can leave out those it does not call.
 target_compile_options(kelpd_core_flags INTERFACE
-  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -ffunction-sections -fdata-sections>)
 
 if(KELPD_SANITIZE)
   set(sanitize -fsanitize=${KELPD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -366,6 +366,13 @@ class Daemonised(WireCase):
         self.assertEqual((self.kelpd.pid, self.kelpd.pid), (process.sid, process.pgrp))
         self.assertEqual(os.path.realpath(self.kelpd.dir), os.readlink(f"/proc/{self.kelpd.pid}/cwd"))
 
+    def test_the_code_is_mapped_before_the_first_child_so_that_forks_copy_it(self):
+        with open(f"/proc/{self.kelpd.pid}/smaps", encoding="ascii") as f:
+            mapping = re.search(r"^\S+ r-xp \S+ \S+ [1-9]\d* .*kelpd.*\n((?:[A-Z]\w+: .*\n)+)", f.read(), re.M)[1]
+        size = {name: int(kb) for name, kb in re.findall(r"^(\w+): +(\d+) kB", mapping, re.M)}
+        self.assertEqual(size["Size"], size["Rss"])
+        self.assertGreater(size["Anonymous"], 0)
+
     def test_the_umask_is_zero(self):
         self.assertEqual(0, int(status_field(self.kelpd.pid, "Umask"), 8))
         self.assertEqual(0o755, stat.S_IMODE(os.stat(self.kelpd.path("log")).st_mode))

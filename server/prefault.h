@@ -1,0 +1,13 @@
+// Makes forks cheaper by having the program's own pages mapped before the first one.
+#ifndef KELPD_SERVER_PREFAULT_H
+#define KELPD_SERVER_PREFAULT_H
+
+// Maps the program's code and constants, and makes fork() copy these mappings to its children. Without it a
+// child begins with none of them and takes a page fault for every stretch of code that it runs: a dozen for a
+// small request, a third of its processor time.
+//
+// To be called once, before the first fork, in a process with one thread. Changes no byte and no protection.
+// It is an optimisation only: where the kernel refuses a step, the children fault as they otherwise would.
+void prefault_program();
+
+#endif
