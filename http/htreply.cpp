@@ -27,9 +27,7 @@ static int format_head(char* buf, const char* status, const char* const hdline[4
     struct tm tm;
     char date[100];
     if (!gmtime_r(&now, &tm) || strftime(date, sizeof(date), RFC1123FMT, &tm) == 0) date[0] = '\0';
-    int len = addf(buf, 0, "HTTP/1.1 %s\r\n", status);
-    len = addf(buf, len, "Date: %s\r\n", date);
-    len = addf(buf, len, "Connection: close\r\n");
+    int len = addf(buf, 0, "HTTP/1.1 %s\r\nDate: %s\r\nConnection: close\r\n", status, date);
     for (int i = 0; i < 4 && hdline[i]; i++) len = addf(buf, len, "%s\r\n", hdline[i]);
     return addf(buf, len, "\r\n");
 }

@@ -2,14 +2,17 @@
 #include "store/dir.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 bool dir_exists(const char* path) {
-    DIR* d = opendir(path);
-    if (!d) return false;
-    closedir(d);
+    // As opendir opens it, without the buffer that it makes ready for reading.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC);
+    if (fd == -1) return false;
+    close(fd);
     return true;
 }
 

@@ -136,6 +136,18 @@ class Delivery(WireCase):
         self.assert_reply(json_reply(listing), b"".join(parts))
         self.assert_log("GET /v1/d/s/e -> 200 OK")
 
+    def test_a_reply_is_whole_though_bytes_of_the_request_are_left_unread(self):
+        entry = small_file().data
+        for n in range(300):
+            self.kelpd.store(f"d/s/e/{n:03}.cvn", entry)
+        listing = self.kelpd.ask(get("/v1/d/s/e"))
+        stream = self.kelpd.ask(post("/v1/d/s/e"))
+        self.assertGreater(len(listing), 30000)
+        for raw, reply in ((get("/v1/d/s/e"), listing), (post("/v1/d/s/e"), stream)):
+            got = self.kelpd.ask(raw + bytes(30000))
+            self.assertEqual(reply.split(b"\r\n\r\n", 1)[1], got.split(b"\r\n\r\n", 1)[1])
+        self.assert_log(*["GET /v1/d/s/e -> 200 OK", "POST /v1/d/s/e -> 200 OK"] * 2)
+
     def test_nothing_follows_the_reply(self):
         with self.kelpd.connect() as s:
             s.sendall(get("/v1"))
