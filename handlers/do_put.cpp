@@ -14,6 +14,7 @@
 #include "store/util.h"
 
 constexpr int PUT_READSZ = 8192;
+constexpr size_t PUT_WRITESZ = 1048576;
 
 static const char* do_put_err(const char* err, char* path, char* tmppath, tblpath_t* tblpath, FILE* fp) {
     if (fp) fclose(fp);
@@ -24,13 +25,15 @@ static const char* do_put_err(const char* err, char* path, char* tmppath, tblpat
     return err;
 }
 
-// Opens the temporary file, readable by the daemon alone. Unbuffered: every write reaches the file, or fails,
-// at once.
+// Opens the temporary file, readable by the daemon alone. It is written in large, aligned pieces, which the
+// page cache keeps in large folios: scans of it are faster too.
 static FILE* open_tmp(const char* tmppath) {
+    static char* buf;  // kept: a child has one upload, and a daemon that does not fork one at a time
     const mode_t old = umask(077);
     FILE* fp = fopen(tmppath, "wb");
     umask(old);
-    if (fp) setbuf(fp, nullptr);
+    if (!buf) buf = static_cast<char*>(malloc(PUT_WRITESZ));
+    if (fp && buf) (void)setvbuf(fp, buf, _IOFBF, PUT_WRITESZ);
     return fp;
 }
 
