@@ -410,21 +410,32 @@ static plan_t plan_pages(cvn_scan_t* scan, int64_t rg, int first, int end, bool 
     return plan;
 }
 
+// Allocates room for at least `*sz` bytes. Large room is whole huge pages, so that it takes few faults to
+// fill and serves later row groups that are a little larger; `*sz` is then raised to what there is.
+static char* alloc_room(mpool_t* pool, int64_t* sz) {
+    if (*sz < CVN_HUGE_PAGE / 2) return static_cast<char*>(mpool_alloc(pool, static_cast<size_t>(*sz)));
+    const int64_t whole = (*sz + CVN_HUGE_PAGE - 1) / CVN_HUGE_PAGE * CVN_HUGE_PAGE;
+    auto* block = static_cast<char*>(mpool_alloc(pool, static_cast<size_t>(whole + CVN_HUGE_PAGE)));
+    if (!block) return nullptr;
+    block += -reinterpret_cast<uintptr_t>(block) & (CVN_HUGE_PAGE - 1);
+    advise_large(block, whole);
+    *sz = whole;
+    return block;
+}
+
 // Makes room for a row group's pages. What is large enough is kept; the rest goes before anything larger
 // comes.
 static int make_slab(scan_t* scan, const plan_t* plan) {
     cvn_scan_t* sc = &scan->pub;
     if (plan->slabsz > scan->slabsz || plan->scratchsz > scan->scratchsz) {
-        const int64_t slabsz = std::max(plan->slabsz, scan->slabsz);
-        const int64_t scratchsz = std::max(plan->scratchsz, scan->scratchsz);
+        int64_t slabsz = std::max(plan->slabsz, scan->slabsz);
+        int64_t scratchsz = std::max(plan->scratchsz, scan->scratchsz);
         mpool_reset(sc->per_rowgroup_mpool);
         scan->slabsz = scan->scratchsz = 0;
-        scan->slab = static_cast<char*>(mpool_alloc(sc->per_rowgroup_mpool, static_cast<size_t>(slabsz)));
+        scan->slab = alloc_room(sc->per_rowgroup_mpool, &slabsz);
         if (!scan->slab) return -2;
         scan->slabsz = slabsz;
-        advise_large(scan->slab, slabsz);
-        scan->scratch =
-            static_cast<char*>(mpool_alloc(sc->per_rowgroup_mpool, static_cast<size_t>(scratchsz)));
+        scan->scratch = alloc_room(sc->per_rowgroup_mpool, &scratchsz);
         if (!scan->scratch) return -2;
         scan->scratchsz = scratchsz;
     }
