@@ -31,7 +31,9 @@ constexpr int DEC128_BIAS = 6176;
 // Rows of a local file.
 struct local_t {
     cvn_scan_t* sc = nullptr;
-    std::vector<int> cno;  // of the columns wanted
+    plan_t plan;
+    bool exact = true;
+    std::vector<int> cno;  // of the columns of the plan
     std::vector<int> fd;   // split directory: their files; else empty
     std::shared_ptr<const std::vector<kelp_column_t>> column;
     std::shared_ptr<bufpool_t> pool;
@@ -51,6 +53,7 @@ struct arrow_t {
     std::vector<int> scale;  // by column; of decimals
     bool text_as_binary = false;
     bool ended = false;
+    int failed = 0;  // errno of the first failure: there is nothing more behind it
     kelp_error_t err{};
     char message[sizeof(kelp_error_t::text) + sizeof(kelp_error_t::hint) + 4] = "";
 };
@@ -77,8 +80,7 @@ static int fail_file(kelp_error_t* err, const char* fpath, int code) {
                      "cannot read %.300s: %s", fpath, why);
 }
 
-static int local_fill(local_t* local, const char* fpath, const std::vector<std::string>& column,
-                      kelp_error_t* err) {
+static int local_fill(local_t* local, const char* fpath, const kelp_query_t& query, kelp_error_t* err) {
     if (const int code = cvn_scan_open(&local->sc, fpath)) return fail_file(err, fpath, code);
     int ncol = 0;
     const cvn_coldef_t* def = nullptr;
@@ -89,10 +91,13 @@ static int local_fill(local_t* local, const char* fpath, const std::vector<std::
         const std::string name(def[c].name, strnlen(def[c].name, CVN_NAME_SZ - 1));
         have.push_back({name, strcmp(cvn_typ_str(def[c].typ), "unknown") == 0 ? 0 : def[c].typ});
     }
-    plan_t plan;
-    if (const int code = query_plan(&plan, have, column, false, {}, err)) return code;
+    plan_t* plan = &local->plan;
+    if (const int code = query_plan(plan, have, query.column, false, query.cond, err)) return code;
+    local->exact = query.exact;
     local->pool = std::make_shared<bufpool_t>();
-    for (const kelp_column_t& c : plan.column) {
+    local->cno.reserve(plan->column.size());
+    local->fd.reserve(plan->column.size());
+    for (const kelp_column_t& c : plan->column) {
         const auto at =
             std::find_if(have.begin(), have.end(), [&](const kelp_column_t& h) { return h.name == c.name; });
         const auto cno = static_cast<int>(at - have.begin());
@@ -102,14 +107,13 @@ static int local_fill(local_t* local, const char* fpath, const std::vector<std::
         local->fd.push_back(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         if (local->fd.back() < 0) return fail_file(err, path.c_str(), -3);
     }
-    local->column = std::make_shared<const std::vector<kelp_column_t>>(std::move(plan.column));
+    local->column = std::make_shared<const std::vector<kelp_column_t>>(plan->column);
     return 0;
 }
 
-static int local_open(local_t** ret, const char* fpath, const std::vector<std::string>& column,
-                      kelp_error_t* err) {
+static int local_open(local_t** ret, const char* fpath, const kelp_query_t& query, kelp_error_t* err) {
     auto* local = new local_t{};
-    const int code = kelp_guard(err, [&] { return local_fill(local, fpath, column, err); });
+    const int code = kelp_guard(err, [&] { return local_fill(local, fpath, query, err); });
     if (code) {
         local_free(local);
         return code;
@@ -171,31 +175,30 @@ static int local_page(local_t* local, size_t k, int64_t rg, column_t* col, kelp_
 
 static int local_next(local_t* local, kelp_batch_t** ret, kelp_error_t* err) {
     const size_t ncol = local->cno.size();
+    if (local->plan.empty) return KELP_END;
     while (local->next_rg < local->sc->schema->nrowgroup) {
         const int64_t rg = local->next_rg++;
         auto batch = std::make_unique<batch_t>();
         batch->pool = local->pool;
         batch->schema = local->column;
         batch->column.resize(ncol);
-        batch->vec.resize(ncol);
-        int code = 0;
-        for (size_t k = 0; k < ncol && code == 0; k++) {
-            code = local_page(local, k, rg, &batch->column[k], err);
-            batch->vec[k] = batch->column[k].vec;
-            if (code == 0 && batch->vec[k].nrow != batch->vec[0].nrow)
-                code =
-                    kelp_fail(err, KELP_EDAMAGED, "verify the file",
-                              "the columns of row group %lld differ in length", static_cast<long long>(rg));
+        for (size_t k = 0; k < ncol; k++) {
+            if (const int code = local_page(local, k, rg, &batch->column[k], err)) return code;
+            if (batch->column[k].vec.nrow != batch->column[0].vec.nrow)
+                return kelp_fail(err, KELP_EDAMAGED, "verify the file",
+                                 "the columns of row group %lld differ in length",
+                                 static_cast<long long>(rg));
         }
-        const int64_t nrow = ncol ? batch->vec[0].nrow : 0;
-        batch->pub = kelp_batch_t{.nrow = nrow, .ncol = static_cast<int>(ncol), .col = batch->vec.data()};
-        kelp_batch_t* pub = &batch.release()->pub;
-        if (code || nrow == 0) {
-            kelp_batch_free(pub);
-            if (code) return code;
-            continue;
-        }
-        *ret = pub;
+        const size_t nresult = local->plan.nresult;
+        int64_t nrow = ncol ? batch->column[0].vec.nrow : 0;
+        if (local->exact && !local->plan.cond.empty())
+            nrow = filter_columns(batch->column, nresult, local->plan.cond);
+        if (nrow == 0) continue;
+        for (size_t k = nresult; k < ncol; k++) column_free(local->pool.get(), &batch->column[k]);
+        batch->column.resize(nresult);
+        for (const column_t& c : batch->column) batch->vec.push_back(c.vec);
+        batch->pub = kelp_batch_t{.nrow = nrow, .ncol = static_cast<int>(nresult), .col = batch->vec.data()};
+        *ret = &batch.release()->pub;
         return 0;
     }
     return KELP_END;
@@ -204,6 +207,23 @@ static int local_next(local_t* local, kelp_batch_t** ret, kelp_error_t* err) {
 static int source_next(source_t* s, kelp_batch_t** ret, kelp_error_t* err) {
     *ret = nullptr;
     return s->scan ? kelp_scan_next(s->scan, ret, err) : local_next(s->local, ret, err);
+}
+
+// Refuses a source whose columns are not those that an earlier look at the same place has found: what follows
+// was prepared for those.
+static int source_check(const source_t* s, const std::vector<kelp_column_t>& want, kelp_error_t* err) {
+    std::vector<kelp_column_t> have;
+    if (s->scan)
+        have = kelp_scan_columns(s->scan);
+    else
+        have.assign(s->local->column->begin(),
+                    s->local->column->begin() + static_cast<ptrdiff_t>(s->local->plan.nresult));
+    const auto same = [](const kelp_column_t& a, const kelp_column_t& b) {
+        return a.typ == b.typ && a.name == b.name;
+    };
+    if (std::equal(have.begin(), have.end(), want.begin(), want.end(), same)) return 0;
+    return kelp_fail(err, s->scan ? KELP_ECHANGED : KELP_EFILE, "try again",
+                     "the %s changed while it was read", s->scan ? "table" : "file");
 }
 
 static void source_free(source_t* s) {
@@ -328,6 +348,8 @@ struct need_t {
 }  // namespace
 
 static int need_add(need_t* need, const kelp_vec_t& vec, kelp_error_t* err) {
+    if (!is_decimal(vec.typ))
+        return kelp_fail(err, KELP_EPROTO, nullptr, "column %s is not decimal any more", vec.name);
     for (int64_t r = 0; r < vec.nrow; r++) {
         if (vec.nnull && kelp_vec_isnull(vec, r)) continue;
         decimal_t d = load_decimal(vec, r);
@@ -595,6 +617,18 @@ static int convert_varying(owned_t* owned, const kelp_vec_t& vec, bool is_text, 
     return 0;
 }
 
+// A time of day lies within one day; what does not could be taken for another, or for none.
+static int check_times(const kelp_vec_t& vec, kelp_error_t* err) {
+    constexpr int32_t DAY_MS = 86400000;
+    for (int64_t r = 0; r < vec.nrow; r++) {
+        const auto ms = kelp_vec_get<int32_t>(vec, r);
+        if ((ms < 0 || ms >= DAY_MS) && !kelp_vec_isnull(vec, r))
+            return kelp_fail(err, KELP_EUNFIT, "leave the column out",
+                             "column %s holds %d milliseconds, which is no time of a day", vec.name, ms);
+    }
+    return 0;
+}
+
 static int convert_column(const arrow_t* a, size_t c, owned_t* owned, batch_t* batch, ArrowArray* out,
                           kelp_error_t* err) {
     column_t* col = &batch->column[c];
@@ -610,6 +644,7 @@ static int convert_column(const arrow_t* a, size_t c, owned_t* owned, batch_t* b
         } else if (is_decimal(vec.typ)) {
             code = convert_decimal(owned, vec, a->scale[c], err);
         } else {
+            if (vec.typ == CVN_TYP_TIME_MILLIS) code = check_times(vec, err);
             owned->buf[1] = col->value;
             col->value = buf_t{};
         }
@@ -693,9 +728,11 @@ static int next_array(arrow_t* a, ArrowArray* out) {
 static int stream_get_next(ArrowArrayStream* stream, ArrowArray* out) {
     auto* a = static_cast<arrow_t*>(stream->private_data);
     *out = ArrowArray{};
+    if (a->failed) return a->failed;
     if (a->ended) return 0;
     const int code = kelp_guard(&a->err, [&] { return next_array(a, out); });
-    return code ? stream_fail(a, code) : 0;
+    if (code) a->failed = stream_fail(a, code);
+    return a->failed;
 }
 
 static const char* stream_get_last_error(ArrowArrayStream* stream) {
@@ -744,13 +781,25 @@ static int settle_scales(arrow_t* a, const kelp_arrow_opt_t& arrow, AGAIN again,
         source_t source;
         std::vector<int> found;
         if (const int code = again(&source, name)) return code;
-        const int code = kelp_guard(err, [&] { return find_scales(&source, unknown, &found, err); });
+        const int code = kelp_guard(err, [&] {
+            const int changed = source_check(&source, unknown, err);
+            return changed ? changed : find_scales(&source, unknown, &found, err);
+        });
         source_free(&source);
         if (code) return code;
         size_t i = 0;
         for (size_t c = 0; c < a->column.size(); c++)
             if (is_decimal(a->column[c].typ) && a->scale[c] < 0) a->scale[c] = found[i++];
     }
+    return 0;
+}
+
+// The names of Arrow's fields are UTF-8.
+static int check_names(const std::vector<kelp_column_t>& column, kelp_error_t* err) {
+    for (const kelp_column_t& c : column)
+        if (!is_utf8(c.name.data(), c.name.size()))
+            return kelp_fail(err, KELP_EUNFIT, "leave the column out",
+                             "the name of column %.100s is no UTF-8", c.name.c_str());
     return 0;
 }
 
@@ -785,8 +834,31 @@ int kelp_arrow_scan(ArrowArrayStream* ret_stream, const kelp_query_t& query, con
             q.column = name;
             return kelp_scan_open(&source->scan, q, opt, err);
         };
+        if (const int failed = check_names(a->column, err)) return failed;
         if (const int failed = settle_scales(a, arrow, again, err)) return failed;
-        return kelp_scan_open(&a->source.scan, query, opt, err);
+        if (const int failed = kelp_scan_open(&a->source.scan, query, opt, err)) return failed;
+        return source_check(&a->source, a->column, err);
+    });
+    if (code) return arrow_err(code, a);
+    make_stream(ret_stream, a);
+    return 0;
+}
+
+int kelp_arrow_file_query(ArrowArrayStream* ret_stream, const char* fpath, const kelp_query_t& query,
+                          const kelp_arrow_opt_t& arrow, kelp_error_t* err) {
+    auto* a = new (std::nothrow) arrow_t{};
+    if (!a) return kelp_nomem(err);
+    const int code = kelp_guard(err, [&] {
+        if (const int failed = local_open(&a->source.local, fpath, query, err)) return failed;
+        const plan_t& plan = a->source.local->plan;
+        a->column.assign(plan.column.begin(), plan.column.begin() + static_cast<ptrdiff_t>(plan.nresult));
+        if (const int failed = check_names(a->column, err)) return failed;
+        const auto again = [&](source_t* source, const std::vector<std::string>& name) {
+            kelp_query_t q = query;
+            q.column = name;
+            return local_open(&source->local, fpath, q, err);
+        };
+        return settle_scales(a, arrow, again, err);
     });
     if (code) return arrow_err(code, a);
     make_stream(ret_stream, a);
@@ -795,17 +867,9 @@ int kelp_arrow_scan(ArrowArrayStream* ret_stream, const kelp_query_t& query, con
 
 int kelp_arrow_file(ArrowArrayStream* ret_stream, const char* fpath, const std::vector<std::string>& column,
                     const kelp_arrow_opt_t& arrow, kelp_error_t* err) {
-    auto* a = new (std::nothrow) arrow_t{};
-    if (!a) return kelp_nomem(err);
-    const int code = kelp_guard(err, [&] {
-        if (const int failed = local_open(&a->source.local, fpath, column, err)) return failed;
-        a->column = *a->source.local->column;
-        const auto again = [&](source_t* source, const std::vector<std::string>& name) {
-            return local_open(&source->local, fpath, name, err);
-        };
-        return settle_scales(a, arrow, again, err);
+    return kelp_guard(err, [&] {
+        kelp_query_t query;
+        query.column = column;
+        return kelp_arrow_file_query(ret_stream, fpath, query, arrow, err);
     });
-    if (code) return arrow_err(code, a);
-    make_stream(ret_stream, a);
-    return 0;
 }

@@ -1,25 +1,28 @@
 // arrow: rows of a kelpd's table or of a local file as an Arrow stream, for any consumer in the same process.
 //
 // The stream is the Arrow C stream interface: plain C structures, no library. A consumer takes its address,
-// or its members. Each row group (what a filter leaves of it) becomes one record batch. How types are
-// expressed:
+// or its members. Each row group (what a filter leaves of it) becomes one record batch. After a failure every
+// further call for a batch fails likewise. How types are expressed:
 //
 //   bool              bool                  repacked, a bit a row
 //   int16 to int64    int16, int32, int64   in place
-//   int128            fixed-size binary 16  in place: two's complement, little-endian. No decimal of 128 bits
-//   holds
-//                                           39 digits. The field's metadata call it the extension
-//                                           "arrow.opaque" with the type name "hugeint", which DuckDB reads
-//                                           as its own type; to others it is its bytes
+//   int128            fixed-size binary 16  in place [1]
 //   float, double     float, double         in place
 //   bytea             binary                copied without the length prefixes
-//   cstr              utf8                  copied without the NULs; text that is no UTF-8 is an error,
-//   unless
-//                                           `text_as_binary` makes the column binary
+//   cstr              utf8                  copied without the NULs [2]
 //   dec64, dec128     decimal128(38, s)     converted, exactly or not at all; see `scale`
 //   date              date32                in place, days since 1970-01-01
-//   time_millis       time32(ms)            in place
+//   time_millis       time32(ms)            in place [3]
 //   timestamp_millis  timestamp(ms)         in place, no time zone
+//
+// [1] Two's complement, little-endian, since no decimal of 128 bits holds 39 digits. The field's metadata
+// call it the extension "arrow.opaque" with the type name "hugeint", which DuckDB reads as its own type; to
+// others it is its bytes.
+//
+// [2] Text that is no UTF-8 is KELP_EUNFIT, unless `text_as_binary` makes the column binary. So is the name
+// of a column that is none.
+//
+// [3] A value outside of one day is KELP_EUNFIT.
 //
 // "In place" means that the array's buffer is the memory into which the page was received or decompressed; it
 // is released with the array, also when that is after the stream's end. Null bitmaps are converted.
@@ -95,7 +98,9 @@ struct kelp_arrow_opt_t {
 };
 
 // Makes a stream of a scan. The stream is the caller's: its release callback ends the scan. What `opt.cancel`
-// points at must outlive it. `*ret_stream` is written only on success.
+// points at must outlive it. `*ret_stream` is written only on success. Finding a scale, the scan itself and
+// the look at the catalogue in front of them have `opt.total_timeout_ms` each; when the table's columns
+// change in between, that is KELP_ECHANGED.
 [[nodiscard]] int kelp_arrow_scan(struct ArrowArrayStream* ret_stream, const kelp_query_t& query,
                                   const kelp_arrow_opt_t& arrow, const kelp_opt_t& opt, kelp_error_t* err);
 
@@ -104,5 +109,11 @@ struct kelp_arrow_opt_t {
 [[nodiscard]] int kelp_arrow_file(struct ArrowArrayStream* ret_stream, const char* fpath,
                                   const std::vector<std::string>& column, const kelp_arrow_opt_t& arrow,
                                   kelp_error_t* err);
+
+// The same with conditions: of `query`, the columns, the conditions and `exact` are used. All row groups are
+// read, and without `exact` all are handed out.
+[[nodiscard]] int kelp_arrow_file_query(struct ArrowArrayStream* ret_stream, const char* fpath,
+                                        const kelp_query_t& query, const kelp_arrow_opt_t& arrow,
+                                        kelp_error_t* err);
 
 #endif

@@ -16,7 +16,10 @@
 
 namespace {
 
-constexpr size_t JSON_MAX = size_t{256} << 20;  // a catalogue larger than this is not believed
+// A catalogue larger than this is not believed: a quarter of a million files, as the server describes them.
+constexpr size_t JSON_MAX = size_t{32} << 20;
+// Nor is an array of more elements, since each takes more memory than its text.
+constexpr size_t ELEMENT_MAX = size_t{1} << 20;
 constexpr char JSON_HINT[] = "check host and port: what answers there does not seem to be kelpd";
 
 struct json_t {
@@ -67,8 +70,9 @@ template <typename F>
 static bool take_array(json_t* j, F one) {
     if (!take(j, '[')) return false;
     if (take(j, ']')) return true;
+    size_t n = 0;
     do {
-        if (!one()) return false;
+        if (n++ == ELEMENT_MAX || !one()) return false;
     } while (take(j, ','));
     return take(j, ']');
 }
@@ -96,8 +100,10 @@ static int sink_text(void* arg, const char* p, size_t n, kelp_error_t* err) {
     return 0;
 }
 
-static int get_json(std::string* ret, const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err) {
-    http_t http{.url = kelp_url_format(url, false), .opt = &opt};
+static int get_json(std::string* ret, const kelp_url_t& url, const call_t& call, kelp_error_t* err) {
+    http_t http{.url = kelp_url_format(url, false), .opt = call.opt};
+    http.stop = call.stop;
+    http.start_ms = call.start_ms;
     http.sink = sink_text;
     http.sink_arg = ret;
     return http_run(&http, err);
@@ -114,7 +120,7 @@ int kelp_list(std::vector<std::string>* ret_name, const kelp_url_t& url, const k
         ret_name->clear();
         if (const int code = want_depth(url, 0, 2, "a server, a database or a schema", err)) return code;
         std::string text;
-        if (const int code = get_json(&text, url, opt, err)) return code;
+        if (const int code = get_json(&text, url, {.opt = &opt}, err)) return code;
         std::vector<std::string> name;
         json_t j{text};
         const bool good = take_array(&j, [&] { return take_string(&j, &name.emplace_back()); });
@@ -124,12 +130,12 @@ int kelp_list(std::vector<std::string>* ret_name, const kelp_url_t& url, const k
     });
 }
 
-static int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const kelp_opt_t& opt,
-                      kelp_error_t* err) {
+int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const call_t& call,
+               kelp_error_t* err) {
     ret_file->clear();
     if (const int code = want_depth(url, 3, 3, "a table", err)) return code;
     std::string text;
-    if (const int code = get_json(&text, url, opt, err)) return code;
+    if (const int code = get_json(&text, url, call, err)) return code;
     std::vector<kelp_file_t> file;
     json_t j{text};
     const bool good = take_array(&j, [&] {
@@ -153,7 +159,8 @@ static int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url,
         f.chksum = static_cast<int32_t>(chksum);
         f.ncol = static_cast<int32_t>(ncol);
         file.push_back(f);
-        return whole && !f.name.empty();
+        return whole && !f.name.empty() && ncol >= 0 && ncol <= INT32_MAX && f.nrow >= 0 &&
+               f.nrowgroup >= 0 && f.nbyte >= 0 && f.zbyte >= 0;
     });
     if (!good || !is_over(&j)) return no_catalogue(url, err);
     ret_file->swap(file);
@@ -162,7 +169,7 @@ static int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url,
 
 int kelp_list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const kelp_opt_t& opt,
                     kelp_error_t* err) {
-    return kelp_guard(err, [&] { return list_files(ret_file, url, opt, err); });
+    return kelp_guard(err, [&] { return list_files(ret_file, url, {.opt = &opt}, err); });
 }
 
 static cvn_typ_t typ_of(const std::string& name) {
@@ -177,12 +184,12 @@ static cvn_typ_t typ_of(const std::string& name) {
 }
 
 static int list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksum, const kelp_url_t& url,
-                        const kelp_opt_t& opt, kelp_error_t* err) {
+                        const call_t& call, kelp_error_t* err) {
     ret_column->clear();
     *ret_chksum = 0;
     if (const int code = want_depth(url, 4, 4, "a file", err)) return code;
     std::string text;
-    if (const int code = get_json(&text, url, opt, err)) return code;
+    if (const int code = get_json(&text, url, call, err)) return code;
     std::vector<kelp_column_t> column;
     int64_t chksum = 0;
     json_t j{text};
@@ -212,23 +219,22 @@ static int list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chk
 
 int kelp_list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksum, const kelp_url_t& url,
                       const kelp_opt_t& opt, kelp_error_t* err) {
-    return kelp_guard(err, [&] { return list_columns(ret_column, ret_chksum, url, opt, err); });
+    return kelp_guard(err, [&] { return list_columns(ret_column, ret_chksum, url, {.opt = &opt}, err); });
 }
 
 int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
-                  const kelp_url_t& table, const kelp_opt_t& opt, kelp_error_t* err) {
-    int code = kelp_fail(err, KELP_ENOTFOUND, "upload a file first", "%s has no data files, hence no columns",
-                         kelp_url_format(table, true).c_str());
+                  const kelp_url_t& table, const call_t& call, kelp_error_t* err) {
     for (const kelp_file_t& f : file) {
         // Of the files that the catalogue lists, a scan reads those of this name only.
         if (!f.name.ends_with(".cvn")) continue;
         kelp_url_t url = table;
         url.partition = f.name;
         int32_t chksum;
-        code = list_columns(ret_column, &chksum, url, opt, err);
-        if (code != KELP_ENOTFOUND) break;  // one that was removed meanwhile does not matter
+        const int code = list_columns(ret_column, &chksum, url, call, err);
+        if (code != KELP_ENOTFOUND) return code;  // one that was removed meanwhile does not matter
     }
-    return code;
+    return kelp_fail(err, KELP_EEMPTY, "upload a file first", "%s has no data files, hence no columns",
+                     kelp_url_format(table, true).c_str());
 }
 
 int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t& url, const kelp_opt_t& opt,
@@ -236,17 +242,27 @@ int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t&
     return kelp_guard(err, [&] {
         ret_column->clear();
         std::vector<kelp_file_t> file;
-        if (const int code = list_files(&file, url, opt, err)) return code;
-        return table_columns(ret_column, file, url, opt, err);
+        const call_t call{.opt = &opt, .start_ms = now_ms()};
+        if (const int code = list_files(&file, url, call, err)) return code;
+        return table_columns(ret_column, file, url, call, err);
     });
 }
 
 // Files.
 
-static int upload_ret(int code, int fd) {
-    if (fd >= 0) close(fd);
-    return code;
-}
+namespace {
+
+struct fd_t {
+    int fd;
+    explicit fd_t(int open_fd) : fd(open_fd) {}
+    fd_t(const fd_t&) = delete;
+    fd_t& operator=(const fd_t&) = delete;
+    ~fd_t() {
+        if (fd >= 0) close(fd);
+    }
+};
+
+}  // namespace
 
 static int upload(const kelp_url_t& place, const char* fpath, kelp_progress_t progress, void* arg,
                   const kelp_opt_t& opt, kelp_error_t* err) {
@@ -259,20 +275,20 @@ static int upload(const kelp_url_t& place, const char* fpath, kelp_progress_t pr
             return kelp_fail(err, KELP_EARG, "name the file in the URL", "%s has no name to upload it under",
                              fpath);
     }
-    const int fd = open(fpath, O_RDONLY | O_CLOEXEC);
+    // Not to wait for the other end of what turns out to be a pipe.
+    const fd_t file(open(fpath, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat st;
-    if (fd < 0 || fstat(fd, &st) != 0)
-        return upload_ret(kelp_fail(err, KELP_EFILE, nullptr, "cannot open %s: %s", fpath, strerror(errno)),
-                          fd);
-    if (!S_ISREG(st.st_mode))
-        return upload_ret(kelp_fail(err, KELP_EFILE, nullptr, "%s is no regular file", fpath), fd);
+    if (file.fd < 0 || fstat(file.fd, &st) != 0)
+        return kelp_fail(err, KELP_EFILE, nullptr, "cannot open %s: %s", fpath, strerror(errno));
+    if (!S_ISREG(st.st_mode)) return kelp_fail(err, KELP_EFILE, nullptr, "%s is no regular file", fpath);
     http_t http{.method = "PUT", .url = kelp_url_format(url, false), .opt = &opt};
-    http.fd = fd;
+    http.fd = file.fd;
     http.filesz = st.st_size;
     http.progress = progress;
     http.progress_arg = arg;
-    const int code = upload_ret(http_run(&http, err), fd);
-    if (code == KELP_EREFUSED && err && err->http_status == 400) {
+    const int code = http_run(&http, err);
+    // The daemon's word for a file that fails its checks; others who answer with this status say more.
+    if (code == KELP_EREFUSED && err && strcmp(err->said, "400 Bad Request") == 0) {
         constexpr char VERIFY_HINT[] = "a data file must be whole: verify it first";
         static_assert(sizeof(VERIFY_HINT) <= sizeof(err->hint));
         memcpy(err->hint, VERIFY_HINT, sizeof(VERIFY_HINT));
@@ -334,7 +350,9 @@ static int totals_page_end(void* arg, int k, const page_head_t& head, kelp_error
     auto* t = static_cast<totals_t*>(arg);
     if (t->is_meta) {
         memcpy(&t->value[k], t->body.data(), sizeof(t->value[k]));
-        return 0;
+        if (t->value[k] >= 0) return 0;
+        return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply counts %lld rows or row groups",
+                         static_cast<long long>(t->value[k]));
     }
     if (__builtin_add_overflow(t->value[0], int64_t{head.nrow}, &t->value[0]))
         return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply counts too many rows");
@@ -382,7 +400,12 @@ static int count_scanned(int64_t* ret_nrow, const kelp_query_t& query, const kel
     rows.rows_only = true;
     rows.exact = true;
     kelp_scan_t* scan = nullptr;
-    if (const int code = kelp_scan_open(&scan, rows, opt, err)) return code;
+    const int opened = kelp_scan_open(&scan, rows, opt, err);
+    if (opened == KELP_EEMPTY) {  // no files, no rows
+        if (err) *err = kelp_error_t{};
+        return 0;
+    }
+    if (opened) return opened;
     int64_t nrow = 0;
     kelp_batch_t* batch = nullptr;
     int code;

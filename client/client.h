@@ -45,6 +45,8 @@ enum kelp_code_t : int {
     KELP_ECUT = -10,      // the reply ended early, or the server reported an error in the middle of it
     KELP_EDAMAGED = -11,  // a page fails its checks
     KELP_EUNFIT = -12,    // a value cannot be expressed in the form asked for (arrow.h)
+    KELP_EEMPTY = -13,    // the table has no data files, hence no columns
+    KELP_ECHANGED = -14,  // the table changed while it was read
 };
 
 // Why a function failed. All texts are one line of printable characters, NUL-terminated, possibly empty.
@@ -77,13 +79,17 @@ int kelp_url_depth(const kelp_url_t& url);
 
 // What holds for every request. The defaults suit a server nearby.
 struct kelp_opt_t {
-    int connect_timeout_ms = 10000;             // for the connection to stand; 0: the system's limit
-    int idle_timeout_ms = 60000;                // without a byte in either direction; 0: none. Time in which
-                                                // the caller does not take batches does not count
-    int64_t total_timeout_ms = 0;               // for the whole request or scan; 0: none
-    const std::atomic<bool>* cancel = nullptr;  // borrowed; once true, everything under way ends with
-                                                // KELP_ECANCEL within about a tenth of a second
-    int64_t max_record_nbyte = int64_t{1} << 30;  // the largest row group to accept, stored and decompressed
+    int connect_timeout_ms = 10000;  // for the connection to stand; 0: libcurl's limit, five minutes
+    int idle_timeout_ms = 60000;     // without a byte in either direction; 0: none. Time in which
+                                     // the caller does not take batches does not count
+    int64_t total_timeout_ms = 0;    // for the whole request, or for a scan from its opening to
+                                     // its end; 0: none
+    const std::atomic<bool>* cancel = nullptr;    // borrowed; once true, everything under way ends with
+                                                  // KELP_ECANCEL within about a tenth of a second
+    int64_t max_record_nbyte = int64_t{1} << 30;  // the largest row group to accept, stored as well as
+                                                  // decompressed (with 4 bytes for each text in it)
+    std::string ca_file;  // of "https": a file in PEM form with the authorities to trust in place of the
+                          // system's; empty: the system's
 };
 
 // Catalogue. `url` names the directory or file to describe.
@@ -116,7 +122,7 @@ struct kelp_column_t {
 [[nodiscard]] int kelp_list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksum,
                                     const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err);
 
-// The columns of an entity: those of its first data file. KELP_ENOTFOUND when it has none.
+// The columns of an entity: those of its first data file. KELP_EEMPTY when it has none.
 [[nodiscard]] int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t& url,
                                      const kelp_opt_t& opt, kelp_error_t* err);
 
@@ -148,15 +154,15 @@ struct kelp_meta_t {
 //   bool                true, false, 1, 0
 //   int16 to int64      decimal, or hexadecimal behind 0x; out of range is an error
 //   int128              decimal, or 0x and up to 32 digits, two's complement
-//   float, double       what strtod reads, inf and nan included
+//   float, double       a number with a point, whatever the locale, inf, nan, or hexadecimal behind 0x; one
+//                       too large or too small for the type is an error
 //   cstr                the text itself
 //   bytea               the text's bytes, or "\x" and pairs of hexadecimal digits
 //   dec64, dec128       a number of at most 16 or 34 digits
 //   date                2021-07-04, or days since 1970-01-01
 //   time_millis         12:34:56.789 (seconds and their fraction may be left out), or milliseconds
-//   timestamp_millis    a date and a time with a blank or T between and perhaps Z behind, a date, or
-//   milliseconds
-//                       since 1970-01-01
+//   timestamp_millis    a date and a time with a blank or T between and perhaps Z behind, a date,
+//                       or milliseconds since 1970-01-01
 struct kelp_cond_t {
     std::string column;
     int op;  // CVN_OP_...
@@ -165,7 +171,8 @@ struct kelp_cond_t {
 
 // Parses "COLUMN OP VALUE" with the operators = == != <> > >= < <=, "COLUMN is [not] null", "COLUMN isnull",
 // "COLUMN isnotnull", and "COLUMN in (VALUE, ...)". A column or value may stand in double quotes, a value
-// also in single quotes; inside, the quote itself is doubled. Words are matched without regard to case.
+// also in single quotes; inside, the quote itself is doubled. A value that begins with one of = ! < >, or
+// that holds the word "and" between blanks, must stand in quotes. Words are matched without regard to case.
 // KELP_EARG.
 [[nodiscard]] int kelp_cond_parse(kelp_cond_t* ret_cond, std::string_view text, kelp_error_t* err);
 
@@ -186,9 +193,9 @@ struct kelp_query_t {
     // columns.
     bool no_nan = false;
     int njob = 0;  // connections; 0: as many as processors, at most 4
-    int64_t max_flight_nbyte = int64_t{96}
-                               << 20;  // decoded bytes that wait for the caller: connections pause
-                                       // before a row group that would exceed it, unless it is alone
+    // Decoded bytes under way and waiting for the caller. Connections pause before what would exceed it, but
+    // one row group at a time may: memory is bounded by this and one row group.
+    int64_t max_flight_nbyte = int64_t{96} << 20;
 };
 
 // A column of a batch. Everything is borrowed from the batch.
@@ -237,7 +244,8 @@ struct kelp_scan_t;
 
 // Opens a scan: asks the catalogue for the entity's totals and columns, then starts the connections.
 // `*ret_scan` is owned by the caller (kelp_scan_close). What `opt.cancel` points at must outlive it. The
-// types are those of the first data file; a file that disagrees ends the scan with KELP_EPROTO.
+// types are those of the first data file; a file that disagrees ends the scan with KELP_EPROTO. KELP_EEMPTY
+// when there is none.
 [[nodiscard]] int kelp_scan_open(kelp_scan_t** ret_scan, const kelp_query_t& query, const kelp_opt_t& opt,
                                  kelp_error_t* err);
 
@@ -250,7 +258,9 @@ const std::vector<kelp_column_t>& kelp_scan_columns(const kelp_scan_t* scan);
 
 // Waits for the next batch, which the caller owns. Returns 0; KELP_END when all rows were handed out and the
 // server has confirmed the end on every connection; else the first failure of any connection, at once and
-// ever after: the rows handed out before it are then not the whole result.
+// ever after: the rows handed out before it are then not the whole result. With several connections, the data
+// files are compared at the end with what they were before, and a difference is KELP_ECHANGED: what was
+// handed out may then be partly of an old file and partly of the new one.
 [[nodiscard]] int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* err);
 
 // Frees a batch. Null is accepted.
@@ -275,7 +285,7 @@ void kelp_scan_cancel(kelp_scan_t* scan);
 void kelp_scan_close(kelp_scan_t* scan);
 
 // The number of rows that a query has. Without conditions the server only adds up its files' counts; with
-// conditions their columns are read, and `query.exact` holds.
+// conditions their columns are read, and `query.exact` holds. An entity without data files has none.
 [[nodiscard]] int kelp_count(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt,
                              kelp_error_t* err);
 

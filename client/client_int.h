@@ -51,7 +51,8 @@ struct http_t {
     void* progress_arg = nullptr;
     const kelp_opt_t* opt = nullptr;
     const std::atomic<bool>* stop = nullptr;  // ends the request like opt->cancel
-    CURLM* multi = nullptr;                   // the caller's, to be woken up; null: one for this request
+    int64_t start_ms = 0;    // where opt->total_timeout_ms counts from (now_ms); 0: from the request
+    CURLM* multi = nullptr;  // the caller's, to be woken up; null: one for this request
     // Takes the bytes of a reply with status 200, its transfer encoding undone.
     int (*sink)(void* arg, const char* p, size_t n, kelp_error_t* err) = nullptr;
     void* sink_arg = nullptr;
@@ -73,10 +74,10 @@ int64_t now_ms();
 struct chunk_t {
     enum state_t : int { SIZE_LINE, DATA, DATA_CR, DATA_LF, TRAILER, DONE };
     state_t state = SIZE_LINE;
-    uint64_t left = 0;  // DATA: bytes to come
-    size_t linesz = 0;  // SIZE_LINE, TRAILER: bytes in `line`
+    uint64_t left = 0;     // DATA: bytes to come
+    size_t linesz = 0;     // SIZE_LINE, TRAILER: bytes in `line`
+    size_t trailersz = 0;  // bytes of the trailer's lines before
     char line[256];
-    bool any = false;  // a whole chunk head was seen
 };
 [[nodiscard]] int chunk_feed(chunk_t* ck, const char* p, size_t n,
                              int (*sink)(void* arg, const char* p, size_t n, kelp_error_t* err),
@@ -191,6 +192,12 @@ struct batch_t {
     std::vector<kelp_vec_t> vec;
     std::shared_ptr<bufpool_t> pool;
     std::shared_ptr<const std::vector<kelp_column_t>> schema;  // owns the names
+    batch_t() = default;
+    batch_t(const batch_t&) = delete;
+    batch_t& operator=(const batch_t&) = delete;
+    ~batch_t() {
+        for (column_t& c : column) column_free(pool.get(), &c);
+    }
 };
 inline batch_t* batch_of(kelp_batch_t* pub) { return reinterpret_cast<batch_t*>(pub); }
 
@@ -236,11 +243,23 @@ int64_t filter_columns(std::vector<column_t>& column, size_t nresult, const std:
 // Requests (catalog.cpp).
 
 std::string percent_encode(std::string_view s);
+
+// A request that belongs to something larger.
+struct call_t {
+    const kelp_opt_t* opt;
+    int64_t start_ms = 0;                     // as in http_t
+    const std::atomic<bool>* stop = nullptr;  // as in http_t
+};
+
+// kelp_list_files, under the same conditions.
+[[nodiscard]] int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const call_t& call,
+                             kelp_error_t* err);
+
 [[nodiscard]] int want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err);
 
 // The columns of a table whose files are known.
 [[nodiscard]] int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
-                                const kelp_url_t& table, const kelp_opt_t& opt, kelp_error_t* err);
+                                const kelp_url_t& table, const call_t& call, kelp_error_t* err);
 
 // Finds the columns that a query reads and returns: result columns first, then those only conditions need.
 struct plan_t {

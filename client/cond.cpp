@@ -1,27 +1,29 @@
 // cond: conditions, from text to rows.
 //
 // A condition is used twice. The server gets what its statistics can decide without losing a row; what they
-// make of some values is peculiar, so this side decides what may be asked:
-//   float, double, decimals   a NaN that comes first in a row group becomes both of its bounds and no later
-//   value
-//                             displaces it, and a whole file's bounds pass over such a row group: comparisons
-//                             are asked only when the caller promises that there is no NaN
-//   IN lists                  become a closed range here, since the server's own reduction of int16 and
-//   decimal
-//                             lists can end below the largest element
-//   texts                     are safe at any length: constants over 39 bytes count with their first 39 only,
-//   and
-//                             the answer is then "perhaps" more often; so only that much is sent
-//   bytea                     has no statistics
+// make of some values is peculiar, so this side decides what may be asked.
+//
+//   floating and decimal numbers: a NaN that comes first in a row group becomes both of its bounds, and no
+//   later value displaces it; a whole file's bounds pass over such a row group. Comparisons are asked only
+//   when the caller promises that there is no NaN.
+//
+//   IN lists become a closed range here, since the server's own reduction of int16 and decimal lists can end
+//   below the largest element.
+//
+//   bool becomes a comparison with 0, since a stored byte other than 0 and 1 also means true.
+//
+//   texts are safe at any length: of a constant over 39 bytes the first 39 count, and the answer is "perhaps"
+//   more often. So only that much is sent.
+//
+//   bytea has no statistics.
+//
 // Then the rows are filtered exactly, one pass over each column that has a condition.
 
 #include <strings.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <charconv>
-#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -174,11 +176,23 @@ static bool parse_calendar(std::string_view s, cvn_typ_t typ, cvn_int128_t* ret)
     }
 }
 
-static bool parse_float(const std::string& s, double* ret, bool is_float) {
-    if (s.empty() || isspace(static_cast<unsigned char>(s[0]))) return false;
-    char* end = nullptr;
-    *ret = is_float ? double{strtof(s.c_str(), &end)} : strtod(s.c_str(), &end);
-    return *end == '\0' && end != s.c_str();
+// The same in every locale. What overflows to infinity, or underflows to zero, is no number of the type.
+template <typename T>
+static bool parse_float(std::string_view s, T* ret) {
+    const bool minus = s.starts_with('-');
+    if (minus || s.starts_with('+')) s.remove_prefix(1);
+    const bool hex = s.starts_with("0x") || s.starts_with("0X");
+    if (hex) s.remove_prefix(2);
+    if (s.empty() || s[0] == '-' || (hex && s[0] != '.' && !isxdigit(static_cast<unsigned char>(s[0]))))
+        return false;
+    const char* end = s.data() + s.size();
+    T v = 0;
+    const auto [p, ec] =
+        std::from_chars(s.data(), end, v, hex ? std::chars_format::hex : std::chars_format::general);
+    const bool is_word = isalpha(static_cast<unsigned char>(s[0])) && !hex;
+    if (ec != std::errc{} || p != end || (std::isinf(v) && !is_word)) return false;
+    *ret = minus ? -v : v;
+    return true;
 }
 
 static bool parse_bool(std::string_view s, bool* ret) {
@@ -222,7 +236,7 @@ static const char* value_form(cvn_typ_t typ) {
         case CVN_TYP_INT64:
         case CVN_TYP_INT128: return "write a whole number";
         case CVN_TYP_FLOAT:
-        case CVN_TYP_DOUBLE: return "write a number";
+        case CVN_TYP_DOUBLE: return "write a number in the range of the type, with a point if it needs one";
         case CVN_TYP_BYTEA: return "write pairs of hexadecimal digits behind \\x";
         case CVN_TYP_DEC64: return "write a number of at most 16 digits";
         case CVN_TYP_DEC128: return "write a number of at most 34 digits";
@@ -238,7 +252,6 @@ int value_parse(cvn_datum_t* ret, std::string* text, std::string_view s, cvn_typ
     const int storage = storage_of(typ);
     if (copy.find('\0') == copy.npos || storage == CVN_TYP_BYTEA) {
         cvn_int128_t v = 0;
-        double f = 0;
         switch (storage) {
             case CVN_TYP_BOOL: good = parse_bool(s, &ret->b); break;
             case CVN_TYP_INT16:
@@ -257,14 +270,8 @@ int value_parse(cvn_datum_t* ret, std::string* text, std::string_view s, cvn_typ
                 good = parse_integer(s, &v);
                 ret->L = v;
                 break;
-            case CVN_TYP_FLOAT:
-                good = parse_float(copy, &f, true);
-                ret->f = static_cast<float>(f);
-                break;
-            case CVN_TYP_DOUBLE:
-                good = parse_float(copy, &f, false);
-                ret->F = f;
-                break;
+            case CVN_TYP_FLOAT: good = parse_float(s, &ret->f); break;
+            case CVN_TYP_DOUBLE: good = parse_float(s, &ret->F); break;
             case CVN_TYP_BYTEA:
                 text->clear();
                 good = parse_bytes(s, text) && text->size() <= INT32_MAX;
@@ -304,19 +311,45 @@ int cond_bind(bound_cond_t* ret, const kelp_cond_t& cond, int col, cvn_typ_t typ
     return 0;
 }
 
+static bool order_meets(int op, int order) {
+    switch (op) {
+        case CVN_OP_EQ: return order == 0;
+        case CVN_OP_NE: return order != 0;
+        case CVN_OP_GT: return order > 0;
+        case CVN_OP_GE: return order >= 0;
+        case CVN_OP_LT: return order < 0;
+        default: return order <= 0;
+    }
+}
+
+// Whether a bool meets a comparison or a list.
+static bool bool_meets(const bound_cond_t& cond, bool x) {
+    const auto meets = [&](int op, const cvn_datum_t& v) { return order_meets(op, int{x} - int{v.b}); };
+    if (cond.op != CVN_OP_IN) return meets(cond.op, cond.arg[0]);
+    return std::any_of(cond.arg.begin(), cond.arg.end(),
+                       [&](const cvn_datum_t& v) { return meets(CVN_OP_EQ, v); });
+}
+
 // Pushing down.
+
+// `precision` digits express every value of the type.
+template <typename T>
+static std::string float_text(T v, int precision) {
+    char buf[64];
+    const auto [end, ec] = std::to_chars(buf, buf + sizeof(buf), v, std::chars_format::general, precision);
+    return std::string(buf, ec == std::errc{} ? end : buf);  // they always fit
+}
 
 // Writes a value so that the server reads exactly it. False when there is no such text.
 static bool push_text(std::string* ret, const cvn_datum_t& v, int storage) {
     char buf[64];
     switch (storage) {
-        case CVN_TYP_BOOL: *ret = v.b ? "1" : "0"; return true;
         case CVN_TYP_INT16: *ret = std::to_string(v.s); return true;
         case CVN_TYP_INT32: *ret = std::to_string(v.i); return true;
         case CVN_TYP_INT64: *ret = std::to_string(v.I); return true;
         case CVN_TYP_INT128: (void)cvn_int128_to_string(buf, v.L); break;  // always 0
-        case CVN_TYP_FLOAT: snprintf(buf, sizeof(buf), "%.9g", double{v.f}); break;
-        case CVN_TYP_DOUBLE: snprintf(buf, sizeof(buf), "%.17g", v.F); break;
+        case CVN_TYP_FLOAT: *ret = float_text(v.f, 9); return true;
+        case CVN_TYP_DOUBLE: *ret = float_text(v.F, 17); return true;
         case CVN_TYP_DEC64: (void)cvn_dec64_to_string(buf, &v.dec64); break;
         case CVN_TYP_DEC128: (void)cvn_dec128_to_string(buf, &v.dec128); break;
         case CVN_TYP_CSTR: {
@@ -337,7 +370,6 @@ static bool push_text(std::string* ret, const cvn_datum_t& v, int storage) {
 static int compare_values(const cvn_datum_t& a, const cvn_datum_t& b, int storage) {
     const auto order = [](auto x, auto y) { return x < y ? -1 : x > y; };
     switch (storage) {
-        case CVN_TYP_BOOL: return order(a.b, b.b);
         case CVN_TYP_INT16: return order(a.s, b.s);
         case CVN_TYP_INT32: return order(a.i, b.i);
         case CVN_TYP_INT64: return order(a.I, b.I);
@@ -365,6 +397,11 @@ std::vector<pushed_t> cond_push(const bound_cond_t& cond, bool no_nan) {
     const int storage = storage_of(cond.typ);
     if (cond.op == CVN_OP_ISNULL || cond.op == CVN_OP_ISNOTNULL) {
         out.push_back({cond.op, false, {}});
+        return out;
+    }
+    if (storage == CVN_TYP_BOOL) {
+        if (!bool_meets(cond, false)) out.push_back({CVN_OP_NE, true, "0"});
+        if (!bool_meets(cond, true)) out.push_back({CVN_OP_EQ, true, "0"});
         return out;
     }
     const bool may_be_nan = storage == CVN_TYP_FLOAT || storage == CVN_TYP_DOUBLE ||
@@ -436,17 +473,6 @@ static void keep_number(uint8_t* keep, const kelp_vec_t& vec, const bound_cond_t
         keep_fixed<T>(keep, vec.value, vec.nrow, cond.op, get(cond.arg[0]));
 }
 
-static bool order_meets(int op, int order) {
-    switch (op) {
-        case CVN_OP_EQ: return order == 0;
-        case CVN_OP_NE: return order != 0;
-        case CVN_OP_GT: return order > 0;
-        case CVN_OP_GE: return order >= 0;
-        case CVN_OP_LT: return order < 0;
-        default: return order <= 0;
-    }
-}
-
 // Values whose order is a function: `order(r, i)` of row r and argument i.
 template <typename ORDER>
 static void keep_ordered(uint8_t* keep, int64_t nrow, const bound_cond_t& cond, ORDER order) {
@@ -483,15 +509,7 @@ static void keep_decimal(uint8_t* keep, const kelp_vec_t& vec, const bound_cond_
 }
 
 static void keep_bool(uint8_t* keep, const kelp_vec_t& vec, const bound_cond_t& cond) {
-    // Two answers serve all rows.
-    uint8_t answer[2];
-    for (int x = 0; x < 2; x++) {
-        const auto meets = [&](int op, const cvn_datum_t& v) { return order_meets(op, x - int{v.b}); };
-        answer[x] = cond.op == CVN_OP_IN
-                        ? std::any_of(cond.arg.begin(), cond.arg.end(),
-                                      [&](const cvn_datum_t& v) { return meets(CVN_OP_EQ, v); })
-                        : meets(cond.op, cond.arg[0]);
-    }
+    const uint8_t answer[2] = {bool_meets(cond, false), bool_meets(cond, true)};
     for (int64_t r = 0; r < vec.nrow; r++) keep[r] &= answer[vec.value[r] != 0];
 }
 
@@ -663,7 +681,28 @@ static bool take_symbol(lexer_t* lx, std::string_view symbol) {
     return true;
 }
 
-static bool parse_cond(kelp_cond_t* ret, std::string_view text) {
+// Takes a value. One without quotes that looks like more of a condition is refused: `a => 1` and `a = 1 and b
+// = 2` are not meant as texts.
+static bool take_value(lexer_t* lx, std::string_view stop, std::string* ret, const char** why) {
+    lx->skip();
+    const bool quoted = lx->rest.starts_with('"') || lx->rest.starts_with('\'');
+    if (!take_word(lx, stop, "\"'", ret)) return false;
+    if (quoted) return true;
+    if (ret->find_first_of("=!<>") == 0)
+        *why = "has an operator that there is not; a value that begins so needs quotes";
+    for (lexer_t word{*ret}; !word.rest.empty();) {
+        const size_t n = std::min(word.rest.find_first_of(" \t\r\n"), word.rest.size());
+        if (n == 3 && strncasecmp(word.rest.data(), "and", n) == 0 && word.rest.data() != ret->data() &&
+            n < word.rest.size())
+            *why = "holds more than one condition; give each by itself, or put the value in quotes";
+        word.rest.remove_prefix(n);
+        word.skip();
+    }
+    return !*why;
+}
+
+// False when the text is none; then `*why` may say more.
+static bool parse_cond(kelp_cond_t* ret, std::string_view text, const char** why) {
     lexer_t lx{text};
     if (!take_word(&lx, " \t\n\r=!<>(", "\"", &ret->column)) return false;
     static constexpr struct {
@@ -681,7 +720,7 @@ static bool parse_cond(kelp_cond_t* ret, std::string_view text) {
     if (ret->op) {
         lx.skip();
         const bool quoted = !lx.rest.empty() && (lx.rest[0] == '"' || lx.rest[0] == '\'');
-        if (!take_word(&lx, "", "\"'", &value)) return false;
+        if (!take_value(&lx, "", &value, why)) return false;
         ret->value.push_back(value);
         lx.skip();
         return !quoted || lx.rest.empty();
@@ -698,7 +737,7 @@ static bool parse_cond(kelp_cond_t* ret, std::string_view text) {
         if (!take_symbol(&lx, "(")) return false;
         if (!take_symbol(&lx, ")")) {
             do {
-                if (!take_word(&lx, ",)", "\"'", &value)) return false;
+                if (!take_value(&lx, ",)", &value, why)) return false;
                 ret->value.push_back(value);
             } while (take_symbol(&lx, ","));
             if (!take_symbol(&lx, ")")) return false;
@@ -714,11 +753,13 @@ int kelp_cond_parse(kelp_cond_t* ret_cond, std::string_view text, kelp_error_t* 
     return kelp_guard(err, [&] {
         *ret_cond = kelp_cond_t{};
         kelp_cond_t cond;
-        if (!parse_cond(&cond, text))
-            return kelp_fail(
-                err, KELP_EARG,
-                "write COLUMN OP VALUE with = != > >= < <=, COLUMN is [not] null, or COLUMN in (VALUE, ...)",
-                "'%.200s' is no condition", std::string(text).c_str());
+        const char* why = nullptr;
+        if (!parse_cond(&cond, text, &why)) {
+            constexpr char FORMS[] =
+                "write COLUMN OP VALUE with = != > >= < <=, COLUMN is [not] null, or COLUMN in (VALUE, ...)";
+            return kelp_fail(err, KELP_EARG, FORMS, "'%.200s' %s", std::string(text).c_str(),
+                             why ? why : "is no condition");
+        }
         *ret_cond = cond;
         return 0;
     });

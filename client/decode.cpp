@@ -133,7 +133,7 @@ __attribute__((target("avx2,bmi,bmi2,popcnt"))) static int64_t find_nuls_avx2(in
                                                                               int32_t valuesz, int32_t nrow) {
     const __m256i zero = _mm256_setzero_si256();
     int32_t* at = out;
-    for (int32_t i = 0; i < valuesz; i += 64) {
+    for (int64_t i = 0; i < valuesz; i += 64) {  // the last step may go beyond 32 bits
         const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(value + i));
         const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(value + i + 32));
         const auto lo = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(a, zero)));
@@ -145,13 +145,13 @@ __attribute__((target("avx2,bmi,bmi2,popcnt"))) static int64_t find_nuls_avx2(in
         int32_t* to = at;
         for (int k = 0; k < n; k += 4) {
             // Behind the last bit the count is 64; what that stores is overwritten, or lies in the slack.
-            to[0] = i + static_cast<int32_t>(_tzcnt_u64(mask)) + 1;
+            to[0] = static_cast<int32_t>(i + static_cast<int64_t>(_tzcnt_u64(mask)) + 1);
             mask = _blsr_u64(mask);
-            to[1] = i + static_cast<int32_t>(_tzcnt_u64(mask)) + 1;
+            to[1] = static_cast<int32_t>(i + static_cast<int64_t>(_tzcnt_u64(mask)) + 1);
             mask = _blsr_u64(mask);
-            to[2] = i + static_cast<int32_t>(_tzcnt_u64(mask)) + 1;
+            to[2] = static_cast<int32_t>(i + static_cast<int64_t>(_tzcnt_u64(mask)) + 1);
             mask = _blsr_u64(mask);
-            to[3] = i + static_cast<int32_t>(_tzcnt_u64(mask)) + 1;
+            to[3] = static_cast<int32_t>(i + static_cast<int64_t>(_tzcnt_u64(mask)) + 1);
             mask = _blsr_u64(mask);
             to += 4;
         }

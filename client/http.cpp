@@ -4,8 +4,9 @@
 // transfer runs under a multi handle rather than by curl_easy_perform, because that lets a cancellation from
 // another thread end a wait at once. libcurl passes chunked bodies on as they come; chunk_feed undoes them.
 
-#include <poll.h>
+#include <linux/sockios.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,9 @@ namespace {
 
 constexpr long RECEIVE_BUFSZ = 512 * 1024;  // the most that libcurl takes
 constexpr size_t ERROR_BODY_MAX = 1000;     // of a reply that is no 200, what is kept for the message
+constexpr size_t UNREAD_MAX = 64 * 1024;    // of a reply with status 200 that nobody waits for
+constexpr size_t HEADER_MAX = 64 * 1024;    // a longer head is not believed
+constexpr size_t TRAILER_MAX = 8 * 1024;    // nor more behind the last chunk
 constexpr int64_t POLL_MS = 100;            // how late the caller's cancel flag may be seen
 constexpr char REACH_HINT[] = "check that kelpd runs there and that the port is the one in its kelpd.conf";
 constexpr char NO_KELPD_HINT[] = "check host and port: what answers there does not seem to be kelpd";
@@ -30,9 +34,14 @@ struct transfer_t {
     CURL* easy;
     int code = 0;  // what a callback failed with
     bool chunked = false;
+    bool enough = false;  // what else comes of the reply changes nothing
     chunk_t chunk;
-    int64_t active_ms = 0;  // when the last byte moved
-    int64_t sent = 0;       // PUT: bytes read from the file
+    size_t headersz = 0;                     // bytes of the head so far
+    size_t unreadsz = 0;                     // of a body that has no sink
+    int64_t active_ms = 0;                   // when a byte last moved that is of use
+    int64_t sent = 0;                        // PUT: bytes read from the file
+    curl_socket_t socket = CURL_SOCKET_BAD;  // PUT: the last that was opened, to look at only
+    int64_t uploaded = 0;                    // PUT, POST: bytes that the peer has taken
 };
 
 }  // namespace
@@ -111,11 +120,14 @@ int chunk_feed(chunk_t* ck, const char* p, size_t n,
                 n -= take;
                 if (!lf) break;
                 if (ck->state == chunk_t::TRAILER) {
+                    ck->trailersz += ck->linesz;
+                    if (ck->trailersz > TRAILER_MAX)
+                        return kelp_fail(err, KELP_EPROTO, NO_KELPD_HINT,
+                                         "the reply goes on and on behind its end");
                     const bool blank = ck->linesz == 1 || (ck->linesz == 2 && ck->line[0] == '\r');
                     if (blank) ck->state = chunk_t::DONE;
                 } else {
                     if (!parse_chunk_line(&ck->left, {ck->line, ck->linesz - 1})) return bad_chunk(ck, err);
-                    ck->any = true;
                     ck->state = ck->left ? chunk_t::DATA : chunk_t::TRAILER;
                 }
                 ck->linesz = 0;
@@ -137,9 +149,23 @@ int chunk_end(const chunk_t* ck, kelp_error_t* err) {
 
 // The transfer.
 
+// Of what a server may send without end (lines of its head, a body that nobody waits for, what stands around
+// chunks), nothing counts as activity, so that none of it keeps a transfer alive.
+
 static size_t on_header(char* p, size_t size, size_t n, void* arg) {
     auto* t = static_cast<transfer_t*>(arg);
-    t->active_ms = now_ms();
+    n *= size;
+    t->headersz += n;
+    if (t->headersz > HEADER_MAX) {
+        t->code = kelp_fail(t->err, KELP_EPROTO, NO_KELPD_HINT, "the head of the reply exceeds %zu bytes",
+                            HEADER_MAX);
+        return 0;
+    }
+    if (n <= 2 && (p[0] == '\r' || p[0] == '\n')) {
+        long status = 0;
+        curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
+        if (status >= 200) t->active_ms = now_ms();  // the body may take its time from here on
+    }
     constexpr char NAME[] = "transfer-encoding:";
     constexpr size_t NAMESZ = sizeof(NAME) - 1;
     if (n > NAMESZ && strncasecmp(p, NAME, NAMESZ) == 0) {
@@ -148,39 +174,57 @@ static size_t on_header(char* p, size_t size, size_t n, void* arg) {
         value.remove_prefix(std::min(from, value.size()));
         if (value.size() >= 7 && strncasecmp(value.data(), "chunked", 7) == 0) t->chunked = true;
     }
-    return size * n;
+    return n;
 }
 
-static int sink_body(transfer_t* t, const char* p, size_t n) {
+// Takes bytes of a body whose transfer encoding is undone.
+static int sink_body(void* arg, const char* p, size_t n, kelp_error_t* err) {
+    auto* t = static_cast<transfer_t*>(arg);
+    http_t* http = t->http;
+    if (http->status == 200 && http->sink) {
+        const int code = http->sink(http->sink_arg, p, n, err);
+        // After the sink: time that it spends waiting for its reader is not the server's.
+        t->active_ms = now_ms();
+        return code;
+    }
+    if (http->status == 200) {
+        t->unreadsz += n;
+        if (t->unreadsz <= UNREAD_MAX) return 0;
+        return kelp_fail(err, KELP_EPROTO, NO_KELPD_HINT, "the reply has a long text where kelpd sends none");
+    }
+    http->error_body.append(p, std::min(n, ERROR_BODY_MAX - http->error_body.size()));
+    t->enough = http->error_body.size() == ERROR_BODY_MAX;
+    return 0;
+}
+
+static int take_body(transfer_t* t, const char* p, size_t n) {
     if (t->http->status == 0) {
         long status = 0;
         curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
         t->http->status = static_cast<int>(status);
     }
-    if (t->http->status != 200) {
-        const size_t room = ERROR_BODY_MAX - t->http->error_body.size();
-        t->http->error_body.append(p, std::min(n, room));
-        return 0;
-    }
-    if (!t->http->sink) return 0;
-    if (t->chunked) return chunk_feed(&t->chunk, p, n, t->http->sink, t->http->sink_arg, t->err);
-    return t->http->sink(t->http->sink_arg, p, n, t->err);
+    if (!t->chunked) return sink_body(t, p, n, t->err);
+    if (t->http->status == 200) return chunk_feed(&t->chunk, p, n, sink_body, t, t->err);
+    // The status says what is wrong; chunks that are wrong as well add nothing.
+    if (!t->enough && chunk_feed(&t->chunk, p, n, sink_body, t, nullptr) != 0) t->enough = true;
+    return 0;
 }
 
 static size_t on_body(char* p, size_t size, size_t n, void* arg) {
     auto* t = static_cast<transfer_t*>(arg);
-    t->code = kelp_guard(t->err, [&] { return sink_body(t, p, size * n); });
-    t->active_ms =
-        now_ms();  // after the sink: time that it spends waiting for its reader is not the server's
+    t->code = kelp_guard(t->err, [&] { return take_body(t, p, size * n); });
     return t->code ? 0 : size * n;
 }
 
 static size_t on_upload(char* p, size_t size, size_t n, void* arg) {
     auto* t = static_cast<transfer_t*>(arg);
     t->active_ms = now_ms();
+    // No more than was announced, should the file grow meanwhile.
+    const auto want =
+        static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size * n), t->http->filesz - t->sent));
     ssize_t got;
     do {
-        got = pread(t->http->fd, p, size * n, t->sent);
+        got = pread(t->http->fd, p, want, t->sent);
     } while (got < 0 && errno == EINTR);
     if (got < 0 || (got == 0 && t->sent < t->http->filesz)) {
         t->code = kelp_fail(t->err, KELP_EFILE, nullptr, "cannot read the file to upload: %s",
@@ -193,6 +237,11 @@ static size_t on_upload(char* p, size_t size, size_t n, void* arg) {
         return CURL_READFUNC_ABORT;
     }
     return static_cast<size_t>(got);
+}
+
+static int on_socket(void* arg, curl_socket_t socket, curlsocktype) {
+    static_cast<transfer_t*>(arg)->socket = socket;
+    return CURL_SOCKOPT_OK;
 }
 
 // "host:port" of a URL, for messages.
@@ -239,6 +288,19 @@ static int fail_curl(const transfer_t* t, CURLcode rc, const char* detail) {
             return kelp_fail(t->err, KELP_ECUT,
                              "look into the server's log (a full disk, perhaps), and try again",
                              "%s closed the connection in the middle of the request", host.c_str());
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return kelp_fail(
+                t->err, KELP_ECONNECT,
+                "use the host name that is in the certificate, and name the file of the authority "
+                "that signed it (ca_file; cvn: --cacert)",
+                "the certificate of %s is not to be trusted: %s", host.c_str(), why);
+        case CURLE_SSL_CACERT_BADFILE:
+            return kelp_fail(t->err, KELP_EFILE, "name a file of certificates in PEM form",
+                             "cannot read certificates from %.300s", t->http->opt->ca_file.c_str());
+        case CURLE_SSL_CONNECT_ERROR:
+            return kelp_fail(t->err, KELP_ECONNECT,
+                             "check that the port is one for https; without it, write http:// or kelp://",
+                             "no secure connection to %s: %s", host.c_str(), why);
         default: return kelp_fail(t->err, KELP_ECONNECT, nullptr, "%s: %s", host.c_str(), why);
     }
 }
@@ -279,45 +341,76 @@ static bool is_stopped(const http_t* http) {
            (http->opt->cancel && http->opt->cancel->load(std::memory_order_relaxed));
 }
 
-// Runs the prepared transfer to its end.
-static int drive(transfer_t* t, CURLM* multi, const char* detail) {
+static int fail_idle(const transfer_t* t) {
+    const std::string host = host_of(t->http->url);
+    const char* what = t->http->fd < 0                 ? "sent nothing"
+                       : t->uploaded < t->http->filesz ? "taken nothing of the file"
+                                                       : "not answered the upload";
+    return kelp_fail(t->err, KELP_ETIMEOUT, "try again, or allow more time", "%s has %s for %d ms",
+                     host.c_str(), what, t->http->opt->idle_timeout_ms);
+}
+
+// The bytes of a body that the peer's system has taken. Nothing else shows whether a slow upload goes on: of
+// the file, libcurl holds half a megabyte at a time, and the socket perhaps as much again.
+static int64_t uploaded_nbyte(const transfer_t* t) {
+    curl_off_t uploaded = 0;
+    curl_easy_getinfo(t->easy, CURLINFO_SIZE_UPLOAD_T, &uploaded);
+    int queued = 0;
+    if (uploaded > 0 && t->socket != CURL_SOCKET_BAD && ioctl(t->socket, SIOCOUTQ, &queued) == 0)
+        uploaded = std::max<curl_off_t>(uploaded - queued, 0);
+    return uploaded;
+}
+
+// Lets the transfer go on until libcurl is done with it, with `*ret_rc` as its result, or until what is there
+// of the reply is enough.
+static int drive(transfer_t* t, CURLM* multi, CURLcode* ret_rc) {
     const http_t* http = t->http;
     const kelp_opt_t* opt = http->opt;
-    const int64_t start = now_ms();
-    t->active_ms = start;
+    t->active_ms = now_ms();
+    const int64_t start = http->start_ms ? http->start_ms : t->active_ms;
     for (;;) {
         int running = 0;
         if (curl_multi_perform(multi, &running) != CURLM_OK) return kelp_nomem(t->err);
         if (t->code) return t->code;
         if (!running) break;
-        if (t->chunked && t->chunk.state == chunk_t::DONE) return 0;  // a proxy may leave the connection open
+        // A proxy may leave the connection open behind the last chunk.
+        if (t->enough || (t->chunked && t->chunk.state == chunk_t::DONE)) return 0;
         if (is_stopped(http)) return kelp_fail(t->err, KELP_ECANCEL, nullptr, "the request was cancelled");
         const int64_t now = now_ms();
+        const int64_t uploaded = uploaded_nbyte(t);
+        if (uploaded != t->uploaded) t->active_ms = now;
+        t->uploaded = uploaded;
         if (opt->total_timeout_ms > 0 && now - start >= opt->total_timeout_ms)
             return kelp_fail(t->err, KELP_ETIMEOUT, "allow more time", "%s did not finish in %lld ms",
                              host_of(http->url).c_str(), static_cast<long long>(opt->total_timeout_ms));
         if (opt->idle_timeout_ms > 0 && now - t->active_ms >= opt->idle_timeout_ms)
-            return kelp_fail(t->err, KELP_ETIMEOUT, "try again, or allow more time",
-                             "%s has sent nothing for %d ms", host_of(http->url).c_str(),
-                             opt->idle_timeout_ms);
+            return http->status > 0 && http->status != 200 ? 0 : fail_idle(t);
         int64_t wait = POLL_MS;
         if (opt->total_timeout_ms > 0) wait = std::min(wait, start + opt->total_timeout_ms - now);
         if (opt->idle_timeout_ms > 0) wait = std::min(wait, t->active_ms + opt->idle_timeout_ms - now);
         curl_multi_poll(multi, nullptr, 0, static_cast<int>(std::max<int64_t>(wait, 1)), nullptr);
     }
     int left = 0;
-    CURLcode rc = CURLE_OK;
     while (const CURLMsg* msg = curl_multi_info_read(multi, &left))
-        if (msg->msg == CURLMSG_DONE && msg->easy_handle == t->easy) rc = msg->data.result;
+        if (msg->msg == CURLMSG_DONE && msg->easy_handle == t->easy) *ret_rc = msg->data.result;
+    return 0;
+}
+
+// Runs the prepared transfer to its end.
+static int finish(transfer_t* t, CURLM* multi, const char* detail) {
+    CURLcode rc = CURLE_OK;
+    if (const int code = drive(t, multi, &rc)) return code;
     long status = 0;
     curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
     t->http->status = static_cast<int>(status);
     // A status other than 200 says more than the way in which the connection ended.
-    if (status >= 300) return fail_status(t);
+    if (status > 200) return fail_status(t);
     // So does what stands in place of a chunk.
-    if (t->chunked && (rc == CURLE_OK || rc == CURLE_RECV_ERROR || rc == CURLE_PARTIAL_FILE))
-        return chunk_end(&t->chunk, t->err);
-    if (rc != CURLE_OK) return fail_curl(t, rc, detail);
+    if (t->chunked && (rc == CURLE_OK || rc == CURLE_RECV_ERROR || rc == CURLE_PARTIAL_FILE)) {
+        if (const int code = chunk_end(&t->chunk, t->err)) return code;
+    } else if (rc != CURLE_OK) {
+        return fail_curl(t, rc, detail);
+    }
     return status == 200 ? 0 : fail_status(t);
 }
 
@@ -358,6 +451,10 @@ int http_run(http_t* http, kelp_error_t* err) {
     opt(CURLOPT_HTTP_TRANSFER_DECODING, 0L);
     opt(CURLOPT_NOPROXY, "*");
     opt(CURLOPT_NOSIGNAL, 1L);
+    if (!http->opt->ca_file.empty()) {
+        opt(CURLOPT_CAINFO, http->opt->ca_file.c_str());
+        opt(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    }
     opt(CURLOPT_BUFFERSIZE, RECEIVE_BUFSZ);
     opt(CURLOPT_UPLOAD_BUFFERSIZE, RECEIVE_BUFSZ);
     opt(CURLOPT_FORBID_REUSE, 1L);
@@ -369,6 +466,11 @@ int http_run(http_t* http, kelp_error_t* err) {
     opt(CURLOPT_WRITEDATA, &t);
     if (http->opt->connect_timeout_ms > 0)
         opt(CURLOPT_CONNECTTIMEOUT_MS, long{http->opt->connect_timeout_ms});
+#if LIBCURL_VERSION_NUM >= 0x075700
+    // A host name that is still being looked up is left to its thread instead of being waited for. An older
+    // libcurl at run time does not know the option, and waits.
+    (void)curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+#endif
     const std::string_view method = http->method;
     if (method == "POST") {
         opt(CURLOPT_POST, 1L);
@@ -378,6 +480,8 @@ int http_run(http_t* http, kelp_error_t* err) {
         opt(CURLOPT_UPLOAD, 1L);
         opt(CURLOPT_READFUNCTION, &on_upload);
         opt(CURLOPT_READDATA, &t);
+        opt(CURLOPT_SOCKOPTFUNCTION, &on_socket);
+        opt(CURLOPT_SOCKOPTDATA, &t);
         opt(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(http->filesz));
     } else if (method != "GET") {
         opt(CURLOPT_CUSTOMREQUEST, http->method);
@@ -385,5 +489,5 @@ int http_run(http_t* http, kelp_error_t* err) {
     if (!set || curl_multi_add_handle(multi, easy) != CURLM_OK)
         return http_run_ret(kelp_fail(err, KELP_EARG, nullptr, "libcurl refuses the request: %s", detail),
                             easy, nullptr, own, header);
-    return http_run_ret(drive(&t, multi, detail), easy, multi, own, header);
+    return http_run_ret(finish(&t, multi, detail), easy, multi, own, header);
 }

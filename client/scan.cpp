@@ -2,9 +2,17 @@
 //
 // Each connection has a thread that receives, checks, decompresses and filters row groups and queues the
 // batches. What is under way and what is queued counts against one limit: a thread whose next row group would
-// exceed it waits, which stops it reading from its connection, which makes the server wait. A row group is
-// let in when nothing else is in flight whatever its size, so the scan always advances. The first failure
-// ends everything.
+// exceed it waits, which stops it reading from its connection, which makes the server wait.
+//
+// How large a row group is once decompressed shows only page by page. It is let in for what it is expected to
+// need, and asks again before each page that exceeds that. Then there may be no room although all wait, so
+// one row group at a time, the oversized one, may exceed the limit: it goes on until the caller has its
+// batch, and what is in flight stays below the limit and one row group. So the scan always advances. The
+// first failure ends everything.
+//
+// The server opens the files of each fragment by itself. When several fragments are read, the catalogue is
+// compared afterwards with what it was before, since a file that was replaced in between would have been read
+// partly as it was and partly as it is.
 
 #include <algorithm>
 #include <chrono>
@@ -13,6 +21,7 @@
 #include <cstring>
 #include <deque>
 #include <thread>
+#include <tuple>
 
 #include "client/client_int.h"
 
@@ -21,6 +30,7 @@ namespace {
 constexpr int JOB_DEFAULT_MAX = 4;
 constexpr int JOB_MAX = 64;
 constexpr size_t REQUEST_MAX = 32768;  // what the server accepts as a request's body
+constexpr int64_t FILTER_NBYTE = 5;    // of memory that filtering takes for each row, by filter_columns
 
 struct worker_t {
     kelp_scan_t* scan;
@@ -29,14 +39,17 @@ struct worker_t {
     std::string body;              // of the request
     std::vector<column_t> column;  // of the row group under way
     buf_t stored;                  // a compressed page as it arrives
-    int64_t raw_nbyte = 0;         // decompressed bytes of the row group under way
+    int64_t raw_nbyte = 0;         // of the row group under way, decompressed and with positions of texts
+    int64_t need_nbyte = 0;        // the same with `stored` and what filtering takes
     int64_t admitted_nbyte = 0;    // what the row group counts for
+    bool is_oversized = false;     // it may exceed the limit
     kelp_error_t err{};
 };
 
 struct queued_t {
-    batch_t* batch;
+    std::unique_ptr<batch_t> batch;
     int64_t nbyte;
+    bool is_oversized;
 };
 
 }  // namespace
@@ -48,6 +61,9 @@ struct kelp_scan_t {
     bool exact = true;
     bool is_sample = false;
     int64_t max_flight_nbyte = 0;
+    kelp_url_t table;
+    std::vector<kelp_file_t> file;  // its data files before the scan, by name
+    int64_t start_ms = 0;
     std::shared_ptr<const std::vector<kelp_column_t>> requested;  // all columns of the request
     std::vector<kelp_column_t> result;                            // those handed out
     std::shared_ptr<bufpool_t> pool;
@@ -57,7 +73,9 @@ struct kelp_scan_t {
     std::mutex mutex;  // guards what follows
     std::condition_variable changed;
     std::deque<queued_t> queue;
-    int64_t flight_nbyte = 0;   // admitted and not yet taken
+    int64_t flight_nbyte = 0;  // admitted and not yet taken
+    bool has_oversized = false;
+    bool is_compared = false;   // the catalogue with what it was
     int64_t largest_nbyte = 0;  // the largest row group so far: what the next is expected to be
     int nrunning = 0;
     kelp_error_t failure{};  // the first; code 0 while there is none
@@ -90,18 +108,39 @@ static void stop_scan(kelp_scan_t* scan) {
 
 // What the stream of one connection calls.
 
+static int cancelled(kelp_error_t* err) {
+    return kelp_fail(err, KELP_ECANCEL, nullptr, "the scan was cancelled");
+}
+
 static int scan_record_begin(void* arg, int32_t nbyte, kelp_error_t* err) {
     auto* w = static_cast<worker_t*>(arg);
     kelp_scan_t* scan = w->scan;
     w->raw_nbyte = 0;
+    w->need_nbyte = static_cast<int64_t>(w->stored.cap);
     std::unique_lock lock(scan->mutex);
     const int64_t expected = std::max<int64_t>(nbyte, scan->largest_nbyte);
     while (!is_stopped(scan) && scan->flight_nbyte > 0 &&
            scan->flight_nbyte + expected > scan->max_flight_nbyte)
         wait_a_while(scan, &lock);
-    if (is_stopped(scan)) return kelp_fail(err, KELP_ECANCEL, nullptr, "the scan was cancelled");
+    if (is_stopped(scan)) return cancelled(err);
     w->admitted_nbyte = expected;
     scan->flight_nbyte += expected;
+    return 0;
+}
+
+// Waits until what the row group needs now is let in.
+static int admit(worker_t* w, kelp_error_t* err) {
+    if (w->need_nbyte <= w->admitted_nbyte) return 0;
+    kelp_scan_t* scan = w->scan;
+    const int64_t more = w->need_nbyte - w->admitted_nbyte;
+    std::unique_lock lock(scan->mutex);
+    while (!is_stopped(scan) && !w->is_oversized && scan->has_oversized &&
+           scan->flight_nbyte + more > scan->max_flight_nbyte)
+        wait_a_while(scan, &lock);
+    if (is_stopped(scan)) return cancelled(err);
+    if (scan->flight_nbyte + more > scan->max_flight_nbyte) w->is_oversized = scan->has_oversized = true;
+    w->admitted_nbyte += more;
+    scan->flight_nbyte += more;
     return 0;
 }
 
@@ -121,7 +160,9 @@ static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret
                          "a row group has %lld rows of column %s and %d of column %s",
                          static_cast<long long>(w->column[0].vec.nrow), requested[0].name.c_str(), head.nrow,
                          name);
-    w->raw_nbyte += head.nbyte;
+    int64_t nbyte = head.nbyte;
+    if (cvn_typlen(head.typ) < 0) nbyte += (int64_t{head.nrow} + 1) * static_cast<int64_t>(sizeof(int32_t));
+    w->raw_nbyte += nbyte;
     if (w->raw_nbyte > scan->opt.max_record_nbyte)
         return kelp_fail(err, KELP_EPROTO, "raise the limit if the table really has such rows",
                          "a row group claims more than the limit of %lld bytes",
@@ -130,6 +171,10 @@ static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret
     col->vec.nrow = head.nrow;
     buf_t* buf = head.zbyte == head.nbyte ? &col->value : &w->stored;
     const auto want = static_cast<size_t>(head.zbyte);
+    w->need_nbyte += nbyte;
+    if (k == 0 && scan->exact && !scan->plan.cond.empty()) w->need_nbyte += head.nrow * FILTER_NBYTE;
+    if (buf == &w->stored && want > buf->cap) w->need_nbyte += static_cast<int64_t>(want - buf->cap);
+    if (const int code = admit(w, err)) return code;
     if (buf->cap < want + BUF_SLACK) {
         buf_put(scan->pool.get(), *buf);
         *buf = buf_get(scan->pool.get(), want);
@@ -152,7 +197,7 @@ static int scan_page_end(void* arg, int k, const page_head_t& head, kelp_error_t
     return page_view(scan->pool.get(), col, head, name, err);
 }
 
-static int make_batch(worker_t* w, int64_t nrow, batch_t** ret) {
+static std::unique_ptr<batch_t> make_batch(worker_t* w, int64_t nrow) {
     kelp_scan_t* scan = w->scan;
     auto batch = std::make_unique<batch_t>();
     batch->pool = scan->pool;
@@ -166,8 +211,16 @@ static int make_batch(worker_t* w, int64_t nrow, batch_t** ret) {
     }
     batch->pub =
         kelp_batch_t{.nrow = nrow, .ncol = static_cast<int>(scan->plan.nresult), .col = batch->vec.data()};
-    *ret = batch.release();
-    return 0;
+    return batch;
+}
+
+// Takes a row group that is done, or given up, out of what counts. The scan's mutex is held.
+static void discharge(worker_t* w) {
+    kelp_scan_t* scan = w->scan;
+    scan->flight_nbyte -= w->admitted_nbyte;
+    w->admitted_nbyte = 0;
+    if (w->is_oversized) scan->has_oversized = false;
+    w->is_oversized = false;
 }
 
 static int scan_record_end(void* arg, int npage, kelp_error_t* err) {
@@ -183,19 +236,22 @@ static int scan_record_end(void* arg, int npage, kelp_error_t* err) {
     if (scan->exact && !scan->plan.cond.empty())
         nrow = filter_columns(w->column, scan->plan.nresult, scan->plan.cond);
     scan->nrow_out += nrow;
-    batch_t* batch = nullptr;
-    if (nrow > 0)
-        if (const int code = make_batch(w, nrow, &batch)) return code;
+    queued_t done{.batch = nrow > 0 ? make_batch(w, nrow) : nullptr, .nbyte = 1, .is_oversized = false};
+    if (done.batch)
+        for (const column_t& c : done.batch->column)
+            done.nbyte += static_cast<int64_t>(c.value.cap + c.offset.cap);
     // What is left are the columns of conditions, and of a row group without a match all.
     for (column_t& c : w->column) column_free(scan->pool.get(), &c);
-    const std::lock_guard lock(scan->mutex);
-    scan->largest_nbyte = std::max(scan->largest_nbyte, w->raw_nbyte);
-    scan->flight_nbyte -= w->admitted_nbyte;
-    w->admitted_nbyte = 0;
-    if (batch) {
-        const int64_t held = std::max<int64_t>(w->raw_nbyte, 1);
-        scan->queue.push_back({batch, held});
-        scan->flight_nbyte += held;
+    {
+        const std::lock_guard lock(scan->mutex);
+        scan->largest_nbyte = std::max(scan->largest_nbyte, w->need_nbyte);
+        done.is_oversized = w->is_oversized;
+        discharge(w);
+        if (done.batch) {
+            scan->has_oversized = scan->has_oversized || done.is_oversized;
+            scan->flight_nbyte += done.nbyte;
+            scan->queue.push_back(std::move(done));
+        }
     }
     scan->changed.notify_all();
     return 0;
@@ -211,6 +267,7 @@ static int work(worker_t* w) {
                 .max_record_nbyte = scan->opt.max_record_nbyte};
     w->column.resize(scan->requested->size());
     http_t http{.method = "POST", .url = scan->url, .body = w->body, .opt = &scan->opt, .stop = &scan->stop};
+    http.start_ms = scan->start_ms;
     http.multi = w->multi;
     http.sink = sink_stream;
     http.sink_arg = &st;
@@ -230,8 +287,7 @@ static void worker_main(worker_t* w) {
     bool first = false;
     {
         const std::lock_guard lock(scan->mutex);
-        scan->flight_nbyte -= w->admitted_nbyte;
-        w->admitted_nbyte = 0;
+        discharge(w);
         scan->nrunning--;
         if (code != 0 && scan->failure.code == 0) {
             scan->failure = w->err;
@@ -289,20 +345,54 @@ static int open_err(int code, kelp_scan_t* scan) {
     return code;
 }
 
+// The data files that scans read.
+static int list_data_files(std::vector<kelp_file_t>* ret, kelp_scan_t* scan, kelp_error_t* err) {
+    const call_t call{.opt = &scan->opt, .start_ms = scan->start_ms, .stop = &scan->stop};
+    if (const int code = list_files(ret, scan->table, call, err)) return code;
+    std::erase_if(*ret, [](const kelp_file_t& f) { return !f.name.ends_with(".cvn"); });
+    return 0;
+}
+
 // Asks for what every scan needs to know beforehand.
-static int prepare(kelp_scan_t* scan, std::vector<kelp_file_t>* file, std::vector<kelp_column_t>* have,
-                   const kelp_url_t& url, kelp_error_t* err) {
-    if (const int code = kelp_list_files(file, url, scan->opt, err)) return code;
+static int prepare(kelp_scan_t* scan, std::vector<kelp_column_t>* have, const kelp_url_t& url,
+                   kelp_error_t* err) {
+    scan->start_ms = now_ms();
+    scan->table = url;
+    std::vector<kelp_file_t>* file = &scan->file;
+    if (const int code = list_data_files(file, scan, err)) return code;
+    kelp_scan_stat_t* total = &scan->total;
     for (const kelp_file_t& f : *file) {
-        if (!f.name.ends_with(".cvn")) continue;
-        scan->total.total_nfile++;
-        scan->total.total_nrow += f.nrow;
-        scan->total.total_nrowgroup += f.nrowgroup;
-        scan->total.total_zbyte += f.zbyte;
+        total->total_nfile++;
+        if (__builtin_add_overflow(total->total_nrow, f.nrow, &total->total_nrow) ||
+            __builtin_add_overflow(total->total_nrowgroup, f.nrowgroup, &total->total_nrowgroup) ||
+            __builtin_add_overflow(total->total_zbyte, f.zbyte, &total->total_zbyte))
+            return kelp_fail(err, KELP_EPROTO, "check host and port: that does not seem to be kelpd",
+                             "the catalogue of %s claims impossible totals",
+                             kelp_url_format(url, true).c_str());
     }
     scan->url = kelp_url_format(url, false);
     scan->pool = std::make_shared<bufpool_t>();
-    return table_columns(have, *file, url, scan->opt, err);
+    const call_t call{.opt = &scan->opt, .start_ms = scan->start_ms};
+    const int code = table_columns(have, *file, url, call, err);
+    std::sort(file->begin(), file->end(),
+              [](const kelp_file_t& a, const kelp_file_t& b) { return a.name < b.name; });
+    return code;
+}
+
+// Whether all fragments were of the same files.
+static int compare_catalogue(kelp_scan_t* scan, kelp_error_t* err) {
+    std::vector<kelp_file_t> now;
+    const int code = list_data_files(&now, scan, err);
+    if (code && code != KELP_ENOTFOUND) return code;
+    std::sort(now.begin(), now.end(),
+              [](const kelp_file_t& a, const kelp_file_t& b) { return a.name < b.name; });
+    const auto same = [](const kelp_file_t& a, const kelp_file_t& b) {
+        return std::tie(a.name, a.chksum, a.nrow, a.nrowgroup) ==
+               std::tie(b.name, b.chksum, b.nrow, b.nrowgroup);
+    };
+    if (code == 0 && std::equal(scan->file.begin(), scan->file.end(), now.begin(), now.end(), same)) return 0;
+    return kelp_fail(err, KELP_ECHANGED, "try again, or use one connection",
+                     "the table changed while it was read");
 }
 
 static int start(kelp_scan_t* scan, const std::vector<std::string>& body, kelp_error_t* err) {
@@ -340,9 +430,8 @@ static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t*
                          "rows without columns are wanted, but without a condition");
     if (query.njob < 0 || query.njob > JOB_MAX)
         return kelp_fail(err, KELP_EARG, nullptr, "%d jobs are not between 1 and %d", query.njob, JOB_MAX);
-    std::vector<kelp_file_t> file;
     std::vector<kelp_column_t> have;
-    if (const int code = prepare(scan, &file, &have, query.url, err)) return code;
+    if (const int code = prepare(scan, &have, query.url, err)) return code;
     if (const int code = query_plan(&scan->plan, have, query.column, query.rows_only, query.cond, err))
         return code;
     scan->exact = query.exact;
@@ -350,10 +439,9 @@ static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t*
     int njob = query.njob;
     if (njob == 0)
         njob = std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, JOB_DEFAULT_MAX);
-    // Fragments go by the number of a row group in its file, so the longest file bounds how many can have
-    // any.
+    // Fragments go by the number of a row group in its file, so there are no more than the longest file has.
     int64_t longest = 1;
-    for (const kelp_file_t& f : file) longest = std::max(longest, f.nrowgroup);
+    for (const kelp_file_t& f : scan->file) longest = std::max(longest, f.nrowgroup);
     njob = static_cast<int>(std::min<int64_t>(njob, longest));
     std::vector<std::string> body(scan->plan.empty || scan->plan.column.empty() ? 0
                                                                                 : static_cast<size_t>(njob));
@@ -381,9 +469,8 @@ static int sample_open(kelp_scan_t* scan, const kelp_url_t& url, int64_t nrow, k
     if (nrow < 1 || nrow > INT32_MAX)
         return kelp_fail(err, KELP_EARG, "ask for 1 to 2147483647 rows", "%lld rows cannot be sampled",
                          static_cast<long long>(nrow));
-    std::vector<kelp_file_t> file;
     std::vector<kelp_column_t> have;
-    if (const int code = prepare(scan, &file, &have, url, err)) return code;
+    if (const int code = prepare(scan, &have, url, err)) return code;
     for (const kelp_column_t& c : have)
         if (c.typ == 0)
             return kelp_fail(err, KELP_EPROTO, "use a newer client", "column %.100s is of an unknown type",
@@ -411,6 +498,22 @@ int kelp_sample_open(kelp_scan_t** ret_scan, const kelp_url_t& url, int64_t nrow
 
 const std::vector<kelp_column_t>& kelp_scan_columns(const kelp_scan_t* scan) { return scan->result; }
 
+// All connections have ended well and all batches are taken.
+static int finish(kelp_scan_t* scan, std::unique_lock<std::mutex>* lock, kelp_error_t* err) {
+    if (scan->worker.size() < 2 || scan->is_compared) return KELP_END;
+    lock->unlock();
+    kelp_error_t failure{};
+    const int code = kelp_guard(&failure, [&] { return compare_catalogue(scan, &failure); });
+    lock->lock();
+    scan->is_compared = code == 0;
+    if (code == 0) return KELP_END;
+    if (is_stopped(scan)) return cancelled(err);
+    scan->failure = failure;
+    scan->failure.code = code;
+    if (err) *err = scan->failure;
+    return code;
+}
+
 int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* err) {
     *ret_batch = nullptr;
     std::unique_lock lock(scan->mutex);
@@ -419,25 +522,23 @@ int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* er
             if (err) *err = scan->failure;
             return scan->failure.code;
         }
-        if (is_stopped(scan)) return kelp_fail(err, KELP_ECANCEL, nullptr, "the scan was cancelled");
+        if (is_stopped(scan)) return cancelled(err);
         if (!scan->queue.empty()) break;
-        if (scan->nrunning == 0) return KELP_END;
+        if (scan->nrunning == 0) return finish(scan, &lock, err);
         wait_a_while(scan, &lock);
     }
-    const queued_t q = scan->queue.front();
+    queued_t q = std::move(scan->queue.front());
     scan->queue.pop_front();
     scan->flight_nbyte -= q.nbyte;
+    if (q.is_oversized) scan->has_oversized = false;
     lock.unlock();
     scan->changed.notify_all();
-    *ret_batch = &q.batch->pub;
+    *ret_batch = &q.batch.release()->pub;
     return 0;
 }
 
 void kelp_batch_free(kelp_batch_t* pub) {
-    if (!pub) return;
-    batch_t* batch = batch_of(pub);
-    for (column_t& c : batch->column) column_free(batch->pool.get(), &c);
-    delete batch;
+    if (pub) delete batch_of(pub);
 }
 
 void kelp_scan_stat(const kelp_scan_t* scan, kelp_scan_stat_t* ret_stat) {
@@ -459,6 +560,5 @@ void kelp_scan_close(kelp_scan_t* scan) {
     // Only now: one that failed wakes up the others.
     for (const auto& w : scan->worker)
         if (w->multi) curl_multi_cleanup(w->multi);
-    for (const queued_t& q : scan->queue) kelp_batch_free(&q.batch->pub);
     delete scan;
 }

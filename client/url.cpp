@@ -83,8 +83,27 @@ std::string percent_encode(std::string_view s) {
 static constexpr char URL_HINT[] =
     "write kelp://host:port/database/schema/entity or http://host:port/v1/database/...";
 
+// A text that should be a URL, for messages: without what may be a user name and password. They end at the
+// last '@' in front of the path. When a '/' of the password seems to begin the path, it is the last of all.
+static std::string without_password(std::string_view text) {
+    const size_t colon = text.find("://");
+    const size_t from = colon != text.npos ? colon + 3 : std::min(text.find_first_not_of('/'), text.size());
+    const std::string_view authority = text.substr(from, text.find('/', from) - from);
+    size_t at = authority.rfind('@');
+    if (at == authority.npos) {
+        const size_t port = authority.find(':');
+        if (port == authority.npos) return std::string(text);
+        const std::string_view number = authority.substr(port + 1);
+        if (!number.empty() && number.find_first_not_of("0123456789") == number.npos)
+            return std::string(text);
+        at = text.substr(from).rfind('@');
+        if (at == text.npos) return std::string(text);
+    }
+    return std::string(text.substr(0, from)) + "***" + std::string(text.substr(from + at));
+}
+
 static int url_parse(kelp_url_t* ret_url, std::string_view text, kelp_error_t* err) {
-    const std::string shown(text);
+    const std::string shown = without_password(text);
     const auto bad = [&](const char* why) {
         return kelp_fail(err, KELP_EARG, URL_HINT, "'%.200s' is no table URL: %s", shown.c_str(), why);
     };

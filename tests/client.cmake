@@ -1,6 +1,6 @@
 # The tests of the client library.
 if(TARGET colvane_client)
-  set(client_test_libs colvane_client cvn_reader PkgConfig::LZ4 PkgConfig::XXHASH CURL::libcurl)
+  set(client_test_libs colvane_client cvn_reader PkgConfig::LZ4 PkgConfig::XXHASH CURL::libcurl ${CMAKE_DL_LIBS})
   foreach(name client_text client_stream client_scan client_arrow)
     kelpd_unit(${name} ${client_test_libs})
   endforeach()

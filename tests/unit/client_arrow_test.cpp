@@ -12,7 +12,7 @@ using arrow_reader::field_t;
 using support::table_t;
 using support::values_t;
 
-// Random values, but text in UTF-8 and decimals that one scale expresses.
+// Random values, but text in UTF-8, decimals that one scale expresses, and times within a day.
 table_t arrow_table(uint64_t seed, size_t nrow) {
     table_t t = support::all_types_table(seed, nrow);
     std::mt19937_64 rng(seed);
@@ -26,6 +26,7 @@ table_t arrow_table(uint64_t seed, size_t nrow) {
             switch (t.column[c].typ) {
                 case CVN_TYP_CSTR: v = support::text(TEXTS[rng() % 5] + std::string(rng() % 40, 'x')); break;
                 case CVN_TYP_DEC64: v = support::dec64(number.c_str()); break;
+                case CVN_TYP_TIME_MILLIS: v = support::i32(static_cast<int32_t>(rng() % 86400000)); break;
                 case CVN_TYP_DEC128: v = support::dec128((number + "50").c_str()); break;
                 default: break;
             }
@@ -377,7 +378,160 @@ TEST(ArrowFile, SurvivesAnyDamageToItsFooter) {
         }
 }
 
+TEST(ArrowFile, AFailureIsTheEndOfTheStream) {
+    support::temp_dir_t dir;
+    table_t t;
+    t.column = {{"s", CVN_TYP_CSTR, false, false}};
+    // Row groups are cut at 32 MiB of values, so the bad text is alone in the first.
+    t.value = {{support::text(std::string(33 << 20, 'x') + "\xff"), support::text("good")}};
+    support::write_table(dir / "t.cvn", t);
+    kelp_arrow_opt_t binary;
+    binary.text_as_binary = true;
+    ArrowArrayStream stream = open_file(dir / "t.cvn", {}, binary);
+    ArrowArray array;
+    ASSERT_EQ(0, stream.get_next(&stream, &array));
+    ASSERT_EQ(1, array.length);
+    array.release(&array);
+    stream.release(&stream);
+    stream = open_file(dir / "t.cvn");
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(EINVAL, stream.get_next(&stream, &array)) << i;
+        EXPECT_EQ(nullptr, array.release);
+        ASSERT_NE(nullptr, stream.get_last_error(&stream));
+        EXPECT_NE(nullptr, strstr(stream.get_last_error(&stream), "no UTF-8"));
+    }
+    stream.release(&stream);
+}
+
+TEST(ArrowFile, ATimeOutsideOfADayIsRefused) {
+    support::temp_dir_t dir;
+    for (const int ms : {0, 86399999, -1, 86400000, INT32_MIN}) {
+        table_t t;
+        t.column = {{"t", CVN_TYP_TIME_MILLIS, false, false}};
+        t.value = {{support::i32(5), support::null_value(), support::i32(ms)}};
+        support::write_table(dir / "t.cvn", t);
+        ArrowArrayStream stream = open_file(dir / "t.cvn");
+        int code = 0;
+        const std::vector<values_t> got = arrow_reader::read_all(&stream, &code);
+        const bool good = ms >= 0 && ms < 86400000;
+        EXPECT_EQ(good ? 0 : EINVAL, code) << ms;
+        if (good) {
+            EXPECT_EQ(t.value, got);
+        } else {
+            ASSERT_NE(nullptr, stream.get_last_error(&stream));
+            EXPECT_NE(nullptr, strstr(stream.get_last_error(&stream), "no time of a day"));
+        }
+        stream.release(&stream);
+    }
+}
+
+TEST(ArrowFile, ANameThatIsNoUtf8IsRefused) {
+    support::temp_dir_t dir;
+    table_t t;
+    t.column = {{"z\xfcrich", CVN_TYP_INT32, false, false}, {"i", CVN_TYP_INT32, false, false}};
+    t.value = {{support::i32(1)}, {support::i32(2)}};
+    support::write_table(dir / "t.cvn", t);
+    ArrowArrayStream stream{};
+    kelp_error_t err{};
+    EXPECT_EQ(KELP_EUNFIT, kelp_arrow_file(&stream, (dir / "t.cvn").c_str(), {}, {}, &err));
+    EXPECT_EQ(nullptr, stream.release);
+    EXPECT_NE(nullptr, strstr(err.text, "is no UTF-8")) << err.text;
+    stream = open_file(dir / "t.cvn", {"i"});
+    int code = 0;
+    EXPECT_EQ(std::vector<values_t>{t.value[1]}, arrow_reader::read_all(&stream, &code));
+    EXPECT_EQ(0, code);
+    stream.release(&stream);
+}
+
+TEST(ArrowFile, FiltersOnColumnsThatAreNotInTheResult) {
+    support::temp_dir_t dir;
+    const table_t t = arrow_table(11, 500);
+    support::write_table(dir / "t.cvn", t);
+    kelp_query_t q;
+    q.column = {"cstr", "dec64"};
+    q.cond = {{"int16", CVN_OP_GE, {"0"}}, {"bool", CVN_OP_EQ, {"true"}}};
+    std::vector<values_t> want(2);
+    for (size_t r = 0; r < t.nrow(); r++) {
+        const support::value_t &b = t.value[0][r], &n = t.value[1][r];
+        if (b.null || n.null || !b.bytes[0] || support::load<int16_t>(n.bytes, 0) < 0) continue;
+        want[0].push_back(t.value[8][r]);
+        want[1].push_back(t.value[9][r]);
+    }
+    ASSERT_GT(want[0].size(), 10u);
+    ArrowArrayStream stream{};
+    kelp_error_t err{};
+    ASSERT_EQ(0, kelp_arrow_file_query(&stream, (dir / "t.cvn").c_str(), q, {}, &err)) << err.text;
+    EXPECT_EQ((std::vector<field_t>{{"cstr", "u", true}, {"dec64", "d:38,2", true}}),
+              arrow_reader::fields_of(&stream));
+    int code = 0;
+    EXPECT_EQ((std::vector<values_t>{want[0], scaled(want[1], CVN_TYP_DEC64, 2)}),
+              arrow_reader::read_all(&stream, &code));
+    EXPECT_EQ(0, code);
+    stream.release(&stream);
+
+    q.exact = false;
+    q.column = {"cstr"};
+    ASSERT_EQ(0, kelp_arrow_file_query(&stream, (dir / "t.cvn").c_str(), q, {}, &err)) << err.text;
+    EXPECT_EQ(std::vector<values_t>{t.value[8]}, arrow_reader::read_all(&stream, &code));
+    stream.release(&stream);
+    q.cond = {{"int16", CVN_OP_EQ, {"x"}}};
+    EXPECT_EQ(KELP_EARG, kelp_arrow_file_query(&stream, (dir / "t.cvn").c_str(), q, {}, &err));
+    EXPECT_EQ(nullptr, stream.release);
+}
+
 // Scans.
+
+// A server whose table has one column, of the type that `typ_of_look` gives for the n-th look at its columns;
+// a scan gets a row of it.
+fake::server_t::handler_t shifting_handler(std::function<std::vector<int32_t>(int)> typ_of_look) {
+    auto nlook = std::make_shared<std::atomic<int>>(0);
+    return [nlook, typ_of_look](int fd, const fake::request_t& r) {
+        const bool look = r.method == "GET" && r.url.ends_with(".cvn");
+        table_t t;
+        std::vector<size_t> col;
+        for (const int32_t typ : typ_of_look(look ? nlook->fetch_add(1) : nlook->load() - 1)) {
+            const std::string name = "c" + std::to_string(t.column.size());
+            if (r.body.find("\"" + name + "\"") != std::string::npos) col.push_back(t.column.size());
+            t.column.push_back({name, typ, false, false});
+            t.value.push_back({typ == CVN_TYP_DEC128 ? support::dec128("1.5")
+                               : typ == CVN_TYP_CSTR ? support::text("")
+                                                     : support::i32(1)});
+        }
+        if (!fake::serve_catalogue(fd, r, t, 1))
+            fake::send_all(fd, replies::stream_reply(replies::record_of(t, col, 0, 1, false)));
+    };
+}
+
+TEST(ArrowScan, ColumnsThatChangeBetweenTwoLooksAreAnError) {
+    const std::vector<int32_t> decimal{CVN_TYP_DEC128}, text{CVN_TYP_CSTR}, number{CVN_TYP_INT32},
+        two{CVN_TYP_DEC128, CVN_TYP_CSTR};
+    // The looks are: for the list of columns, for the scales, and for the scan itself.
+    for (const auto& looks : std::vector<std::vector<std::vector<int32_t>>>{{decimal, text, text},
+                                                                            {decimal, number, number},
+                                                                            {decimal, decimal, text},
+                                                                            {decimal, decimal, two},
+                                                                            {two, two, decimal},
+                                                                            {number, text, text},
+                                                                            {number, two, two}}) {
+        fake::server_t server(
+            shifting_handler([&](int n) { return looks.at(static_cast<size_t>(std::clamp(n, 0, 2))); }));
+        kelp_query_t q;
+        ASSERT_EQ(0, kelp_url_parse(&q.url, server.url("/d/s/t"), nullptr));
+        q.njob = 1;
+        ArrowArrayStream stream{};
+        kelp_error_t err{};
+        EXPECT_EQ(KELP_ECHANGED, kelp_arrow_scan(&stream, q, {}, {}, &err)) << err.text;
+        EXPECT_STREQ("the table changed while it was read", err.text);
+        EXPECT_EQ(nullptr, stream.release);
+    }
+    fake::server_t server(shifting_handler([&](int) { return two; }));
+    kelp_query_t q;
+    ASSERT_EQ(0, kelp_url_parse(&q.url, server.url("/d/s/t"), nullptr));
+    ArrowArrayStream stream{};
+    kelp_error_t err{};
+    ASSERT_EQ(0, kelp_arrow_scan(&stream, q, {}, {}, &err)) << err.text;
+    stream.release(&stream);
+}
 
 TEST(ArrowScan, CarriesWhatTheScanCarries) {
     const table_t t = arrow_table(9, 400);

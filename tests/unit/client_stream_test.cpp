@@ -1,5 +1,6 @@
 // The decoding half of the client without a network: chunks, records, pages, texts and filters.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cmath>
 #include <functional>
@@ -185,6 +186,17 @@ TEST(ClientChunks, RefuseWhatIsNoChunk) {
     EXPECT_EQ(KELP_EPROTO, unchunk("0\r\n\r\nmore", 3, &out, &err));
 }
 
+TEST(ClientChunks, RefuseATrailerWithoutEnd) {
+    std::string endless = "0\r\n";
+    for (int i = 0; i < 5000; i++) endless += "X: y\r\n";
+    for (const size_t step : {size_t{1}, endless.size()}) {
+        std::string out;
+        kelp_error_t err{};
+        EXPECT_EQ(KELP_EPROTO, unchunk(endless, step, &out, &err));
+        EXPECT_STREQ("the reply goes on and on behind its end", err.text);
+    }
+}
+
 // Pages.
 
 struct decoded_t {
@@ -358,6 +370,31 @@ TEST(ClientTexts, AreFoundWhereverTheirEndsLie) {
             EXPECT_FALSE(find_texts(room.data(), padded.data(), static_cast<int32_t>(n), nrow - 1));
         }
     }
+}
+
+// Two gigabytes of address space that a few pages of memory fill over and over.
+TEST(ClientTexts, AreFoundInPagesOfNearlyTwoGigabytes) {
+    constexpr size_t BLOCK = size_t{2} << 20, NBLOCK = 1024;
+    const int fd[2] = {memfd_create("middle", MFD_CLOEXEC), memfd_create("end", MFD_CLOEXEC)};
+    constexpr int32_t VALUESZ = INT32_MAX - 10;
+    for (int i = 0; i < 2; i++) {
+        std::string block(BLOCK, 'x');
+        if (i == 1) block[VALUESZ % BLOCK - 1] = '\0';
+        ASSERT_GE(fd[i], 0);
+        ASSERT_EQ(static_cast<ssize_t>(BLOCK), pwrite(fd[i], block.data(), BLOCK, 0));
+    }
+    void* all =
+        mmap(nullptr, BLOCK * (NBLOCK + 1), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(MAP_FAILED, all);
+    auto* value = static_cast<char*>(all);
+    for (size_t b = 0; b <= NBLOCK; b++)
+        ASSERT_NE(MAP_FAILED, mmap(value + b * BLOCK, BLOCK, PROT_READ, MAP_SHARED | MAP_FIXED,
+                                   fd[b == VALUESZ / BLOCK], 0));
+    int32_t offset[18] = {};
+    EXPECT_TRUE(find_texts(offset, value, VALUESZ, 1));
+    EXPECT_EQ(VALUESZ, offset[1]);
+    munmap(all, BLOCK * (NBLOCK + 1));
+    for (const int f : fd) close(f);
 }
 
 // Buffers.
@@ -658,6 +695,22 @@ TEST(ClientPush, SaysNothingAboutNumbersThatMayBeNaN) {
         EXPECT_EQ(1u, push("c is not null", typ, false).size());
     }
     EXPECT_TRUE(push("c = 1", CVN_TYP_BYTEA, true).empty());
+}
+
+// A stored bool may be another byte than 0 and 1, which the server's statistics take for a number.
+TEST(ClientPush, ComparesBoolsWithZeroOnly) {
+    const auto asked = [](const char* text_of_cond) {
+        std::string s;
+        for (const pushed_t& p : push(text_of_cond, CVN_TYP_BOOL, false))
+            s += (p.op == CVN_OP_NE ? "!=" : p.op == CVN_OP_EQ ? "==" : "?") + p.value + " ";
+        return s;
+    };
+    for (const char* c : {"c = true", "c != false", "c > false", "c >= true", "c in (true)"})
+        EXPECT_EQ("!=0 ", asked(c)) << c;
+    for (const char* c : {"c = false", "c != true", "c < true", "c <= false", "c in (0, false)"})
+        EXPECT_EQ("==0 ", asked(c)) << c;
+    for (const char* c : {"c >= false", "c <= true", "c in (true, false)"}) EXPECT_EQ("", asked(c)) << c;
+    EXPECT_EQ("!=0 ==0 ", asked("c > true"));
 }
 
 TEST(ClientPush, SaysNothingThatNeedsAnEscape) {
