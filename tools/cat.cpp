@@ -17,7 +17,7 @@ namespace {
 
 struct cat_opts_t {
     std::string path;
-    std::vector<std::string> columns;
+    std::vector<std::string> columns;  // as texts: lists of names
     bool columns_given = false;
     std::vector<std::string> where;
     int64_t limit = -1;
@@ -40,26 +40,27 @@ int find_column(const cvn_scan_t* scan, const std::string& name) {
 std::string column_list(const cvn_scan_t* scan) {
     std::string out;
     for (int c = 0; c < scan->schema->ncol && c < 50; ++c)
-        out += (c ? ", " : "") + schema_name(scan->coldef[c]);
-    return out;
+        out += (c ? ", " : "") + format_cell(schema_name(scan->coldef[c]), CVN_NAME_SZ);
+    return out + (scan->schema->ncol > 50 ? ", ..." : "");
 }
 
 // Writes the rows of one file. Returns false when the limit is reached.
-bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector<where_term_t>& term,
-              cat_head_t* head, format_t* format, tool_out_t* out, int64_t* left) {
+bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector<std::string>& names,
+              const std::vector<where_term_t>& term, cat_head_t* head, format_t* format, tool_out_t* out,
+              int64_t* left) {
     const source_scan_t open(path);
     cvn_scan_t* const scan = open.scan;
     const int ncol = scan->schema->ncol;
     if (!head->known) {
         if (opts.columns_given) {
-            head->name = opts.columns;
+            head->name = names;
         } else {
             for (int c = 0; c < ncol; ++c) head->name.push_back(schema_name(scan->coldef[c]));
         }
     } else if (!opts.columns_given && size_t(ncol) != head->name.size()) {
         throw tool_error(
-            fmt::format("{}: has {} columns, the files before it {}; use --columns to choose common ones",
-                        path, ncol, head->name.size()));
+            fmt::format("{}: has {}, the files before it {}; use --columns to choose common ones", path,
+                        tool_counted(ncol, "column", "columns"), head->name.size()));
     }
     // What is printed comes first among the required columns; what only a condition needs, behind it.
     std::vector<int> required, shown;
@@ -73,12 +74,14 @@ bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector
         required.push_back(cno);
         return int(required.size()) - 1;
     };
+    const auto missing = [&](const std::string& name) {
+        return tool_error(fmt::format("{}: there is no column {}; its columns are {}", path, tool_quote(name),
+                                      column_list(scan)));
+    };
     for (size_t i = 0; i < head->name.size(); ++i) {
         // By name; without --columns also by position, as a damaged file may have one name twice.
         const int cno = !head->known && !opts.columns_given ? int(i) : find_column(scan, head->name[i]);
-        if (cno < 0)
-            throw tool_error(fmt::format("{}: there is no column {}; its columns are {}", path,
-                                         tool_quote(head->name[i]), column_list(scan)));
+        if (cno < 0) throw missing(head->name[i]);
         const cvn_typ_t typ = scan->coldef[cno].typ;
         if (!head->known) {
             head->typ.push_back(typ);
@@ -89,7 +92,14 @@ bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector
         }
         shown.push_back(require(cno));
     }
-    const std::vector<where_cond_t> cond = where_bind(term, scan->coldef, ncol);
+    for (const where_term_t& t : term)
+        if (find_column(scan, t.name) < 0) throw missing(t.name);
+    std::vector<where_cond_t> cond;
+    try {
+        cond = where_bind(term, scan->coldef, ncol);
+    } catch (const tool_error& error) {
+        throw tool_error(path + ": " + error.what());
+    }
     std::vector<int> cond_page;
     for (const where_cond_t& c : cond) cond_page.push_back(require(c.cno));
     if (!head->known) {
@@ -148,13 +158,15 @@ bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector
 int cat_run(const cat_opts_t& opts) {
     std::vector<where_term_t> term;
     for (const std::string& text : opts.where) where_parse(&term, text);
+    std::vector<std::string> names;
+    for (const std::string& text : opts.columns) where_parse_names(&names, text);
     const source_t source = source_find(opts.path);
     tool_out_t out;
     format_t format;
     cat_head_t head;
     int64_t left = opts.limit;
     for (const std::string& path : source.path)
-        if (!cat_file(path, opts, term, &head, &format, &out, &left)) break;
+        if (!cat_file(path, opts, names, term, &head, &format, &out, &left)) break;
     format_end(&format);
     return 0;
 }
@@ -184,12 +196,12 @@ void cat_register(CLI::App* app, int* ret) {
         "  cvn cat orders.cvn --where \"mode = 'AIR'\" --where 'note is not null' --format jsonl");
     sub->add_option("PATH", opts->path, "The data file or directory")->required();
     CLI::Option* const columns = sub->add_option("--columns", opts->columns,
-                                                 "The columns to print, in this order: a,b,c (default: all)")
-                                     ->delimiter(',')
+                                                 "The columns to print, in this order: a,b,\"c d\" "
+                                                 "(default: all)")
                                      ->allow_extra_args(false);
     sub->add_option("--where", opts->where, "A condition on the rows; may be repeated")
         ->allow_extra_args(false);
-    sub->add_option("--limit", opts->limit, "Stop after this many rows")->check(CLI::NonNegativeNumber);
+    sub->add_option("--limit", opts->limit, "Stop after this many rows")->check(whole_number(0));
     sub->add_option("--format", opts->format, "csv, jsonl or table (default: csv)")
         ->check(CLI::IsMember({"csv", "jsonl", "table"}));
     sub->callback([opts, ret, columns] {

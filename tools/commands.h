@@ -18,6 +18,9 @@ void split_register(CLI::App* app, int* ret);
 // library.
 void remote_register(CLI::App* app, int* ret);
 
+// What --rows, --sample and --limit take: a whole number of at least `least` in 64 bits.
+CLI::Validator whole_number(int64_t least);
+
 // Verifies one file or split directory. Writes a line for each fault, or one that it is good, and adds its
 // rows to `*ret_nrow`. Returns how many faults it has.
 int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow);

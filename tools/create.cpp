@@ -1,19 +1,24 @@
 // cvn create: a data file, or a series of them, from CSV. Rows go from the reader's buffer through the fast
 // forms of value.h into the writer without a copy of their text in between. Files are written under temporary
-// names and renamed when all of the input has been read, so that a failure leaves nothing behind.
+// names and renamed when all of the input has been read, so that a failure leaves nothing behind and takes
+// nothing away.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <deque>
 #include <memory>
 
 #include "tools/commands.h"
 #include "tools/csv.h"
+#include "tools/format.h"
 #include "tools/progress.h"
 #include "tools/schema.h"
 #include "tools/tool.h"
@@ -22,13 +27,14 @@
 namespace {
 
 constexpr char USAGE[] = "cvn create OUT.cvn IN.csv";
+constexpr size_t SAMPLE_MAXSZ = size_t(64) << 20;  // of text; types are chosen from no more, however few rows
 
 struct create_opts_t {
     std::string out;
     std::vector<std::string> csv;
     std::string schema;
     bool infer = false;
-    bool header = true;
+    bool no_header = false;
     std::string delimiter = ",";
     std::vector<std::string> null;
     bool null_given = false;
@@ -38,16 +44,21 @@ struct create_opts_t {
 
 // The output: files under temporary names until output_commit.
 struct output_t {
+    enum place_t {
+        TEMP,      // under its temporary name
+        NEW,       // under its final name, which nothing had before
+        SWAPPED,   // likewise; what was there before has the temporary name
+        REPLACED,  // likewise; what was there before is gone, since the file system cannot swap
+    };
     struct file_t {
         std::string temp, final;
-        bool placed = false;  // it has its final name
+        place_t place = TEMP;
     };
     const create_opts_t* opts = nullptr;
     const std::vector<cvn_coldef_t>* coldef = nullptr;
     std::deque<file_t> file;
     cvn_t* writer = nullptr;
     int64_t nrow = 0;  // in the current file
-    bool committed = false;
 
     output_t() = default;
     output_t(const output_t&) = delete;
@@ -57,16 +68,20 @@ struct output_t {
             (void)cvn_append(writer, -1, nullptr, nullptr);  // refused, and the writer told to drop its file
             (void)cvn_close(writer);
         }
-        if (committed) return;
-        for (const file_t& f : file) (void)unlink(f.placed ? f.final.c_str() : f.temp.c_str());
+        for (const file_t& f : file)
+            if (f.place == TEMP || f.place == SWAPPED) (void)unlink(f.temp.c_str());
     }
 };
+
+// What names in a series share, and the rest of them: the number and ".cvn".
+std::string series_stem(const create_opts_t& opts) {
+    return opts.out.ends_with(".cvn") ? opts.out.substr(0, opts.out.size() - 4) : opts.out;
+}
 
 // The name of file `n`: OUT.cvn, or OUT.n.cvn in a series.
 std::string output_name(const create_opts_t& opts, size_t n) {
     if (opts.rows == 0) return opts.out;
-    const std::string stem = opts.out.ends_with(".cvn") ? opts.out.substr(0, opts.out.size() - 4) : opts.out;
-    return fmt::format("{}.{}.cvn", stem, n);
+    return fmt::format("{}.{}.cvn", series_stem(opts), n);
 }
 
 void output_close(output_t* output) {
@@ -81,7 +96,9 @@ void output_close(output_t* output) {
 void output_open(output_t* output) {
     const std::string final = output_name(*output->opts, output->file.size());
     tool_check_target(final, USAGE);
-    output->file.push_back({fmt::format("{}.{}.tmp", final, getpid()), final});
+    int fd;
+    output->file.push_back({tool_temp_create(final, &fd), final});
+    close(fd);
     const std::string& temp = output->file.back().temp;
     errno = 0;
     const int code = cvn_create(&output->writer, temp.c_str());
@@ -113,16 +130,86 @@ inline void output_append(output_t* output, const cvn_datum_t* datum, const bool
     ++output->nrow;
 }
 
+// Refuses to leave files of an older, longer series behind the new one: whoever reads the directory would
+// take them for part of it.
+void check_older_series(const output_t& output) {
+    const std::string stem = series_stem(*output.opts);
+    const size_t slash = stem.rfind('/');
+    const std::string prefix = (slash == std::string::npos ? stem : stem.substr(slash + 1)) + ".";
+    const std::string path = slash == std::string::npos ? "." : stem.substr(0, slash + 1);
+    DIR* const dir = opendir(path.c_str());
+    if (!dir) return;  // one may write without seeing what is there
+    size_t left = 0, least = 0;
+    std::string first;
+    while (const dirent* entry = readdir(dir)) {
+        const std::string_view name = entry->d_name;
+        if (!name.starts_with(prefix) || !name.ends_with(".cvn") || name.size() < prefix.size() + 5) continue;
+        const char* const end = name.data() + name.size() - 4;
+        size_t number = 0;
+        const auto [stop, ec] = std::from_chars(name.data() + prefix.size(), end, number);
+        if (ec != std::errc() || stop != end || number < output.file.size()) continue;
+        if (left++ > 0 && number > least) continue;
+        least = number;
+        first = name;
+    }
+    closedir(dir);
+    if (left == 0) return;
+    throw tool_error(fmt::format(
+        "{}{}{}: would stay behind the new series of {}, from an older one that was longer; remove what is "
+        "no "
+        "longer wanted (nothing was changed)",
+        slash == std::string::npos ? "" : path, first, left == 1 ? "" : fmt::format(" and {} more", left - 1),
+        tool_counted(int64_t(output.file.size()), "file", "files")));
+}
+
+// Gives a file its name, in exchange for the older one where the file system can do that.
+bool output_place(output_t::file_t* file) {
+    const char *const temp = file->temp.c_str(), *const final = file->final.c_str();
+    if (renameat2(AT_FDCWD, temp, AT_FDCWD, final, RENAME_EXCHANGE) == 0) {
+        file->place = output_t::SWAPPED;
+        return true;
+    }
+    const bool fresh = errno == ENOENT;
+    if (rename(temp, final) != 0) return false;
+    file->place = fresh ? output_t::NEW : output_t::REPLACED;
+    return true;
+}
+
+// Undoes that. Returns false when it cannot be undone.
+bool output_unplace(output_t::file_t* file) {
+    const char *const temp = file->temp.c_str(), *const final = file->final.c_str();
+    switch (file->place) {
+        case output_t::TEMP: return true;
+        case output_t::NEW:
+            if (rename(final, temp) != 0) return false;
+            break;
+        case output_t::SWAPPED:
+            if (renameat2(AT_FDCWD, temp, AT_FDCWD, final, RENAME_EXCHANGE) == 0) break;
+            file->place = output_t::REPLACED;  // so that the older one keeps at least its temporary name
+            return false;
+        case output_t::REPLACED: return false;
+    }
+    file->place = output_t::TEMP;
+    return true;
+}
+
+// All files get their names, or none does.
 void output_commit(output_t* output) {
     if (output->file.empty()) output_open(output);  // no rows: an empty table
     output_close(output);
+    for (const output_t::file_t& f : output->file) tool_check_target(f.final, USAGE);
+    if (output->opts->rows > 0) check_older_series(*output);
+    tool_check_signals();  // the last time: from here on it is done to the end, or undone
     for (output_t::file_t& f : output->file) {
-        tool_check_signals();
-        if (rename(f.temp.c_str(), f.final.c_str()) != 0)
-            throw tool_error(f.final + ": " + tool_strerror(errno));
-        f.placed = true;
+        if (output_place(&f)) continue;
+        const std::string why = tool_strerror(errno);
+        std::string stays;
+        for (output_t::file_t& placed : output->file)
+            if (!output_unplace(&placed)) stays += (stays.empty() ? "" : ", ") + placed.final;
+        throw tool_error(
+            fmt::format("{}: {}{}{}", f.final, why,
+                        stays.empty() ? "; nothing was changed" : "; already replaced: ", stays));
     }
-    output->committed = true;
 }
 
 // The input: the CSV files one behind the other.
@@ -175,6 +262,30 @@ void match_header(input_t* input) {
                 input->opts->infer ? "" : "; without a header row, use --no-header"));
 }
 
+// Takes the columns' names from the header row.
+void name_columns(input_t* input) {
+    const csv_t& csv = input->csv;
+    for (size_t i = 0; i < csv.nfield; ++i) {
+        const std::string_view text(csv.field[i].ptr, csv.field[i].len);
+        const char* const why = schema_name_fault(text);
+        if (why)
+            throw tool_error(
+                fmt::format("{}:{}: the header's column {}, {}, {}; change it, or use --no-header", csv.name,
+                            csv.line, i + 1, tool_quote(text), why));
+        input->name.emplace_back(text);
+    }
+}
+
+// Whether the row looks as if its input ended lines in CR alone, so that all of them came as one.
+bool has_bare_cr(const csv_t& csv) {
+    for (size_t i = 0; i < csv.nfield; ++i)
+        if (!csv.field[i].quoted && memchr(csv.field[i].ptr, '\r', csv.field[i].len)) return true;
+    return false;
+}
+
+constexpr char CR_HINT[] =
+    "lines must end in LF or CR LF; do they end in CR alone? 'tr \"\\r\" \"\\n\"' helps";
+
 // Opens the next file and reads its header. Returns false when there is none.
 bool open_file(input_t* input) {
     if (input->fd >= 0) input->before += input->csv.nbyte;
@@ -186,7 +297,7 @@ bool open_file(input_t* input) {
     if (input->fd < 0) throw tool_error(path + ": " + tool_strerror(errno));
     (void)posix_fadvise(input->fd, 0, 0, POSIX_FADV_SEQUENTIAL);  // a hint; pipes have no use for it
     csv_open(&input->csv, input->fd, path == "-" ? "standard input" : path, input->delim);
-    if (!opts.header) {
+    if (opts.no_header) {
         input->field_of.clear();
         return true;
     }
@@ -195,9 +306,10 @@ bool open_file(input_t* input) {
             throw tool_error(input->csv.name +
                              ": is empty, where a header row should be (or use --no-header)");
     } while (is_blank(input->csv) && input->name.size() != 1);
-    if (input->name.empty())
-        for (size_t i = 0; i < input->csv.nfield; ++i)
-            input->name.emplace_back(input->csv.field[i].ptr, input->csv.field[i].len);
+    if (has_bare_cr(input->csv))
+        throw tool_error(fmt::format("{}:{}: the header row has a carriage return in it; {}", input->csv.name,
+                                     input->csv.line, CR_HINT));
+    if (input->name.empty()) name_columns(input);
     match_header(input);
     return true;
 }
@@ -214,11 +326,16 @@ inline bool next_row(input_t* input) {
             if (is_blank(csv) && ncol != 1) continue;
             if (input->name.empty())  // no header: the first row tells how many columns there are
                 for (size_t i = 0; i < csv.nfield; ++i) input->name.push_back(fmt::format("c{}", i + 1));
-            if (csv.nfield != input->name.size())
-                throw tool_error(fmt::format("{}:{}: the row has {} field{}, but there are {} columns{}",
-                                             csv.name, csv.line, csv.nfield, csv.nfield == 1 ? "" : "s",
-                                             input->name.size(),
-                                             csv.nfield == 1 ? "; is another --delimiter needed?" : ""));
+            if (csv.nfield != input->name.size()) {
+                const char* const hint = has_bare_cr(csv)  ? CR_HINT
+                                         : csv.nfield == 1 ? "is another --delimiter needed?"
+                                                           : "";
+                throw tool_error(fmt::format("{}:{}: the row has {}, but there {} {}{}{}", csv.name, csv.line,
+                                             tool_counted(int64_t(csv.nfield), "field", "fields"),
+                                             input->name.size() == 1 ? "is" : "are",
+                                             tool_counted(int64_t(input->name.size()), "column", "columns"),
+                                             *hint ? "; " : "", hint));
+            }
             if (input->field_of.empty())
                 for (size_t i = 0; i < csv.nfield; ++i) input->field_of.push_back(int(i));
         }
@@ -249,6 +366,7 @@ struct convert_t {
     std::vector<cvn_datum_t> datum;
     std::unique_ptr<bool[]> isnull;
     std::vector<int> fast;  // per column: its type where a fast form exists, else 0
+    int64_t nsample = 0;    // rows that the types were chosen from
 };
 
 [[noreturn]] void bad_field(const convert_t& convert, size_t c, const std::string& file, int64_t line,
@@ -256,9 +374,9 @@ struct convert_t {
     const cvn_coldef_t& col = (*convert.coldef)[c];
     std::string hint;
     if (convert.opts->infer)
-        hint = fmt::format(
-            "; the type was chosen from the first {} rows: try a bigger --sample, or give --schema",
-            tool_count(convert.opts->sample));
+        hint = fmt::format("; the type was chosen from the first {}: {}give --schema",
+                           tool_counted(convert.nsample, "row", "rows"),
+                           convert.nsample < convert.opts->sample ? "" : "try a bigger --sample, or ");
     else if (text.empty() && !convert.opts->null_given)
         hint = "; NULL is an empty field without quotes";
     throw tool_error(fmt::format("{}:{}: column {} ({}): {} {}{}", file, line, tool_quote(schema_name(col)),
@@ -344,12 +462,14 @@ void convert_begin(convert_t* convert, const create_opts_t* opts, const std::vec
 std::vector<cvn_coldef_t> infer(input_t* input, std::deque<sample_t>* sample) {
     const create_opts_t& opts = *input->opts;
     std::vector<schema_guess_t> guess;
-    while (int64_t(sample->size()) < opts.sample && next_row(input)) {
+    size_t total = 0;
+    while (int64_t(sample->size()) < opts.sample && total < SAMPLE_MAXSZ && next_row(input)) {
         const csv_t& csv = input->csv;
         guess.resize(input->name.size());
         sample_t row = {csv.name, csv.line, nullptr, {}};
         size_t size = CSV_PADSZ;
         for (size_t c = 0; c < guess.size(); ++c) size += csv.field[c].len + 1;
+        total += size + guess.size() * sizeof(csv_field_t);
         row.text.reset(new char[size]());
         char* to = row.text.get();
         for (size_t c = 0; c < guess.size(); ++c) {
@@ -380,6 +500,13 @@ char delimiter_of(const std::string& text) {
     return text[0];
 }
 
+// One word of a shell's command line.
+std::string shell_quote(const std::string& text) {
+    std::string out = "'";
+    for (const char ch : text) out += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
+    return out + "'";
+}
+
 int create_run(create_opts_t opts) {
     std::vector<cvn_coldef_t> coldef;
     input_t input;
@@ -406,16 +533,17 @@ int create_run(create_opts_t opts) {
     if (opts.infer) {
         coldef = infer(&input, &sample);
         bool exact;
-        const std::string text = schema_text(coldef, &exact);
-        fmt::print(stderr, "cvn: schema chosen from {} row{}{}:\n  --schema '{}'\n",
-                   tool_count(int64_t(sample.size())), sample.size() == 1 ? "" : "s",
-                   exact ? "" : " (one of the names cannot be written in a schema)", text);
+        const std::string text = schema_text(coldef, &exact), shown = format_cell(text, SIZE_MAX);
+        tool_say(fmt::format(
+            "schema chosen from {}{}:\n  --schema {}", tool_counted(int64_t(sample.size()), "row", "rows"),
+            exact && shown == text ? "" : " (one of the names cannot be written so)", shell_quote(shown)));
     }
     output_t output;
     output.opts = &opts;
     output.coldef = &coldef;
     convert_t convert;
     convert_begin(&convert, &opts, &coldef);
+    convert.nsample = int64_t(sample.size());
     int64_t nrow = 0;
     std::vector<int> straight;
     for (size_t c = 0; c < coldef.size(); ++c) straight.push_back(int(c));
@@ -470,7 +598,7 @@ void create_register(CLI::App* app, int* ret) {
     sub->add_option("CSV", opts->csv, "CSV files; - or nothing is the standard input");
     CLI::Option* const schema =
         sub->add_option("--schema", opts->schema, "The columns: 'NAME TYPE [-z] [-n], ...'");
-    sub->add_flag("!--no-header", opts->header, "The files have no header row; columns go by position");
+    sub->add_flag("--no-header", opts->no_header, "The files have no header row; columns go by position");
     sub->add_option("--delimiter", opts->delimiter,
                     "What parts the fields: a character, or tab (default: a comma)");
     CLI::Option* const null =
@@ -478,9 +606,10 @@ void create_register(CLI::App* app, int* ret) {
                         "The text that means NULL (without quotes around it); may be repeated")
             ->allow_extra_args(false);
     sub->add_option("--rows", opts->rows, "Cut the output into OUT.0.cvn, OUT.1.cvn, ... of this many rows")
-        ->check(CLI::PositiveNumber);
-    sub->add_option("--sample", opts->sample, "Rows to choose the types from (default: 10000)")
-        ->check(CLI::PositiveNumber);
+        ->check(whole_number(1));
+    sub->add_option("--sample", opts->sample,
+                    "Rows to choose the types from (default: 10000; no more than about 64 MiB of them)")
+        ->check(whole_number(1));
     sub->callback([opts, ret, schema, null] {
         opts->infer = schema->count() == 0;
         opts->null_given = null->count() > 0;

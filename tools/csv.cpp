@@ -109,6 +109,7 @@ index_fn_t choose_index() { return csv_index_plain; }
 
 // Grows the buffer to `size` bytes, keeping [cur, top).
 void grow(csv_t* csv, size_t size) {
+    csv->mark.reset();  // found anew for the larger buffer
     std::unique_ptr<char[]> buf(new char[size + 1 + 2 * CSV_PADSZ]());
     std::unique_ptr<uint32_t[]> mark(new uint32_t[size + 1 + 2 * CSV_PADSZ]);
     if (csv->top > csv->cur) memcpy(buf.get(), csv->buf.get() + csv->cur, csv->top - csv->cur);
@@ -129,7 +130,7 @@ void refill(csv_t* csv) {
     } else if (csv->top == csv->bufsz) {
         if (csv->bufsz >= CSV_MAX_ROWSZ)
             fail(csv, csv->next_line,
-                 "the row is longer than 1 GiB; is a quote not closed, or the delimiter another?");
+                 "the row is longer than 256 MiB; is a quote not closed, or does a line end in CR alone?");
         grow(csv, std::min(csv->bufsz * 2, CSV_MAX_ROWSZ));
     }
     while (csv->top < csv->bufsz) {
@@ -184,7 +185,11 @@ bool cut_row(csv_t* csv) {
     for (;;) {
         if (m == end) return false;
         if (nfield == room) {
-            csv->field.resize(room * 2);
+            if (room >= CSV_MAX_NFIELD)
+                fail(csv, csv->next_line,
+                     fmt::format("the row has more than {} fields; is another --delimiter needed?",
+                                 tool_count(int64_t(CSV_MAX_NFIELD))));
+            csv->field.resize(std::min(room * 2, CSV_MAX_NFIELD));
             field = csv->field.data();
             room = csv->field.size();
         }

@@ -19,8 +19,9 @@
 
 constexpr size_t CSV_BLOCKSZ =
     256 * 1024;  // what a read asks for: the block and its positions fit the L2 cache
-constexpr size_t CSV_MAX_ROWSZ = size_t(1) << 30;  // a longer row is refused
-constexpr size_t CSV_PADSZ = 64;                   // readable bytes behind the last byte of any field
+constexpr size_t CSV_MAX_ROWSZ = size_t(256) << 20;  // a longer row is refused
+constexpr size_t CSV_MAX_NFIELD = 1000000;           // a row of more fields is refused
+constexpr size_t CSV_PADSZ = 64;                     // readable bytes behind the last byte of any field
 
 // One field of the current row. The bytes are the caller's to change until the next row is asked for.
 struct csv_field_t {
@@ -60,7 +61,7 @@ void csv_open(csv_t* csv, int fd, std::string name, char delim, size_t blocksz =
 
 // Cuts the next row into `field` and `nfield` (at least 1; an empty line is one empty field). Returns false
 // at the end of the input. Throws tool_error for a quoted field that is not closed or goes on behind its
-// closing quote, for a row above CSV_MAX_ROWSZ and for a failed read.
+// closing quote, for a row above CSV_MAX_ROWSZ or CSV_MAX_NFIELD and for a failed read.
 bool csv_next(csv_t* csv);
 
 // The scanner of csv_next by itself: writes the positions in [from, to) of `delim`, line feeds and quotes to

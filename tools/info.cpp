@@ -208,11 +208,11 @@ void print_cells(std::string* out, const std::vector<std::vector<std::string>>& 
 }
 
 void print_file(std::string* out, const file_t& file) {
-    *out +=
-        fmt::format("{}: {}{} rows, {} row group{}, {} columns, {} stored of {} raw (ratio {})\n", file.path,
-                    file.split ? "split, " : "", tool_count(file.nrow), tool_count(file.nrowgroup),
-                    file.nrowgroup == 1 ? "" : "s", file.column.size(), tool_bytes(double(file.zbyte)),
-                    tool_bytes(double(file.nbyte)), ratio(file.nbyte, file.zbyte));
+    *out += fmt::format(
+        "{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", file.path, file.split ? "split, " : "",
+        tool_counted(file.nrow, "row", "rows"), tool_counted(file.nrowgroup, "row group", "row groups"),
+        tool_counted(int64_t(file.column.size()), "column", "columns"), tool_bytes(double(file.zbyte)),
+        tool_bytes(double(file.nbyte)), ratio(file.nbyte, file.zbyte));
     std::vector<std::vector<std::string>> rows = {
         {"column", "type", "flags", "nulls", "min", "max", "stored", "raw", "ratio"}};
     for (const column_t& col : file.column) {
@@ -226,8 +226,9 @@ void print_file(std::string* out, const file_t& file) {
     print_cells(out, rows, {false, false, false, true, false, false, true, true, true}, 2);
     for (size_t rg = 0; rg < file.group.size(); ++rg) {
         const group_t& group = file.group[rg];
-        *out += fmt::format("  row group {}: {} rows, {} stored of {} raw\n", rg, tool_count(group.nrow),
-                            tool_bytes(double(group.zbyte)), tool_bytes(double(group.nbyte)));
+        *out += fmt::format("  row group {}: {}, {} stored of {} raw\n", rg,
+                            tool_counted(group.nrow, "row", "rows"), tool_bytes(double(group.zbyte)),
+                            tool_bytes(double(group.nbyte)));
         rows = {{"column", "offset", "nulls", "min", "max", "stored", "raw", "lz4"}};
         for (size_t c = 0; c < group.chunk.size(); ++c) {
             const chunk_t& chunk = group.chunk[c];
@@ -245,12 +246,22 @@ int info_run(const info_opts_t& opts) {
     tool_out_t out;
     json files = json::array();
     file_t total;
+    size_t nbad = 0;
     for (const std::string& path : source.path) {
-        const file_t file = read_file(path, opts.rowgroups);
-        total.nrow += file.nrow;
-        total.nrowgroup += file.nrowgroup;
-        total.nbyte += file.nbyte;
-        total.zbyte += file.zbyte;
+        file_t file;
+        try {
+            file = read_file(path, opts.rowgroups);
+        } catch (const tool_error& error) {
+            if (!source.many) throw;
+            tool_out_flush(&out);  // so that the message comes in its place
+            tool_say(error.what());
+            ++nbad;
+            continue;
+        }
+        total.nrow = tool_add(total.nrow, file.nrow);
+        total.nrowgroup = tool_add(total.nrowgroup, file.nrowgroup);
+        total.nbyte = tool_add(total.nbyte, file.nbyte);
+        total.zbyte = tool_add(total.zbyte, file.zbyte);
         if (opts.json)
             files.push_back(file_json(file));
         else
@@ -269,14 +280,16 @@ int info_run(const info_opts_t& opts) {
     } else if (opts.json) {
         out.buf = files[0].dump(2) + "\n";
     } else if (source.many) {
-        out.buf +=
-            fmt::format("{}: {} file{}, {} rows, {} row groups, {} stored of {} raw (ratio {})\n", opts.path,
-                        source.path.size(), source.path.size() == 1 ? "" : "s", tool_count(total.nrow),
-                        tool_count(total.nrowgroup), tool_bytes(double(total.zbyte)),
-                        tool_bytes(double(total.nbyte)), ratio(total.nbyte, total.zbyte));
+        out.buf += fmt::format("{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", opts.path,
+                               tool_counted(int64_t(source.path.size() - nbad), "file", "files"),
+                               nbad > 0 ? fmt::format(" (and {} that cannot be read)", nbad) : "",
+                               tool_counted(total.nrow, "row", "rows"),
+                               tool_counted(total.nrowgroup, "row group", "row groups"),
+                               tool_bytes(double(total.zbyte)), tool_bytes(double(total.nbyte)),
+                               ratio(total.nbyte, total.zbyte));
     }
     tool_out_flush(&out);
-    return 0;
+    return nbad > 0 ? 1 : 0;
 }
 
 }  // namespace

@@ -49,8 +49,6 @@ void shorten(CLI::App* sub) {
     sub->footer("\n" + text.substr(cut + 2));
 }
 
-void say(const std::string& text) { fmt::print(stderr, "cvn: {}\n", text); }
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -78,10 +76,10 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     } catch (const tool_usage& error) {
-        say(error.what());
+        tool_say(error.what());
         return 2;
     } catch (const tool_error& error) {
-        say(error.what());
+        tool_say(error.what());
         return 1;
     } catch (const tool_pipe_closed&) {
         return 0;
@@ -90,10 +88,10 @@ int main(int argc, char** argv) {
         raise(stop.signal);
         return 1;
     } catch (const std::bad_alloc&) {
-        say("out of memory");
+        tool_say("out of memory");
         return 1;
     } catch (const std::exception& error) {
-        say(fmt::format("internal error: {}", error.what()));
+        tool_say(fmt::format("internal error: {}", error.what()));
         return 1;
     }
     return ret;

@@ -11,6 +11,7 @@
 namespace {
 
 constexpr int WIDTH = 24;
+constexpr double MAX_RATE = 1e18;  // a server's counts may be anything; this still is an integer
 
 // Failures to draw are of no interest to anybody.
 void draw(const std::string& text) { (void)!write(2, text.data(), text.size()); }
@@ -18,7 +19,9 @@ void draw(const std::string& text) { (void)!write(2, text.data(), text.size()); 
 }  // namespace
 
 std::string progress_text(const progress_t& progress, int64_t nbyte, int64_t count, double seconds) {
-    const auto rate = [seconds](int64_t n) { return seconds > 0 ? double(n) / seconds : 0; };
+    const auto rate = [seconds](int64_t n) {
+        return seconds > 0 ? std::clamp(double(n) / seconds, 0.0, MAX_RATE) : 0;
+    };
     const std::string unit = progress.unit ? progress.unit : "";
     const std::string speed = progress.unit ? fmt::format("{} {}/s", tool_count(int64_t(rate(count))), unit)
                                             : tool_bytes(rate(nbyte)) + "/s";
@@ -38,8 +41,9 @@ std::string progress_text(const progress_t& progress, int64_t nbyte, int64_t cou
 }
 
 void progress_begin(progress_t* progress, int64_t total, const char* unit) {
-    *progress = progress_t();
+    progress_end(progress);
     progress->shown = isatty(2) == 1;
+    progress->by_count = false;
     progress->total = total;
     progress->unit = unit;
     progress->begin = std::chrono::steady_clock::now();
@@ -55,6 +59,8 @@ void progress_update(progress_t* progress, int64_t nbyte, int64_t count) {
     const std::chrono::duration<double> spent = now - progress->begin;
     draw(fmt::format("\r{}\x1b[K", progress_text(*progress, nbyte, count, spent.count())));
 }
+
+progress_t::~progress_t() { progress_end(this); }
 
 void progress_end(progress_t* progress) {
     if (progress->drawn) draw("\r\x1b[K");

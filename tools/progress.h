@@ -14,6 +14,11 @@ struct progress_t {
     bool by_count = false;      // the total is in units, not in bytes
     const char* unit = "rows";  // null: bytes are all that is counted
     std::chrono::steady_clock::time_point begin, next;
+
+    progress_t() = default;
+    progress_t(const progress_t&) = delete;
+    progress_t& operator=(const progress_t&) = delete;
+    ~progress_t();  // wipes the line out: a message that follows it begins a line of its own
 };
 
 // Starts the clock. `total` is 0 when the end is not known.

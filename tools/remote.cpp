@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -34,6 +35,20 @@ kelp_url_t parent_of(kelp_url_t url) {
     return url;
 }
 
+// Returns where a symbolic link leads that leads to nothing yet, or `path` if it is none.
+std::string follow_links(std::string path) {
+    constexpr int MAX_LINKS = 40;  // as the kernel's
+    char to[PATH_MAX];
+    for (int i = 0; i < MAX_LINKS; ++i) {
+        const ssize_t n = readlink(path.c_str(), to, sizeof(to));
+        if (n <= 0 || n == ssize_t(sizeof(to))) return path;
+        const std::string next(to, size_t(n));
+        const size_t slash = path.rfind('/');
+        path = next[0] == '/' || slash == std::string::npos ? next : path.substr(0, slash + 1) + next;
+    }
+    throw tool_error(path + ": " + tool_strerror(ELOOP));
+}
+
 struct usage_t : CLI::Formatter {
     std::string args;
     std::string make_usage(const CLI::App*, std::string name) const override {
@@ -46,11 +61,13 @@ struct usage_t : CLI::Formatter {
 kelp_url_t remote_url(const std::string& text) {
     if (text.find("://") != std::string::npos) return parse(text, "");
     const char* const base_text = getenv("KELPD_URL");
+    const size_t at = text.rfind('@');  // what stands in front of it may be a password
+    const std::string shown = at == std::string::npos ? text : "***" + text.substr(at);
     if (!base_text || !*base_text)
         throw tool_usage(
             fmt::format("{}; write kelp://host:port/database/schema/entity, or set KELPD_URL to "
                         "kelp://host:port and leave that part out",
-                        text.empty() ? "a URL is missing" : tool_quote(text) + " names no server"));
+                        text.empty() ? "a URL is missing" : tool_quote(shown) + " names no server"));
     kelp_url_t base = parse(base_text, "KELPD_URL: ");
     if (text.empty()) return base;
     if (text[0] == '/') base.database = base.schema = base.entity = base.partition = "";
@@ -74,11 +91,14 @@ std::string remote_name(const kelp_url_t& url) {
     return out.empty() ? kelp_url_format(url, true) : out;
 }
 
-void remote_add_timeout(CLI::App* sub, int* timeout) {
+void remote_add_options(CLI::App* sub, remote_opts_t* remote) {
     sub->add_option(
-           "--timeout", *timeout,
-           fmt::format("Give up after this many seconds of silence; 0 never (default: {})", *timeout))
+           "--timeout", remote->timeout,
+           fmt::format("Give up after this many seconds of silence; 0 never (default: {})", remote->timeout))
         ->check(CLI::Range(0, 2000000));
+    sub->add_option("--cacert", remote->cacert,
+                    "For https: a file with the certificates to trust (default: KELPD_CACERT, else the "
+                    "system's)");
 }
 
 void remote_usage(CLI::App* sub, const char* args) {
@@ -87,9 +107,12 @@ void remote_usage(CLI::App* sub, const char* args) {
     sub->formatter(usage);
 }
 
-kelp_opt_t remote_opt(int timeout) {
+kelp_opt_t remote_opt(const remote_opts_t& remote) {
     kelp_opt_t opt;
-    opt.idle_timeout_ms = timeout * 1000;
+    opt.idle_timeout_ms = remote.timeout * 1000;
+    opt.ca_file = remote.cacert;
+    const char* const cacert = getenv("KELPD_CACERT");
+    if (opt.ca_file.empty() && cacert) opt.ca_file = cacert;
     opt.cancel = tool_stop_flag();
     return opt;
 }
@@ -119,12 +142,14 @@ remote_target_t::~remote_target_t() {
 }
 
 void remote_target_open(remote_target_t* target, const std::string& path) {
+    struct stat st;
     target->path = path;
     if (char* const real = realpath(path.c_str(), nullptr)) {
         target->path = real;
         free(real);
+    } else if (stat(path.c_str(), &st) != 0) {
+        target->path = follow_links(path);
     }
-    struct stat st;
     const bool exists = stat(target->path.c_str(), &st) == 0;
     if (exists && S_ISDIR(st.st_mode)) throw tool_error(path + ": is a directory");
     if (exists && !S_ISREG(st.st_mode)) {
@@ -132,13 +157,7 @@ void remote_target_open(remote_target_t* target, const std::string& path) {
         if (target->fd < 0) throw tool_error(path + ": " + tool_strerror(errno));
         return;
     }
-    const std::string temp = fmt::format("{}.{}.tmp", target->path, getpid());
-    const auto create = [&temp] { return open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666); };
-    target->fd = create();
-    if (target->fd < 0 && errno == EEXIST && unlink(temp.c_str()) == 0)
-        target->fd = create();  // a dead one's
-    if (target->fd < 0) throw tool_error(path + ": " + tool_strerror(errno));
-    target->temp = temp;
+    target->temp = tool_temp_create(target->path, &target->fd);
     if (exists) (void)fchmod(target->fd, st.st_mode & 07777);  // where that is not allowed, the umask rules
 }
 

@@ -20,14 +20,21 @@ kelp_url_t remote_url(const std::string& text, int least, int most, const char* 
 // The name of a place: "database/schema/entity", or its server.
 std::string remote_name(const kelp_url_t& url);
 
-// Adds --timeout, in seconds, to a command.
-void remote_add_timeout(CLI::App* sub, int* timeout);
+// What every command can be told about its requests.
+struct remote_opts_t {
+    int timeout = 60;  // seconds of silence
+    std::string
+        cacert;  // certificates to trust in place of the system's; empty: those that KELPD_CACERT names
+};
+
+// Adds --timeout and --cacert to a command.
+void remote_add_options(CLI::App* sub, remote_opts_t* remote);
 
 // Shows `args` as the arguments of a command in its help, where one list stands for several.
 void remote_usage(CLI::App* sub, const char* args);
 
-// What holds for the requests of a command: its time-out, and an end on SIGINT and SIGTERM.
-kelp_opt_t remote_opt(int timeout);
+// What holds for the requests of a command: its options, and an end when a signal asks for it.
+kelp_opt_t remote_opt(const remote_opts_t& remote);
 
 // Reports what a request about `url` failed with: what is wrong, what the server said, what to try. Throws
 // tool_error, or tool_interrupted when a signal was the reason.
@@ -51,7 +58,8 @@ struct remote_target_t {
     ~remote_target_t();
 };
 
-// Opens it. A symbolic link stays one, and the mode of a file that is replaced is kept. Throws tool_error.
+// Opens it. A symbolic link stays one, also when what it leads to is still to be made, and the mode of a file
+// that is replaced is kept. Throws tool_error.
 void remote_target_open(remote_target_t* target, const std::string& path);
 
 // Closes and renames. Throws tool_error.

@@ -1,7 +1,7 @@
 // cvn ls, put, rm and meta: what a server has, and changes to it.
 #include <errno.h>
 #include <fmt/format.h>
-#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,7 +20,7 @@ namespace {
 struct ls_opts_t {
     std::string url;
     std::string format;
-    int timeout = 60;
+    remote_opts_t remote;
 };
 
 // Rows of texts and numbers on the standard output. The texts are borrowed until the end.
@@ -46,7 +46,7 @@ void listing_row(listing_t* listing) {
 void ls_names(const ls_opts_t& opts, const kelp_url_t& url) {
     kelp_error_t err;
     std::vector<std::string> name;
-    remote_check(kelp_list(&name, url, remote_opt(opts.timeout), &err), url, err);
+    remote_check(kelp_list(&name, url, remote_opt(opts.remote), &err), url, err);
     std::sort(name.begin(), name.end());
     listing_t listing;
     if (opts.format.empty()) {
@@ -67,7 +67,7 @@ void ls_names(const ls_opts_t& opts, const kelp_url_t& url) {
 void ls_files(const ls_opts_t& opts, const kelp_url_t& url) {
     kelp_error_t err;
     std::vector<kelp_file_t> file;
-    remote_check(kelp_list_files(&file, url, remote_opt(opts.timeout), &err), url, err);
+    remote_check(kelp_list_files(&file, url, remote_opt(opts.remote), &err), url, err);
     std::sort(file.begin(), file.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     listing_t listing;
     listing_begin(&listing, opts.format,
@@ -89,7 +89,7 @@ void ls_columns(const ls_opts_t& opts, const kelp_url_t& url) {
     kelp_error_t err;
     std::vector<kelp_column_t> column;
     int32_t chksum;
-    remote_check(kelp_list_columns(&column, &chksum, url, remote_opt(opts.timeout), &err), url, err);
+    remote_check(kelp_list_columns(&column, &chksum, url, remote_opt(opts.remote), &err), url, err);
     listing_t listing;
     listing_begin(&listing, opts.format, {"column", "type"}, {CVN_TYP_CSTR, CVN_TYP_CSTR});
     for (const kelp_column_t& c : column) {
@@ -112,7 +112,7 @@ int ls_run(const ls_opts_t& opts) {
 
 struct put_opts_t {
     std::vector<std::string> arg;  // the files, then the URL
-    int timeout = 60;
+    remote_opts_t remote;
 };
 
 // One file on its way.
@@ -144,17 +144,17 @@ void put_check(upload_t* up) {
                         path, tool_quote(up->url.partition)));
     tool_out_t faults;
     faults.fd = 2;  // for more than fits into the buffer
+    faults.optional = true;
     const int64_t nfault = verify_file(path, &faults, &up->nrow);
     if (nfault == 0) return;
     const std::string first = faults.buf.substr(0, faults.buf.find('\n'));
-    throw tool_error(fmt::format(
-        "{}; it is damaged ({} fault{}) and nothing was uploaded; 'cvn verify {}' "
-        "tells all",
-        first.empty() ? path + ": verification failed" : first, nfault, nfault == 1 ? "" : "s", path));
+    throw tool_error(fmt::format("{}; it is damaged ({}) and nothing was uploaded; 'cvn verify {}' tells all",
+                                 first.empty() ? path + ": verification failed" : first,
+                                 tool_counted(nfault, "fault", "faults"), path));
 }
 
-// Refuses a server that is no kelpd: any web server may answer an upload with success.
-void put_check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
+// Refuses a server that is no kelpd: any web server may answer a change with success.
+void check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
     kelp_url_t root = url;
     root.database = root.schema = root.entity = root.partition = "";
     std::vector<std::string> name;
@@ -169,18 +169,37 @@ bool put_progress(void* arg, int64_t done, int64_t) {
     return true;
 }
 
+bool is_file(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// Whether the last argument is one more file, for the table in KELPD_URL. Of several it is one only when that
+// names a table: below a server it would be a place.
+bool put_to_default(const put_opts_t& opts) {
+    if (!is_file(opts.arg.back())) return false;
+    if (opts.arg.size() == 1) return true;
+    const char* const base = getenv("KELPD_URL");
+    return base && *base && kelp_url_depth(remote_url("")) == 3;
+}
+
 int put_run(const put_opts_t& opts) {
-    if (opts.arg.size() < 2) throw tool_usage("put takes files and, last, the URL of a table");
-    const std::string& place = opts.arg.back();
+    std::vector<std::string> files = opts.arg;
+    std::string place;
+    if (!put_to_default(opts)) {
+        place = files.back();
+        files.pop_back();
+        if (files.empty()) throw tool_usage("put takes files and, last, the URL of a table");
+    }
     const kelp_url_t url = remote_url(place, 3, 4, "a table, or a file of one, to put files into");
     const bool named = kelp_url_depth(url) == 4;
-    if (named && opts.arg.size() > 2)
+    if (named && files.size() > 1)
         throw tool_usage(fmt::format("{} names one file, but {} are to be put there; name the table",
-                                     remote_name(url), opts.arg.size() - 1));
+                                     remote_name(url), files.size()));
     std::vector<upload_t> ups;
     std::set<std::string> names;
-    for (size_t i = 0; i + 1 < opts.arg.size(); ++i) {
-        upload_t up = {opts.arg[i], url};
+    for (const std::string& path : files) {
+        upload_t up = {path, url};
         if (!named) up.url.partition = up.path.substr(up.path.rfind('/') + 1);
         if (up.url.partition.empty() || up.url.partition[0] == '.')
             throw tool_error(up.path +
@@ -191,18 +210,21 @@ int put_run(const put_opts_t& opts) {
         ups.push_back(std::move(up));
     }
     for (upload_t& up : ups) put_check(&up);
-    put_check_server(url, remote_opt(opts.timeout));
+    check_server(url, remote_opt(opts.remote));
     tool_out_t out;
+    out.optional = true;  // all files are to be put, whoever reads on
     for (const upload_t& up : ups) {
         progress_t progress;
         progress_begin(&progress, up.nbyte, nullptr);
         kelp_error_t err;
         const int code =
-            kelp_upload(up.url, up.path.c_str(), put_progress, &progress, remote_opt(opts.timeout), &err);
+            kelp_upload(up.url, up.path.c_str(), put_progress, &progress, remote_opt(opts.remote), &err);
         progress_end(&progress);
-        if (code == KELP_EFILE) throw tool_error(err.text);
+        const std::string text = err.text;
+        if (code == KELP_EFILE)
+            throw tool_error(text.find(up.path) == text.npos ? up.path + ": " + text : text);
         remote_check(code, up.url, err);
-        out.buf += fmt::format("{}: {} rows, {} put to {}\n", up.path, tool_count(up.nrow),
+        out.buf += fmt::format("{}: {}, {} put to {}\n", up.path, tool_counted(up.nrow, "row", "rows"),
                                tool_bytes(double(up.nbyte)), kelp_url_format(up.url, true));
         tool_out_flush(&out);
     }
@@ -212,11 +234,18 @@ int put_run(const put_opts_t& opts) {
 struct rm_opts_t {
     std::string url;
     bool yes = false;
-    int timeout = 60;
+    remote_opts_t remote;
 };
 
-std::string counted(size_t n, const char* one, const char* many) {
-    return fmt::format("{} {}", tool_count(int64_t(n)), n == 1 ? one : many);
+// Lets pass what can be removed although it cannot be described: a kelpd does not escape the names that it
+// lists, so that a name with a quote in it spoils the reply.
+void rm_check(int code, const kelp_url_t& url, const kelp_opt_t& opt, const kelp_error_t& err) {
+    if (code != KELP_EPROTO) return remote_check(code, url, err);
+    std::vector<std::string> name;
+    kelp_url_t root = url;
+    root.database = root.schema = root.entity = root.partition = "";
+    kelp_error_t other;
+    if (kelp_list(&name, root, opt, &other) != 0) remote_fail(url, err);
 }
 
 // What would be removed. Fails when there is nothing of that name, which the server itself would not tell.
@@ -229,33 +258,42 @@ std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
         int32_t chksum;
         // Any file can be removed, also one that the server cannot read.
         const int code = kelp_list_columns(&column, &chksum, url, opt, &err);
-        if (code != KELP_EREFUSED || err.http_status != 500) remote_check(code, url, err);
+        if (code != KELP_EREFUSED || err.http_status != 500) rm_check(code, url, opt, err);
         return "the file " + name;
     }
     if (depth == 3) {
         std::vector<kelp_file_t> file;
-        remote_check(kelp_list_files(&file, url, opt, &err), url, err);
+        const int code = kelp_list_files(&file, url, opt, &err);
+        rm_check(code, url, opt, err);
         int64_t nrow = 0;
-        for (const kelp_file_t& f : file) nrow += f.nrow;
-        return fmt::format("the table {} with {} and {} rows", name, counted(file.size(), "file", "files"),
-                           tool_count(nrow));
+        for (const kelp_file_t& f : file) nrow = tool_add(nrow, f.nrow);
+        if (code != 0) return "the table " + name;
+        return fmt::format("the table {} with {} and {}", name,
+                           tool_counted(int64_t(file.size()), "file", "files"),
+                           tool_counted(nrow, "row", "rows"));
     }
     std::vector<std::string> below;
-    remote_check(kelp_list(&below, url, opt, &err), url, err);
-    return depth == 2
-               ? fmt::format("the schema {} with {}", name, counted(below.size(), "table", "tables"))
-               : fmt::format("the database {} with {}", name, counted(below.size(), "schema", "schemas"));
+    const int code = kelp_list(&below, url, opt, &err);
+    rm_check(code, url, opt, err);
+    const auto n = int64_t(below.size());
+    const std::string what = (depth == 2 ? "the schema " : "the database ") + name;
+    if (code != 0) return what;
+    return what + " with " +
+           (depth == 2 ? tool_counted(n, "table", "tables") : tool_counted(n, "schema", "schemas"));
 }
 
+// What cannot be shown on the terminal is answered with "no".
+bool show(const std::string& text) { return write(2, text.data(), text.size()) == ssize_t(text.size()); }
+
 bool ask(const std::string& question) {
-    fmt::print(stderr, "{} [y/N] ", question);
+    if (!show(question + " [y/N] ")) return false;
     std::string line;
     for (char ch = 0; ch != '\n';) {
         const ssize_t n = read(0, &ch, 1);
         tool_check_signals();
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            fmt::print(stderr, "\n");
+            (void)show("\n");
             return false;
         }
         if (ch != '\n' && line.size() < 8) line += ch;
@@ -267,12 +305,13 @@ int rm_run(const rm_opts_t& opts) {
     const kelp_url_t url = remote_url(opts.url, 1, 4, "anything that can be removed");
     if (!opts.yes && (isatty(0) != 1 || isatty(2) != 1))
         throw tool_usage("there is no terminal to ask on; --yes removes without asking");
-    const kelp_opt_t opt = remote_opt(opts.timeout);
+    const kelp_opt_t opt = remote_opt(opts.remote);
     const std::string what = rm_what(url, opt);
     if (!opts.yes && !ask("remove " + what + "?")) throw tool_error("nothing was removed");
     kelp_error_t err;
     remote_check(kelp_remove(url, opt, &err), url, err);
     tool_out_t out;
+    out.optional = true;
     out.buf = "removed " + what + "\n";
     tool_out_flush(&out);
     return 0;
@@ -280,14 +319,14 @@ int rm_run(const rm_opts_t& opts) {
 
 struct meta_opts_t {
     std::string url;
-    int timeout = 60;
+    remote_opts_t remote;
 };
 
 int meta_run(const meta_opts_t& opts) {
     const kelp_url_t url = remote_url(opts.url, 3, 3, "a table");
     kelp_error_t err;
     kelp_meta_t meta;
-    remote_check(kelp_meta(&meta, url, remote_opt(opts.timeout), &err), url, err);
+    remote_check(kelp_meta(&meta, url, remote_opt(opts.remote), &err), url, err);
     tool_out_t out;
     out.buf = fmt::format("rows        {}\nrow groups  {}\n", meta.nrow, meta.nrowgroup);
     tool_out_flush(&out);
@@ -313,7 +352,7 @@ void ls_register(CLI::App* app, int* ret) {
     sub->add_option("URL", opts->url, "The place to list (default: KELPD_URL)");
     sub->add_option("--format", opts->format, "csv, jsonl or table")
         ->check(CLI::IsMember({"csv", "jsonl", "table"}));
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = ls_run(*opts); });
 }
 
@@ -327,14 +366,17 @@ void put_register(CLI::App* app, int* ret) {
         "damaged. A file replaces the\n"
         "table's file of the same name; the server keeps that one when the upload fails. "
         "A table that does not exist\n"
-        "is made. All files of a table should have the same columns.\n"
+        "is made. All files of a table should have the same columns. Without a URL they go into the table "
+        "that KELPD_URL names.\n"
         "\n"
         "Examples:\n"
         "  cvn put orders.*.cvn kelp://localhost:7070/shop/public/orders\n"
         "  cvn put new.cvn kelp://localhost:7070/shop/public/orders/2024-01.cvn");
-    remote_usage(sub, "FILE... URL");
-    sub->add_option("FILE", opts->arg, "The data files, then the table (or one file of it)")->required();
-    remote_add_timeout(sub, &opts->timeout);
+    remote_usage(sub, "FILE... [URL]");
+    sub->add_option("FILE", opts->arg,
+                    "The data files, then the table, or one file of it (default: KELPD_URL)")
+        ->required();
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = put_run(*opts); });
 }
 
@@ -352,7 +394,7 @@ void rm_register(CLI::App* app, int* ret) {
                             "  cvn rm --yes kelp://localhost:7070/shop/scratch");
     sub->add_option("URL", opts->url, "What to remove")->required();
     sub->add_flag("--yes,-y", opts->yes, "Do not ask");
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = rm_run(*opts); });
 }
 
@@ -367,7 +409,7 @@ void meta_register(CLI::App* app, int* ret) {
                             "Example:\n"
                             "  cvn meta kelp://localhost:7070/shop/public/orders");
     sub->add_option("URL", opts->url, "The table (default: KELPD_URL)");
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = meta_run(*opts); });
 }
 

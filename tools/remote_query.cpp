@@ -24,14 +24,15 @@ namespace {
 struct query_opts_t {
     std::vector<std::string> arg;  // get, sample: an optional URL, then the file or the number
     std::string url;
-    std::vector<std::string> columns;
+    std::vector<std::string> columns;  // as texts: lists of names
     std::vector<std::string> where;
     int jobs = 2;
     int64_t limit = -1;
     std::string format = "csv";
     std::string out;
     bool stats = false;
-    int timeout = 60;
+    bool no_nan = false;
+    remote_opts_t remote;
 };
 
 // An open scan that ends with its owner.
@@ -77,12 +78,18 @@ std::string column_list(const std::vector<kelp_column_t>& column) {
     return out;
 }
 
-// Reads the conditions as the columns of the table want them.
+// Reads the conditions as the columns of the table want them. A table without files has none, which fails
+// unless `ret_empty` is there to be told.
 std::vector<kelp_cond_t> bind_conditions(const std::vector<where_term_t>& term, const kelp_url_t& url,
-                                         const kelp_opt_t& opt) {
+                                         const kelp_opt_t& opt, bool* ret_empty) {
     kelp_error_t err;
     std::vector<kelp_column_t> column;
-    remote_check(kelp_table_columns(&column, url, opt, &err), url, err);
+    const int code = kelp_table_columns(&column, url, opt, &err);
+    if (code == KELP_EEMPTY && ret_empty) {
+        *ret_empty = true;
+        return {};
+    }
+    remote_check(code, url, err);
     for (const where_term_t& t : term)
         if (std::none_of(column.begin(), column.end(), [&](const auto& c) { return c.name == t.name; }))
             throw tool_error(fmt::format("{}: there is no column {}; the table has {}", remote_name(url),
@@ -99,15 +106,17 @@ std::vector<kelp_cond_t> bind_conditions(const std::vector<where_term_t>& term, 
     return out;
 }
 
-// The query that the options describe. Mistakes in conditions are found before anything is asked.
-kelp_query_t make_query(const query_opts_t& opts, const kelp_opt_t& opt) {
+// The query that the options describe. Mistakes in conditions are found before anything is asked. `ret_empty`
+// as above.
+kelp_query_t make_query(const query_opts_t& opts, const kelp_opt_t& opt, bool* ret_empty) {
     std::vector<where_term_t> term;
     for (const std::string& text : opts.where) where_parse(&term, text);
     kelp_query_t query;
+    for (const std::string& text : opts.columns) where_parse_names(&query.column, text);
     query.url = remote_url(opts.url, 3, 3, "a table");
-    query.column = opts.columns;
     query.njob = opts.jobs;
-    if (!term.empty()) query.cond = bind_conditions(term, query.url, opt);
+    query.no_nan = opts.no_nan;
+    if (!term.empty()) query.cond = bind_conditions(term, query.url, opt, ret_empty);
     return query;
 }
 
@@ -146,6 +155,10 @@ bool scan_next(scan_t* scan, batch_t* batch) {
 
 // Fills `*ret` with the value of a row. It borrows the batch.
 inline void vec_datum(const kelp_vec_t& vec, int64_t row, cvn_datum_t* ret) {
+    if ((vec.typ & 0xffff) == CVN_TYP_BOOL) {
+        ret->b = vec.value[row] != 0;  // the byte may be any, a bool may not
+        return;
+    }
     if (vec.width > 0) {
         memcpy(ret, vec.value + row * vec.width, size_t(vec.width));
         return;
@@ -185,23 +198,43 @@ void scan_rows(scan_t* scan, int64_t limit, F take) {
     progress_end(&scan->progress);
 }
 
-std::string count_of(int64_t n, const char* one, const char* many) {
-    return fmt::format("{} {}", tool_count(n), n == 1 ? one : many);
+// What was not read of a total. Both come from the server and need not fit together.
+std::string skipped(int64_t total, int64_t n) {
+    int64_t left;
+    return tool_count(__builtin_sub_overflow(total, n, &left) ? 0 : std::max<int64_t>(left, 0));
+}
+
+void print_stats(const kelp_scan_stat_t& s) {
+    tool_say(fmt::format("{}, {}: {} read, {} skipped", tool_counted(s.total_nfile, "file", "files"),
+                         tool_counted(s.total_nrowgroup, "row group", "row groups"), tool_count(s.nrowgroup),
+                         skipped(s.total_nrowgroup, s.nrowgroup)));
+    tool_say(fmt::format("{} of {} read, {} selected", tool_count(s.nrow),
+                         tool_counted(s.total_nrow, "row", "rows"), tool_count(s.nrow_out)));
+    tool_say(fmt::format("{} of {} stored bytes received, {} skipped; {} decompressed", tool_count(s.zbyte),
+                         tool_count(s.total_zbyte), skipped(s.total_zbyte, s.zbyte), tool_count(s.nbyte)));
 }
 
 void print_stats(const scan_t& scan) {
-    kelp_scan_stat_t s;
-    kelp_scan_stat(scan.scan, &s);
-    fmt::print(stderr,
-               "cvn: {}, {}: {} read, {} skipped\n"
-               "cvn: {} of {} read, {} selected\n"
-               "cvn: {} of {} stored bytes received, {} skipped; {} decompressed\n",
-               count_of(s.total_nfile, "file", "files"),
-               count_of(s.total_nrowgroup, "row group", "row groups"), tool_count(s.nrowgroup),
-               tool_count(std::max<int64_t>(s.total_nrowgroup - s.nrowgroup, 0)), tool_count(s.nrow),
-               count_of(s.total_nrow, "row", "rows"), tool_count(s.nrow_out), tool_count(s.zbyte),
-               tool_count(s.total_zbyte), tool_count(std::max<int64_t>(s.total_zbyte - s.zbyte, 0)),
-               tool_count(s.nbyte));
+    kelp_scan_stat_t stat;
+    kelp_scan_stat(scan.scan, &stat);
+    print_stats(stat);
+}
+
+// Of a count that the server made from what its files say.
+void print_count_stats(const kelp_url_t& url, const kelp_opt_t& opt, int64_t nrow) {
+    kelp_error_t err;
+    std::vector<kelp_file_t> file;
+    remote_check(kelp_list_files(&file, url, opt, &err), url, err);
+    kelp_scan_stat_t stat = {};
+    for (const kelp_file_t& f : file) {
+        if (!f.name.ends_with(".cvn")) continue;  // set aside
+        ++stat.total_nfile;
+        stat.total_nrow = tool_add(stat.total_nrow, f.nrow);
+        stat.total_nrowgroup = tool_add(stat.total_nrowgroup, f.nrowgroup);
+        stat.total_zbyte = tool_add(stat.total_zbyte, f.zbyte);
+    }
+    stat.nrow_out = nrow;
+    print_stats(stat);
 }
 
 // Prints the rows of a scan, on the standard output or into a file.
@@ -231,8 +264,8 @@ void print_rows(scan_t* scan, const query_opts_t& opts) {
 }
 
 int query_run(const query_opts_t& opts) {
-    const kelp_opt_t opt = remote_opt(opts.timeout);
-    const kelp_query_t query = make_query(opts, opt);
+    const kelp_opt_t opt = remote_opt(opts.remote);
+    const kelp_query_t query = make_query(opts, opt, nullptr);
     scan_t scan;
     scan_begin(&scan, query, opt);
     print_rows(&scan, opts);
@@ -241,19 +274,21 @@ int query_run(const query_opts_t& opts) {
 }
 
 int count_run(const query_opts_t& opts) {
-    const kelp_opt_t opt = remote_opt(opts.timeout);
-    kelp_query_t query = make_query(opts, opt);
+    const kelp_opt_t opt = remote_opt(opts.remote);
+    bool empty = false;
+    kelp_query_t query = make_query(opts, opt, &empty);
     int64_t nrow = 0;
-    if (query.cond.empty()) {
+    if (query.cond.empty() || empty) {
         kelp_error_t err;
-        remote_check(kelp_count(&nrow, query, opt, &err), query.url, err);
+        if (!empty) remote_check(kelp_count(&nrow, query, opt, &err), query.url, err);
+        if (opts.stats) print_count_stats(query.url, opt, nrow);
     } else {
         query.rows_only = true;
         scan_t scan;
         scan_begin(&scan, query, opt);
         scan_show_progress(&scan, -1);
         batch_t batch;
-        while (scan_next(&scan, &batch)) nrow += batch.batch->nrow;
+        while (scan_next(&scan, &batch)) nrow = tool_add(nrow, batch.batch->nrow);
         progress_end(&scan.progress);
         if (opts.stats) print_stats(scan);
     }
@@ -289,8 +324,8 @@ int get_run(query_opts_t opts) {
     if (path.empty() || path == "-" || path.ends_with('/') || path.find("://") != std::string::npos)
         throw tool_usage("OUT.cvn must be the name of a file");
     tool_check_target(path, "cvn get URL OUT.cvn");
-    const kelp_opt_t opt = remote_opt(opts.timeout);
-    const kelp_query_t query = make_query(opts, opt);
+    const kelp_opt_t opt = remote_opt(opts.remote);
+    const kelp_query_t query = make_query(opts, opt, nullptr);
     scan_t scan;
     scan_begin(&scan, query, opt);
     remote_target_t target;
@@ -314,11 +349,9 @@ int get_run(query_opts_t opts) {
         }
     }
     scan_show_progress(&scan, -1);
-    int64_t nrow = 0;
     scan_rows(&scan, opts.limit, [&](const cvn_datum_t* datum, const bool* isnull) {
         const int failed = cvn_append(w.writer, int(column.size()), datum, isnull);
         if (failed != 0) throw tool_error(tool_code_text(failed, w.writer->os_errno, path));
-        ++nrow;
     });
     cvn_t* const writer = w.writer;
     w.writer = nullptr;
@@ -340,7 +373,7 @@ int sample_run(query_opts_t opts) {
     scan_t scan;
     scan.url = remote_url(opts.url, 3, 3, "a table");
     kelp_error_t err;
-    remote_check(kelp_sample_open(&scan.scan, scan.url, nrow, remote_opt(opts.timeout), &err), scan.url, err);
+    remote_check(kelp_sample_open(&scan.scan, scan.url, nrow, remote_opt(opts.remote), &err), scan.url, err);
     print_rows(&scan, opts);
     return 0;
 }
@@ -350,14 +383,15 @@ void add_where(CLI::App* sub, query_opts_t* opts) {
         ->allow_extra_args(false);
     sub->add_option("--jobs", opts->jobs, "Connections to read over, 1 to 64 (default: 2)")
         ->check(CLI::Range(1, 64));
+    sub->add_flag("--no-nan", opts->no_nan,
+                  "The columns of the conditions hold no NaN: more is skipped (and rows, where one does)");
     sub->add_flag("--stats", opts->stats, "Tell on the standard error what was read and what was skipped");
 }
 
 void add_columns(CLI::App* sub, query_opts_t* opts) {
-    sub->add_option("--columns", opts->columns, "The columns, in this order: a,b,c (default: all)")
-        ->delimiter(',')
+    sub->add_option("--columns", opts->columns, "The columns, in this order: a,b,\"c d\" (default: all)")
         ->allow_extra_args(false);
-    sub->add_option("--limit", opts->limit, "Stop after this many rows")->check(CLI::NonNegativeNumber);
+    sub->add_option("--limit", opts->limit, "Stop after this many rows")->check(whole_number(0));
 }
 
 void add_output(CLI::App* sub, query_opts_t* opts) {
@@ -382,7 +416,7 @@ void count_register(CLI::App* app, int* ret) {
                             "  cvn count kelp://localhost:7070/shop/public/orders --where 'qty > 10'");
     sub->add_option("URL", opts->url, "The table (default: KELPD_URL)");
     add_where(sub, opts.get());
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = count_run(*opts); });
 }
 
@@ -411,7 +445,7 @@ void query_register(CLI::App* app, int* ret) {
     add_columns(sub, opts.get());
     add_where(sub, opts.get());
     add_output(sub, opts.get());
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = query_run(*opts); });
 }
 
@@ -431,13 +465,13 @@ void get_register(CLI::App* app, int* ret) {
         ->required();
     add_columns(sub, opts.get());
     add_where(sub, opts.get());
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = get_run(*opts); });
 }
 
 void sample_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<query_opts_t>();
-    opts->timeout = 600;  // the server reads the table before it answers
+    opts->remote.timeout = 600;  // the server reads the table before it answers
     CLI::App* const sub =
         app->add_subcommand("sample",
                             "Print rows of a table that its server picks at random.\n"
@@ -449,7 +483,7 @@ void sample_register(CLI::App* app, int* ret) {
     remote_usage(sub, "[URL] N");
     sub->add_option("URL", opts->arg, "The table (default: KELPD_URL), then the number of rows")->required();
     add_output(sub, opts.get());
-    remote_add_timeout(sub, &opts->timeout);
+    remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = sample_run(*opts); });
 }
 

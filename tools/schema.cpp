@@ -135,12 +135,16 @@ std::string schema_name(const cvn_coldef_t& coldef) {
     return {coldef.name, strnlen(coldef.name, CVN_NAME_SZ)};
 }
 
+const char* schema_name_fault(std::string_view name) {
+    static_assert(CVN_NAME_SZ == 128);  // the number below
+    if (name.empty()) return "is empty";
+    if (name.size() >= CVN_NAME_SZ) return "is longer than 127 bytes";
+    return name.find('\0') == name.npos ? nullptr : "holds a NUL byte";
+}
+
 cvn_coldef_t schema_column(std::string_view name, cvn_typ_t typ, bool zflag) {
-    if (name.empty())
-        throw tool_error("a column has no name; give one in the header row, or use --no-header");
-    if (name.size() >= CVN_NAME_SZ)
-        throw tool_error(
-            fmt::format("the column name {} is longer than {} bytes", tool_quote(name), CVN_NAME_SZ - 1));
+    if (const char* const why = schema_name_fault(name))
+        throw tool_error(fmt::format("the column name {} {}", tool_quote(name), why));
     cvn_coldef_t coldef = {};
     memcpy(coldef.name, name.data(), name.size());
     coldef.typ = typ;

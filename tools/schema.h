@@ -20,7 +20,11 @@ std::vector<cvn_coldef_t> schema_parse(const std::string& text);
 // quote at its beginning, for example) is written in quotes all the same, and `*ret_exact` set to false.
 std::string schema_text(const std::vector<cvn_coldef_t>& coldef, bool* ret_exact);
 
-// Returns a definition. Throws tool_error for a name that is empty or longer than 127 bytes.
+// Tells what makes a text unfit for a column's name, null when nothing does: it is empty, longer than 127
+// bytes, or holds a NUL.
+const char* schema_name_fault(std::string_view name);
+
+// Returns a definition. Throws tool_error for an unfit name.
 cvn_coldef_t schema_column(std::string_view name, cvn_typ_t typ, bool zflag = false);
 
 // Returns a column's name, also of a damaged file where it lacks its NUL.

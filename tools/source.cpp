@@ -15,6 +15,7 @@ source_t source_find(const std::string& path) {
     source_t source;
     struct stat st;
     if (stat(path.c_str(), &st) != 0) throw tool_error(path + ": " + tool_strerror(errno));
+    tool_check_source(path);
     if (!S_ISDIR(st.st_mode) || stat((path + "/meta.cvnx").c_str(), &st) == 0) {
         source.path.push_back(path);
         return source;
@@ -37,14 +38,25 @@ source_t source_find(const std::string& path) {
 }
 
 source_scan_t::source_scan_t(const std::string& path) {
+    // The library would wait for the other end of a pipe.
+    tool_check_source(path);
+    tool_check_source(path + "/meta.cvnx");
     errno = 0;
     const int code = cvn_scan_open(&scan, path.c_str());
     if (code != 0) {
         scan = nullptr;
         throw tool_error(tool_code_text(code, errno, path));
     }
+    try {
+        if (scan->split_mode) tool_allow_files(scan->schema->ncol);
+        for (int c = 0; scan->split_mode && c < scan->schema->ncol; ++c)
+            tool_check_source(fmt::format("{}/{}.cvnx", path, c));
+    } catch (const tool_error&) {
+        (void)cvn_scan_close(scan);  // always 0
+        throw;
+    }
 }
 
 source_scan_t::~source_scan_t() {
-    if (scan) (void)cvn_scan_close(scan);  // it only reads, and always returns 0
+    if (scan) (void)cvn_scan_close(scan);  // always 0
 }

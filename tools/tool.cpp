@@ -6,8 +6,12 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <limits>
 
 #include "colvane/colvane.h"
 
@@ -23,6 +27,16 @@ void note_signal(int signal) {
 }
 
 }  // namespace
+
+void tool_say(const std::string& text) {
+    const std::string line = "cvn: " + text + "\n";
+    for (size_t done = 0; done < line.size();) {
+        const ssize_t n = write(2, line.data() + done, line.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        done += size_t(n);
+    }
+}
 
 std::string tool_quote(std::string_view text, size_t max) {
     std::string out = "'";
@@ -61,7 +75,7 @@ void tool_catch_signals() {
     struct sigaction act = {};
     act.sa_handler = note_signal;  // without SA_RESTART: a blocked read returns and the signal is seen
     sigemptyset(&act.sa_mask);
-    for (const int signal : {SIGINT, SIGTERM}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         struct sigaction old = {};
         sigaction(signal, nullptr, &old);
         if (old.sa_handler != SIG_IGN) sigaction(signal, &act, nullptr);
@@ -93,6 +107,30 @@ void tool_check_target(const std::string& path, const char* usage) {
             fmt::format("{}: exists and is not a colvane file; it is not replaced (usage: {})", path, usage));
 }
 
+void tool_check_source(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))
+        throw tool_error(path + ": is not a regular file");
+}
+
+void tool_allow_files(int64_t n) {
+    constexpr int64_t USUAL = 64;
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= rlim_t(n + USUAL)) return;
+    limit.rlim_cur = std::min(rlim_t(n + USUAL), limit.rlim_max);
+    (void)setrlimit(RLIMIT_NOFILE, &limit);  // opening them tells
+}
+
+std::string tool_temp_create(const std::string& path, int* ret_fd) {
+    constexpr int TRIES = 1000;  // names that others left behind are passed over
+    for (int i = 0;; ++i) {
+        const std::string temp = fmt::format("{}.{}.{}.tmp", path, getpid(), i);
+        *ret_fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (*ret_fd >= 0) return temp;
+        if (errno != EEXIST || i == TRIES) throw tool_error(path + ": " + tool_strerror(errno));
+    }
+}
+
 void tool_out_flush(tool_out_t* out) {
     size_t done = 0;
     while (done < out->buf.size()) {
@@ -104,6 +142,7 @@ void tool_out_flush(tool_out_t* out) {
             }
             const int err = errno;
             out->buf.clear();
+            if (err == EPIPE && out->optional) return;
             if (err == EPIPE) throw tool_pipe_closed();
             throw tool_error("writing the output: " + tool_strerror(err));
         }
@@ -130,4 +169,14 @@ std::string tool_count(int64_t n) {
         digits.insert(at, 1, ',');
     }
     return digits;
+}
+
+std::string tool_counted(int64_t n, const char* one, const char* many) {
+    return tool_count(n) + ' ' + (n == 1 ? one : many);
+}
+
+int64_t tool_add(int64_t a, int64_t b) {
+    int64_t sum;
+    if (!__builtin_add_overflow(a, b, &sum)) return sum;
+    return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }

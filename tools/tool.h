@@ -20,10 +20,11 @@ struct tool_usage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The reader of the standard output is gone (EPIPE): the command ends quietly.
+// The reader of the standard output is gone (EPIPE), and output is all that the command is for: it ends
+// quietly, with success.
 struct tool_pipe_closed {};
 
-// SIGINT or SIGTERM arrived: what is unfinished is removed, then the signal takes its course.
+// A signal that ends the program arrived: what is unfinished is removed, then the signal takes its course.
 struct tool_interrupted {
     int signal;
 };
@@ -38,7 +39,10 @@ std::string tool_strerror(int err);
 // is the errno that belongs to -3.
 std::string tool_code_text(int code, int err, const std::string& path);
 
-// Installs handlers that note SIGINT and SIGTERM, and ignores SIGPIPE.
+// Prints "cvn: " and the text as a line on the standard error. That nobody may read it is no failure.
+void tool_say(const std::string& text);
+
+// Installs handlers that note SIGINT, SIGTERM, SIGHUP and SIGQUIT, and ignores SIGPIPE.
 void tool_catch_signals();
 
 // Throws tool_interrupted when one of them arrived.
@@ -51,9 +55,23 @@ const std::atomic<bool>* tool_stop_flag();
 // hardly meant, since arguments are easily swapped. `usage` shows their order. Throws tool_error.
 void tool_check_target(const std::string& path, const char* usage);
 
+// Refuses what is neither a regular file nor a directory, since opening a pipe waits for its writer. What
+// does not exist passes: opening it tells. Throws tool_error.
+void tool_check_source(const std::string& path);
+
+// Raises the limit on open files, as far as that is allowed, so that `n` of them fit beside the usual ones: a
+// split has one for each column.
+void tool_allow_files(int64_t n);
+
+// Creates a file beside `path` under a name that nobody else uses, which is returned; the umask decides on
+// its mode. `*ret_fd` is its descriptor, open for writing. Throws tool_error.
+std::string tool_temp_create(const std::string& path, int* ret_fd);
+
 // Output through one buffer. Failures throw tool_pipe_closed (EPIPE) or tool_error.
 struct tool_out_t {
     int fd = 1;
+    bool optional =
+        false;  // the command is not there for its output: on EPIPE text is dropped and it goes on
     std::string buf;
 };
 
@@ -70,5 +88,11 @@ std::string tool_bytes(double n);
 
 // Returns a count with its thousands parted: "1,234,567".
 std::string tool_count(int64_t n);
+
+// Returns a count with what it counts: "1 row", "1,234 rows".
+std::string tool_counted(int64_t n, const char* one, const char* many);
+
+// Returns a + b, or the limit that the sum goes beyond: counts from outside may be anything.
+int64_t tool_add(int64_t a, int64_t b);
 
 #endif

@@ -65,19 +65,22 @@ std::string chunk_name(const verify_t& v, int64_t rg, int c) {
     return fmt::format("row group {}, column {}", rg, tool_quote(schema_name(v.coldef[size_t(c)])));
 }
 
-bool open_fd(fd_t* file, const std::string& path) {
-    file->fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+// Throws tool_error without the path. Opening a pipe waits for its writer, so it is not even tried.
+void open_fd(fd_t* file, const std::string& path) {
     struct stat st;
-    if (file->fd < 0 || fstat(file->fd, &st) != 0) return false;
-    if (S_ISDIR(st.st_mode)) {
-        errno = EISDIR;
-        return false;
-    }
+    if (stat(path.c_str(), &st) != 0) throw tool_error(tool_strerror(errno));
+    if (!S_ISREG(st.st_mode)) throw tool_error("is not a regular file");
+    file->fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file->fd < 0 || fstat(file->fd, &st) != 0) throw tool_error(tool_strerror(errno));
     file->size = st.st_size;
-    return true;
 }
 
-// Reads exactly `nb` bytes; the caller has compared them with the file's size.
+// Why read_at failed.
+std::string read_fault() {
+    return errno != 0 ? tool_strerror(errno) : "the file has become shorter meanwhile";
+}
+
+// Reads exactly `nb` bytes; the caller has compared them with the file's size. Sets errno, to 0 at the end.
 bool read_at(const fd_t& file, void* to, size_t nb, int64_t offset) {
     for (size_t done = 0; done < nb;) {
         const ssize_t n = pread(file.fd, static_cast<char*>(to) + done, nb - done, offset + int64_t(done));
@@ -85,6 +88,7 @@ bool read_at(const fd_t& file, void* to, size_t nb, int64_t offset) {
             tool_check_signals();
             continue;
         }
+        if (n == 0) errno = 0;
         if (n <= 0) return false;
         done += size_t(n);
     }
@@ -143,7 +147,7 @@ bool check_frame(verify_t* v) {
     }
     if (!read_at(v->data, head, sizeof(head), 0) ||
         !read_at(v->data, tail, sizeof(tail), size - CVN_TRAILER_SZ)) {
-        v->fault("cannot be read: " + tool_strerror(errno));
+        v->fault("cannot be read: " + read_fault());
         return false;
     }
     if (memcmp(head, CVN_HEAD_MAGIC, sizeof(head)) != 0) v->fault("the head magic is not " CVN_HEAD_MAGIC);
@@ -161,7 +165,7 @@ bool check_frame(verify_t* v) {
     v->footer_offset = size - CVN_TRAILER_SZ - footersz;
     v->footer.resize(size_t(footersz));
     if (!read_at(v->data, v->footer.data(), v->footer.size(), v->footer_offset)) {
-        v->fault("the footer cannot be read: " + tool_strerror(errno));
+        v->fault("the footer cannot be read: " + read_fault());
         return false;
     }
     if (!v->split && XXH32(v->footer.data(), v->footer.size(), 0) != v->footer_hash)
@@ -403,7 +407,7 @@ void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_
     v->nbyte += m.zbyte;
     uint32_t hash;
     if (!hash_at(file, m.file_offset, m.zbyte, &hash)) {
-        v->fault(fmt::format("{}: it cannot be read: {}", what, tool_strerror(errno)));
+        v->fault(fmt::format("{}: it cannot be read: {}", what, read_fault()));
         return;
     }
     if (hash != uint32_t(m.hash))
@@ -542,8 +546,11 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
     v.out = out;
     struct stat st;
     v.split = stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    if (!open_fd(&v.data, v.split ? path + "/meta.cvnx" : path))
-        throw tool_error(path + ": " + tool_strerror(errno));
+    try {
+        open_fd(&v.data, v.split ? path + "/meta.cvnx" : path);
+    } catch (const tool_error& error) {
+        throw tool_error(path + ": " + error.what());
+    }
     progress_t progress;
     if (check_frame(&v)) {
         check_columns(&v);
@@ -551,11 +558,14 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
         bool pages = true;
         if (v.split) {
             check_split_hash(&v);
+            tool_allow_files(2 * int64_t(v.schema.ncol));  // here and in the library
             v.split_file = std::vector<fd_t>(size_t(v.schema.ncol));
             for (int c = 0; c < v.schema.ncol; ++c) {
                 const std::string name = fmt::format("{}/{}.cvnx", path, c);
-                if (!open_fd(&v.split_file[size_t(c)], name)) {
-                    v.fault(fmt::format("{}.cvnx: {}", c, tool_strerror(errno)));
+                try {
+                    open_fd(&v.split_file[size_t(c)], name);
+                } catch (const tool_error& error) {
+                    v.fault(fmt::format("{}.cvnx: {}", c, error.what()));
                     pages = false;
                 }
                 total += v.split_file[size_t(c)].size;
@@ -581,10 +591,10 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
         out->buf += fmt::format("{}: and {} more faults\n", path, v.nfault - MAX_FAULTS);
     if (v.nfault == 0)
         out->buf +=
-            fmt::format("{}: good: {} rows, {} row group{}, {} columns, {} stored\n", path,
-                        tool_count(v.schema.nrow), tool_count(v.schema.nrowgroup),
-                        v.schema.nrowgroup == 1 ? "" : "s", v.schema.ncol, tool_bytes(double(v.nbyte)));
-    *ret_nrow += v.schema.nrow;
+            fmt::format("{}: good: {}, {}, {}, {} stored\n", path, tool_counted(v.schema.nrow, "row", "rows"),
+                        tool_counted(v.schema.nrowgroup, "row group", "row groups"),
+                        tool_counted(v.schema.ncol, "column", "columns"), tool_bytes(double(v.nbyte)));
+    *ret_nrow = tool_add(*ret_nrow, v.schema.nrow);
     return v.nfault;
 }
 
@@ -592,18 +602,30 @@ namespace {
 
 int verify_run(const std::string& path) {
     const source_t source = source_find(path);
+    const auto nfile = int64_t(source.path.size());
     tool_out_t out;
-    int64_t nbad = 0, nrow = 0;
+    out.optional = true;  // the status is what scripts ask for
+    int64_t nbad = 0, nunread = 0, nrow = 0;
     for (const std::string& file : source.path) {
-        nbad += verify_file(file, &out, &nrow) > 0;
+        try {
+            nbad += verify_file(file, &out, &nrow) > 0;
+        } catch (const tool_error& error) {
+            if (!source.many) throw;
+            out.buf += std::string(error.what()) + "\n";
+            ++nunread;
+        }
         tool_out_flush(&out);
     }
-    if (source.many)
-        out.buf += nbad > 0 ? fmt::format("{}: {} of {} files are damaged\n", path, nbad, source.path.size())
-                            : fmt::format("{}: {} files, all good, {} rows\n", path, source.path.size(),
-                                          tool_count(nrow));
+    const bool good = nbad == 0 && nunread == 0;
+    if (source.many && good)
+        out.buf += fmt::format("{}: {}, all good, {}\n", path, tool_counted(nfile, "file", "files"),
+                               tool_counted(nrow, "row", "rows"));
+    else if (source.many)
+        out.buf += fmt::format("{}: {} of {} are damaged{}\n", path, tool_count(nbad),
+                               tool_counted(nfile, "file", "files"),
+                               nunread > 0 ? fmt::format(", {} cannot be read", tool_count(nunread)) : "");
     tool_out_flush(&out);
-    return nbad > 0 ? 1 : 0;
+    return good ? 0 : 1;
 }
 
 }  // namespace

@@ -178,6 +178,34 @@ void where_parse(std::vector<where_term_t>* ret, const std::string& text) {
     }
 }
 
+void where_parse_names(std::vector<std::string>* ret, const std::string& text) {
+    const auto bad = [&text](const char* what) {
+        throw tool_usage(fmt::format("columns {}: {}; a list looks like: id,\"a name, with a comma\"",
+                                     tool_quote(text, 200), what));
+    };
+    for (size_t at = 0;; ++at) {
+        std::string name;
+        if (at < text.size() && text[at] == '"') {
+            for (++at;; ++at) {
+                if (at == text.size()) bad("a quote is not closed");
+                if (text[at] == '"') {
+                    if (at + 1 >= text.size() || text[at + 1] != '"') break;
+                    ++at;
+                }
+                name += text[at];
+            }
+            ++at;
+            if (at < text.size() && text[at] != ',') bad("text follows a closing quote");
+        } else {
+            const size_t end = std::min(text.find(',', at), text.size());
+            name = text.substr(at, end - at);
+            at = end;
+        }
+        ret->push_back(std::move(name));
+        if (at == text.size()) return;
+    }
+}
+
 std::vector<where_cond_t> where_bind(const std::vector<where_term_t>& terms, const cvn_coldef_t* coldef,
                                      int ncol) {
     std::vector<where_cond_t> out;

@@ -1,8 +1,10 @@
 // Conditions on rows: their text, their binding to columns, and the exact decision for one row.
 //
 //     condition := term { "and" term }
-//     term      := NAME operator CONSTANT | NAME "is" ["not"] "null" | NAME "in" "(" [CONSTANT {","
-//     CONSTANT}] ")" operator  := "=" "==" "!=" "<>" ">" ">=" "<" "<="
+//     term      := NAME operator CONSTANT
+//                | NAME "is" ["not"] "null"
+//                | NAME "in" "(" [CONSTANT {"," CONSTANT}] ")"
+//     operator  := one of = == != <> > >= < <=
 //
 // A NAME is a bare word or stands in double quotes (a quote inside as two); a CONSTANT is a bare word,
 // written as a CSV field of the column's type would be, or stands in single quotes (likewise). Words of the
@@ -33,6 +35,10 @@ struct where_cond_t {
 
 // Parses a condition; its terms are added to `ret`. Throws tool_usage with the place of the mistake.
 void where_parse(std::vector<where_term_t>* ret, const std::string& text);
+
+// Parses a list of column names, which are added to `ret`: parted by commas, each as it is or in double
+// quotes, with a quote inside as two. Throws tool_usage.
+void where_parse_names(std::vector<std::string>* ret, const std::string& text);
 
 // Finds the columns and reads the constants as their types. Throws tool_error.
 std::vector<where_cond_t> where_bind(const std::vector<where_term_t>& term, const cvn_coldef_t* coldef,

@@ -4,29 +4,29 @@ _cvn() {
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W "create info cat verify split ls put rm meta count query get sample
-            --help --version" -- "$cur")
+            -h --help --version" -- "$cur")
         return
     fi
     case $prev in
         --format) mapfile -t COMPREPLY < <(compgen -W "csv jsonl table" -- "$cur"); return ;;
         --delimiter) mapfile -t COMPREPLY < <(compgen -W "tab" -- "$cur"); return ;;
         --schema | --null | --rows | --sample | --columns | --where | --limit | --jobs | --timeout) return ;;
-        -o | --output) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
+        -o | --output | --cacert) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
     esac
-    options=--help
+    options="-h --help"
     case $command in
         create) options+=" --schema --no-header --delimiter --null --rows --sample"; files=all ;;
         info) options+=" --json --rowgroups"; files=cvn ;;
         cat) options+=" --columns --where --limit --format"; files=cvn ;;
         verify | split) files=cvn ;;
-        put) options+=" --timeout"; files=cvn ;;
-        ls) options+=" --format --timeout" ;;
-        rm) options+=" --yes --timeout" ;;
-        meta) options+=" --timeout" ;;
-        count) options+=" --where --jobs --stats --timeout" ;;
-        query) options+=" --columns --where --jobs --limit --format --stats --output --timeout" ;;
-        get) options+=" --columns --where --jobs --limit --stats --timeout"; files=cvn ;;
-        sample) options+=" --format --output --timeout" ;;
+        put) options+=" --timeout --cacert"; files=cvn ;;
+        ls) options+=" --format --timeout --cacert" ;;
+        rm) options+=" --yes --timeout --cacert" ;;
+        meta) options+=" --timeout --cacert" ;;
+        count) options+=" --where --jobs --no-nan --stats --timeout --cacert" ;;
+        query) options+=" --columns --where --jobs --no-nan --limit --format --stats --output --timeout --cacert" ;;
+        get) options+=" --columns --where --jobs --no-nan --limit --stats --timeout --cacert"; files=cvn ;;
+        sample) options+=" --format --output --timeout --cacert" ;;
     esac
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

@@ -28,7 +28,7 @@ class CommandTest(ToolTest):
     base = None
 
     def environment(self):
-        env = {k: v for k, v in os.environ.items() if k != "KELPD_URL"}
+        env = {k: v for k, v in os.environ.items() if k not in ("KELPD_URL", "KELPD_CACERT")}
         if self.base:
             env["KELPD_URL"] = self.base
         return env
@@ -47,10 +47,6 @@ class CommandTest(ToolTest):
         self.assertEqual(1, done.err.count("\n"), done.err)
         self.assertTrue(done.err.startswith("cvn: "), done.err)
         return done.err
-
-    def load(self, name):
-        with open(self.path(name), "rb") as f:
-            return f.read()
 
     def build(self, name, columns, groups):
         """Writes a data file made without the library, and returns it."""

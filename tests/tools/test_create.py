@@ -1,14 +1,21 @@
 #!/usr/bin/env python3
 """cvn create: CSV in every form, every mistake with its place, and nothing left behind by a failure."""
 import os
+import pty
 import random
 import resource
+import select
+import shlex
 import signal
 import subprocess
 import time
 import unittest
 
 from support import CVN, ToolTest
+
+
+def no_core():
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
 class Create(ToolTest):
@@ -122,6 +129,169 @@ class Create(ToolTest):
     def test_a_failure_leaves_none_of_several_files(self):
         self.refused("--schema", "a int32", "--rows", "1", csv="a\n1\n2\nx\n", has="in.csv:4")
 
+    def test_an_older_series_that_was_longer_is_not_mixed_with_the_new_one(self):
+        self.create("a int32", "a\n1\n2\n3\n4\n", "t.cvn", "--rows", "1")
+        before = {name: self.load(name) for name in self.files() if name != "in.csv"}
+        self.write("in.csv", "a\n8\n9\n")
+        err = self.run_cvn("create", "--schema", "a int32", "--rows", "1", "t.cvn", "in.csv", status=1).err
+        self.assertIn("cvn: t.2.cvn and 1 more: would stay behind the new series of 2 files", err)
+        self.assertIn("nothing was changed", err)
+        self.assertEqual(before, {name: self.load(name) for name in self.files() if name != "in.csv"})
+        for name in ("t.2.cvn", "t.3.cvn"):
+            os.unlink(self.path(name))
+        self.run_cvn("create", "--schema", "a int32", "--rows", "1", "t.cvn", "in.csv")
+        self.assertEqual("a\n8\n9\n", self.cat("."))
+
+    def test_names_that_only_resemble_a_series_do_not_stand_in_its_way(self):
+        for name in ("t.cvn", "t.x.cvn", "t.7.csv", "u.7.cvn", "t.7x.cvn", "t..cvn"):
+            self.write(name, "x")
+        self.create("a int32", "a\n1\n2\n", "t.cvn", "--rows", "1")
+        self.create("a int32", "a\n1\n", "sub.cvn", "--rows", "1")
+
+    def started(self, *names):
+        """A series under way whose files exist under temporary names; the older files t.0.cvn ... stand there."""
+        for i, name in enumerate(names):
+            self.create("a int32", "a\n%d\n" % (100 + i), name)
+            os.unlink(self.path("in.csv"))
+        proc = subprocess.Popen([CVN, "create", "--schema", "a int32, b int32", "--rows", "1", "t.cvn"],
+                                stdin=subprocess.PIPE, stderr=subprocess.PIPE, cwd=self.dir)
+        self.addCleanup(proc.stderr.close)
+        # Of two columns an empty line is no row: enough of them make it cut those that are.
+        proc.stdin.write(b"a,b\n1,1\n2,2\n3,3\n" + b"\n" * (1 << 19))
+        proc.stdin.flush()
+        end = time.time() + 60
+        while not any(".2.cvn" in n for n in self.files() if n.endswith(".tmp")) and time.time() < end:
+            time.sleep(0.01)
+        return proc
+
+    def finish(self, proc):
+        proc.stdin.close()
+        return proc.wait(60), proc.stderr.read().decode()
+
+    def test_a_file_that_cannot_be_placed_leaves_the_older_series_whole(self):
+        proc = self.started("t.0.cvn", "t.1.cvn")
+        before = {name: self.load(name) for name in ("t.0.cvn", "t.1.cvn")}
+        temp, = [n for n in self.files() if n.startswith("t.1.cvn.")]
+        os.unlink(self.path(temp))  # so that the second rename fails
+        status, err = self.finish(proc)
+        self.assertEqual((1, "cvn: t.1.cvn: No such file or directory; nothing was changed\n"), (status, err))
+        self.assertEqual(before, {name: self.load(name) for name in self.files()})
+
+    def test_a_new_series_that_cannot_be_placed_leaves_nothing(self):
+        proc = self.started()
+        temp, = [n for n in self.files() if n.startswith("t.2.cvn.")]
+        os.unlink(self.path(temp))
+        status, err = self.finish(proc)
+        self.assertEqual(1, status, err)
+        self.assertEqual([], self.files())
+
+    def test_all_names_of_a_series_are_checked_before_the_first_is_taken(self):
+        proc = self.started("t.0.cvn")
+        before = self.load("t.0.cvn")
+        os.mkdir(self.path("t.2.cvn"))
+        status, err = self.finish(proc)
+        self.assertEqual((1, "cvn: t.2.cvn: exists and is not a regular file\n"), (status, err))
+        self.assertEqual(["t.0.cvn", "t.2.cvn"], self.files())
+        self.assertEqual(before, self.load("t.0.cvn"))
+
+    def test_a_series_replaces_an_older_one_of_its_length(self):
+        status, err = self.finish(self.started("t.0.cvn", "t.1.cvn", "t.2.cvn"))
+        self.assertEqual((0, ""), (status, err))
+        self.assertEqual(["t.0.cvn", "t.1.cvn", "t.2.cvn"], self.files())
+        self.assertEqual("a,b\n1,1\n2,2\n3,3\n", self.cat("."))
+
+    def test_headers_that_are_no_column_names_are_refused_with_their_line(self):
+        self.refused(csv=b"a,b\0c,b\0d\n1,2,3\n", has="in.csv:1: the header's column 2, 'b\\x00c', holds a NUL byte")
+        self.refused(csv="\n\na,,c\n1,2,3\n", has="in.csv:3: the header's column 2, '', is empty")
+        self.refused(csv="a,%s\n1,2\n" % ("n" * 128), has="is longer than 127 bytes")
+        self.refused(csv="a,b,a\n1,2,3\n", has="in.csv:1: the header names 'a' twice")
+
+    def test_lines_that_end_in_cr_alone_are_told(self):
+        self.refused(csv="a,b\r1,2\r3,4\r", has="in.csv:1: the header row has a carriage return in it; lines must end in LF")
+        self.refused("--schema", "a int32", csv="a\r1\r", has="carriage return")
+        self.refused("--no-header", "--schema", "a int32, b int32", csv="1,2\r3,4\r", has="do they end in CR alone?")
+        self.create("\"a\rb\" int32", '"a\rb"\n1\n')
+
+    def test_a_line_without_end_is_refused_before_memory_is_short(self):
+        limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (600 << 20, 600 << 20))
+        kw = {} if os.environ.get("ASAN_OPTIONS") or self.is_sanitized() else {"preexec_fn": limit}
+        self.write("in.csv", b"a\n" + b"," * (40 << 20))
+        err = self.run_cvn("create", "--schema", "a int32", "t.cvn", "in.csv", status=1, **kw).err
+        self.assertIn("in.csv:2: the row has more than 1,000,000 fields; is another --delimiter needed?", err)
+
+    def is_sanitized(self):
+        with open(CVN, "rb") as f:
+            return b"__asan_init" in f.read()
+
+    def test_the_sample_ends_where_its_rows_are_too_large(self):
+        big = "x" * (1 << 20)
+        self.write("in.csv", "a,t\n" + "".join("%s,%s\n" % (i if i < 66 else "late", big) for i in range(68)))
+        err = self.run_cvn("create", "t.cvn", "in.csv", status=1).err
+        self.assertIn("cvn: schema chosen from 64 rows:\n", err)
+        self.assertIn("in.csv:68: column 'a' (int64): 'late' is not a whole number", err)
+        self.assertIn("the type was chosen from the first 64 rows: give --schema\n", err)
+
+    def test_numbers_of_options_are_refused_in_plain_words(self):
+        self.write("in.csv", "a\n1\n")
+        for args in (("--rows", "0"), ("--rows", "-1"), ("--sample", "1.5"), ("--rows", "x"), ("--sample", "")):
+            err = self.run_cvn("create", *args, "t.cvn", "in.csv", status=2).err
+            self.assertIn("%s: '%s' is not a whole number above 0\n" % args, err)
+        err = self.run_cvn("create", "--rows", "9" * 30, "t.cvn", "in.csv", status=2).err
+        self.assertIn("is too large a number", err)
+        self.assertIn("--limit: '-1' is not a whole number of at least 0",
+                      self.run_cvn("cat", "in.csv", "--limit", "-1", status=2).err)
+
+    def test_no_header_is_a_plain_option_of_the_help(self):
+        help_text = self.run_cvn("create", "--help").out
+        self.assertIn("--no-header", help_text)
+        self.assertNotIn("{false}", help_text)
+
+    def test_a_chosen_schema_is_safe_to_print_and_to_paste(self):
+        self.write("in.csv", b"it's,\x1b[31mred\n1,2\n")
+        err = self.run_cvn("create", "t.cvn", "in.csv").err
+        self.assertNotIn("\x1b", err)
+        self.assertIn("one of the names cannot be written so", err)
+        self.write("in.csv", "it's,b\n1,2\n")
+        err = self.run_cvn("create", "t.cvn", "in.csv").err
+        line = [text for text in err.splitlines() if "--schema" in text][0]
+        self.assertEqual(["--schema", "it's int64, b int64"], shlex.split(line))
+
+    def test_a_message_that_nobody_reads_is_no_failure(self):
+        self.write("in.csv", "a\n1\n")
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([CVN, "create", "t.cvn", "in.csv"], stderr=full, cwd=self.dir, timeout=60)
+        self.assertEqual(0, done.returncode)
+        self.assertEqual("a\n1\n", self.cat())
+
+    def test_the_progress_bar_is_gone_before_a_failure_is_told(self):
+        master, slave = pty.openpty()
+        proc = subprocess.Popen([CVN, "create", "--schema", "a int32", "t.cvn"], stdin=subprocess.PIPE, stderr=slave,
+                                cwd=self.dir)
+        os.close(slave)
+        seen = b""
+        try:
+            proc.stdin.write(b"a\n")
+            end = time.time() + 60
+            while b"rows/s" not in seen and time.time() < end:
+                proc.stdin.write(b"1\n" * 200000)
+                proc.stdin.flush()
+                while select.select([master], [], [], 0)[0]:
+                    seen += os.read(master, 65536)
+            proc.stdin.write(b"x\n")
+            proc.stdin.close()
+            while True:
+                try:
+                    part = os.read(master, 65536)
+                except OSError:  # the other side is closed
+                    break
+                if not part:
+                    break
+                seen += part
+        finally:
+            os.close(master)
+        self.assertEqual(1, proc.wait(60))
+        self.assertRegex(seen, rb"rows/s\x1b\[K\r\x1b\[Kcvn: standard input:")
+
     def test_a_table_without_rows_is_a_file(self):
         self.create("a int32, b cstr", "a,b\n")
         self.assertEqual("a,b\n", self.cat())
@@ -154,9 +324,9 @@ class Create(ToolTest):
         self.assertEqual(["in.csv"], self.files())
 
     def test_an_interrupt_removes_what_is_unfinished(self):
-        for number in (signal.SIGINT, signal.SIGTERM):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
             proc = subprocess.Popen([CVN, "create", "--schema", "a int32", self.path("t.cvn")], stdin=subprocess.PIPE,
-                                    stderr=subprocess.PIPE)
+                                    stderr=subprocess.PIPE, preexec_fn=no_core)
             proc.stdin.write(b"a\n" + b"1\n" * 400000)
             proc.stdin.flush()
             end = time.time() + 60
@@ -169,6 +339,18 @@ class Create(ToolTest):
             self.assertEqual(b"", proc.stderr.read())
             proc.stderr.close()
             self.assertEqual([], self.files())
+
+    def test_a_temporary_file_of_somebody_else_is_left_alone(self):
+        self.write("in.csv", "a\n1\n")
+
+        def squat():  # the process has its id already
+            with open(self.path("t.cvn.%d.0.tmp" % os.getpid()), "w") as f:
+                f.write("precious")
+
+        self.run_cvn("create", "--schema", "a int32", "t.cvn", "in.csv", preexec_fn=squat)
+        temp, = [name for name in self.files() if name.endswith(".tmp")]
+        self.assertEqual(b"precious", self.load(temp))
+        self.assertEqual("a\n1\n", self.cat())
 
     def test_nothing_is_drawn_into_pipes(self):
         self.assertEqual("", self.create("a int32", "a\n1\n").err)

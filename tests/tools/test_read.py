@@ -5,6 +5,7 @@ import io
 import json
 import os
 import random
+import resource
 import subprocess
 import unittest
 
@@ -39,13 +40,27 @@ class Read(ToolTest):
     def test_bad_conditions_columns_and_formats_are_told(self):
         for where in ("qty >", "qty 10", "qty = 'a"):
             self.run_cvn("cat", "t.cvn", "--where", where, status=2)
-        self.assertIn("no column 'nope'", self.run_cvn("cat", "t.cvn", "--where", "nope = 1", status=1).err)
-        self.assertIn("'x' is not a whole number", self.run_cvn("cat", "t.cvn", "--where", "qty = x", status=1).err)
+        columns = "t.cvn: there is no column 'nope'; its columns are id, qty, a name, note\n"
+        self.assertIn(columns, self.run_cvn("cat", "t.cvn", "--where", "nope = 1", status=1).err)
+        self.assertIn("cvn: t.cvn: condition on column 'qty' (int64): 'x' is not a whole number",
+                      self.run_cvn("cat", "t.cvn", "--where", "qty = x", status=1).err)
         self.assertIn("no column 'nope'", self.run_cvn("cat", "t.cvn", "--columns", "nope", status=1).err)
         self.run_cvn("cat", "t.cvn", "--format", "xml", status=2)
 
     def test_columns_come_in_the_order_asked_for(self):
         self.assertEqual("note,id\n,1\n\"\",2\nplain,3\n\"b,c\",4\n", self.cat("t.cvn", "--columns", "note,id"))
+
+    def test_names_with_commas_stand_in_double_quotes(self):
+        self.create('"a,b" int32, c int32', '"a,b",c\n1,2\n', "q.cvn")
+        self.assertEqual('c,"a,b"\n2,1\n', self.cat("q.cvn", "--columns", 'c,"a,b"'))
+        self.assertEqual('"a,b",c\n1,2\n', self.cat("q.cvn", "--columns", '"a,b"', "--columns", "c"))
+        for bad in ('"a,b', '"a"b', 'c,"'):
+            self.assertIn("a list looks like", self.run_cvn("cat", "q.cvn", "--columns", bad, status=2).err)
+
+    def test_names_that_messages_list_cannot_write_to_the_terminal(self):
+        self.create("\"a\x1b[31mb\" int32", "a\x1b[31mb\n1\n", "e.cvn")
+        err = self.run_cvn("cat", "e.cvn", "--columns", "nope", status=1).err
+        self.assertIn("its columns are a\\x1b[31mb\n", err)
 
     def test_limit_stops(self):
         self.assertEqual(3, len(self.cat("t.cvn", "--limit", "2").splitlines()))
@@ -96,7 +111,7 @@ class Read(ToolTest):
         self.run_cvn("split", "t.cvn", "parts")
         self.assertIn("is a directory", self.run_cvn("split", "parts", "more", status=1).err)
 
-    def test_a_split_that_ends_early_leaves_no_older_metadata(self):
+    def test_a_split_that_fails_leaves_the_older_one_as_it_was(self):
         rng = random.Random(2)
         self.create("a int64", "a\n" + "".join("%d\n" % rng.getrandbits(62) for _ in range(3000)), "big.cvn")
         self.run_cvn("split", "big.cvn", "parts")
@@ -107,8 +122,87 @@ class Read(ToolTest):
         at = len(data) - 16 - size + 40 + 248 + 16
         data[at:at + 8] = (len(data) - 8).to_bytes(8, "little")
         self.write("cut.cvn", bytes(data))
-        self.run_cvn("split", "cut.cvn", "parts", status=1)
-        self.assertNotIn("meta.cvnx", os.listdir(self.path("parts")))
+        self.assertIn("row group 0, column 'a': its page cannot be read",
+                      self.run_cvn("split", "cut.cvn", "parts", status=1).err)
+        self.assertEqual(["0.cvnx", "meta.cvnx"], sorted(os.listdir(self.path("parts"))))
+        self.assertEqual(self.cat("big.cvn"), self.cat("parts"))
+        self.run_cvn("split", "cut.cvn", "new", status=1)
+        self.assertFalse(os.path.exists(self.path("new")))
+
+    def test_a_page_that_does_not_match_its_hash_is_not_split(self):
+        data = bytearray(self.load("t.cvn"))
+        data[8] ^= 1
+        self.write("bad.cvn", bytes(data))
+        err = self.run_cvn("split", "bad.cvn", "parts", status=1).err
+        self.assertIn("bad.cvn: row group 0, column 'id': its bytes do not match their hash; it is not split", err)
+        self.assertFalse(os.path.exists(self.path("parts")))
+
+    def test_a_split_in_place_of_a_wider_one_leaves_none_of_its_columns(self):
+        self.run_cvn("split", "t.cvn", "parts")
+        self.write("parts/x.cvnx", "not a column")
+        self.create("id int32, b int32", "id,b\n1,2\n", "n.cvn")
+        self.run_cvn("split", "n.cvn", "parts")
+        self.assertEqual(["0.cvnx", "1.cvnx", "meta.cvnx", "x.cvnx"], sorted(os.listdir(self.path("parts"))))
+        self.assertIn("good: 1 row, 1 row group, 2 columns", self.run_cvn("verify", "parts").out)
+
+    def test_two_columns_of_one_name_cannot_be_split(self):
+        data = self.load("t.cvn")
+        at = len(data) - 16 - int.from_bytes(data[-16:-8], "little") + 40
+        self.write("twice.cvn", data[:at + 136] + data[at:at + 128] + data[at + 136 + 128:])
+        err = self.run_cvn("split", "twice.cvn", "parts", status=1).err
+        self.assertIn("twice.cvn: two columns are named 'id'", err)
+        self.assertFalse(os.path.exists(self.path("parts")))
+
+    def test_a_split_of_more_columns_than_files_may_be_open_is_made_read_and_verified(self):
+        limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (40, 4096))
+        names = ["c%d" % i for i in range(100)]
+        self.create(", ".join(n + " int32" for n in names), ",".join(names) + "\n" + ",".join("1" * 100) + "\n", "w.cvn")
+        self.run_cvn("split", "w.cvn", "wide", preexec_fn=limit)
+        self.assertIn("good: 1 row", self.run_cvn("verify", "wide", preexec_fn=limit).out)
+        self.assertEqual(self.cat("w.cvn"), self.run_cvn("cat", "wide", preexec_fn=limit).out)
+
+    def test_a_pipe_is_no_data_file_and_is_not_waited_for(self):
+        os.mkfifo(self.path("f.cvn"))
+        os.mkdir(self.path("dir"))
+        os.mkfifo(self.path("dir/f.cvn"))
+        self.run_cvn("split", "t.cvn", "parts")
+        os.unlink(self.path("parts/1.cvnx"))
+        os.mkfifo(self.path("parts/1.cvnx"))
+        for args in (("info", "f.cvn"), ("cat", "f.cvn"), ("verify", "f.cvn"), ("split", "f.cvn", "out"),
+                     ("info", "dir"), ("cat", "dir"), ("verify", "dir"), ("info", "parts"), ("cat", "parts"),
+                     ("verify", "parts"), ("split", "dir/f.cvn", "out")):
+            done = self.run_cvn(*args, status=1)
+            self.assertRegex(done.err + done.out, r"(f\.cvn|1\.cvnx): is not a regular file", args)
+        os.unlink(self.path("parts/meta.cvnx"))
+        os.mkfifo(self.path("parts/meta.cvnx"))
+        for command in ("info", "cat", "verify"):
+            done = self.run_cvn(command, "parts", status=1)
+            self.assertIn("is not a regular file", done.err + done.out)
+        self.assertFalse(os.path.exists(self.path("out")))
+
+    def test_one_bad_file_does_not_hide_the_others_from_info(self):
+        os.mkdir(self.path("dir"))
+        self.create("a int32", "a\n1\n", "dir/a.cvn")
+        self.create("a int32", "a\n1\n2\n", "dir/c.cvn")
+        self.write("dir/b.cvn", "bad")
+        done = self.run_cvn("info", "dir", status=1)
+        self.assertEqual(1, done.err.count("\n"), done.err)
+        self.assertIn("cvn: dir/b.cvn: ", done.err)
+        self.assertIn("dir/a.cvn: 1 row, 1 row group, 1 column, ", done.out)
+        self.assertIn("dir/c.cvn: 2 rows, 1 row group, 1 column, ", done.out)
+        self.assertIn("dir: 2 files (and 1 that cannot be read), 3 rows, 2 row groups, ", done.out)
+        info = json.loads(self.run_cvn("info", "dir", "--json", status=1).out)
+        self.assertEqual(["dir/a.cvn", "dir/c.cvn"], [f["path"] for f in info["files"]])
+
+    def test_row_counts_that_add_up_to_too_much_are_no_crash(self):
+        os.mkdir(self.path("dir"))
+        data = bytearray(self.load("t.cvn"))
+        at = len(data) - 16 - int.from_bytes(data[-16:-8], "little") + 8
+        data[at:at + 8] = (2**63 - 1).to_bytes(8, "little")
+        for name in ("dir/a.cvn", "dir/b.cvn"):
+            self.write(name, bytes(data))
+        self.assertIn("2 files, 9,223,372,036,854,775,807 rows", self.run_cvn("info", "dir").out)
+        self.run_cvn("verify", "dir", status=1)
 
     def test_a_directory_of_files_is_one_table(self):
         os.mkdir(self.path("entity"))

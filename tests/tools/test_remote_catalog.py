@@ -89,6 +89,24 @@ class Put(DaemonTest):
         self.assertEqual("1\n", self.out("count", "db/sc/t"))
         self.assertIn("names one file", self.fails("put", "a.cvn", "b.cvn", "db/sc/t/x.cvn", status=2))
 
+    def test_all_files_are_put_although_nobody_reads_about_it(self):
+        self.assertEqual("", self.run_unread("put", "a.cvn", "b.cvn", "db/sc/t", env=self.environment()))
+        self.assertEqual("3\n", self.out("count", "db/sc/t"))
+        self.assertEqual("", self.run_unread("rm", "--yes", "db/sc/t/a.cvn", env=self.environment()))
+        self.assertEqual("1\n", self.out("count", "db/sc/t"))
+
+    def test_files_alone_go_into_the_table_of_kelpd_url(self):
+        env = {**self.environment(), "KELPD_URL": self.base + "/db/sc/t"}
+        self.assertIn("a.cvn: 2 rows, ", self.out("put", "a.cvn", env=env))
+        self.assertIn("b.cvn: 1 row, ", self.out("put", "b.cvn", "a.cvn", env=env).splitlines()[0])
+        self.assertEqual("3\n", self.out("count", env=env))
+        self.cvn("put", "a.cvn", "c.cvn", env=env)
+        self.assertEqual("5\n", self.out("count", env=env))
+        self.assertIn("is not a table", self.fails("put", "a.cvn", status=2))
+        self.assertIn("put takes files", self.fails("put", "none.cvn", status=2, env=env))
+        del env["KELPD_URL"]
+        self.assertIn("a URL is missing", self.fails("put", "a.cvn", status=2, env=env))
+
     def test_nothing_is_sent_when_one_file_is_damaged(self):
         data = bytearray(self.load("b.cvn"))
         data[8] ^= 1
@@ -147,6 +165,25 @@ class PutProgress(CommandTest):
         self.assertTrue(seen.endswith("\r\x1b[K"), seen[-80:])
 
 
+class PutFile(CommandTest):
+    def test_a_file_that_shrinks_while_it_is_sent_is_named(self):
+        self.build("big.cvn", [Column(b"a", cvnfile.BYTEA)], [[[os.urandom(3 << 20)]] for _ in range(6)])
+
+        def serve(conn):
+            method, _, _ = receive_head(conn)
+            if method == "GET":
+                conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: 2\r\n\r\n[]")
+                return
+            os.truncate(self.path("big.cvn"), 100)
+            while conn.recv(1 << 20):
+                pass
+
+        server = FakeServer(serve, rcvbuf=65536)
+        self.addCleanup(server.close)
+        err = self.fails("put", "big.cvn", f"kelp://127.0.0.1:{server.port}/db/sc/t")
+        self.assertIn("cvn: big.cvn: cannot read the file to upload", err)
+
+
 class Rm(DaemonTest):
     def setUp(self):
         super().setUp()
@@ -183,11 +220,39 @@ class Rm(DaemonTest):
         self.cvn("rm", "--yes", "db/sc/t/bad.cvn")
         self.assertNotIn("db/sc/t/bad.cvn", self.daemon.tree())
 
+    def test_what_the_server_cannot_list_in_json_is_removed_all_the_same(self):
+        odd = cvnfile.build([Column(b'x": [', cvnfile.INT32)], [[[1]]])
+        self.daemon.store("db/sc/t/odd.cvn", odd.data)
+        self.assertIn("is no catalogue", self.fails("ls", "db/sc/t/odd.cvn"))
+        self.assertEqual("removed the file 'db/sc/t/odd.cvn'\n", self.out("rm", "--yes", "db/sc/t/odd.cvn"))
+        self.daemon.store('db/sc/t/a",.cvn', odd.data)
+        self.assertIn("is no catalogue", self.fails("ls", "db/sc/t"))
+        self.assertEqual("removed the table 'db/sc/t'\n", self.out("rm", "--yes", "db/sc/t"))
+        self.assertEqual(["db/", "db/sc/", "db/sc/u/", "db/sc/u/t.cvn"], self.daemon.tree())
+
     def test_what_is_not_there_is_an_error(self):
         for place in ("no", "db/no", "db/sc/no", "db/sc/t/no.cvn"):
             self.assertIn("404 Not Found", self.fails("rm", "--yes", place))
         self.assertIn("is not anything that can be removed", self.fails("rm", "--yes", self.base, status=2))
         self.assertIn("db/sc/t/t.cvn", self.daemon.tree())
+
+
+class Counts(CommandTest):
+    def test_counts_beyond_64_bits_are_no_crash(self):
+        huge = 2**63 - 1
+        item = ('{"name": "%%s.cvn", "chksum": 1, "ncol": 1, "nrow": %d, "nrowgroup": %d, "nbyte": %d, "zbyte": %d}' %
+                ((huge,) * 4))
+        listing = "[ %s, %s ]" % (item % "a", item % "b")
+
+        def serve(conn):
+            method, path, _ = receive_head(conn)
+            text = "" if method == "DELETE" else listing if path.endswith("/t") else "[]"
+            conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: %d\r\n\r\n" % len(text) + text.encode())
+
+        server = FakeServer(serve)
+        self.addCleanup(server.close)
+        out = self.out("rm", "--yes", f"kelp://127.0.0.1:{server.port}/db/sc/t")
+        self.assertEqual(f"removed the table 'db/sc/t' with 2 files and {huge:,} rows\n", out)
 
 
 if __name__ == "__main__":

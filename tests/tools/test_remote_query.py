@@ -168,6 +168,29 @@ class Query(DaemonTest):
         err = self.cvn("count", "db/sc/t", "--where", "n=1", "--stats").err
         self.assertIn("12 row groups: 12 read, 0 skipped", err)
 
+    def test_stats_of_a_count_without_conditions_tell_that_nothing_was_read(self):
+        done = self.cvn("count", "db/sc/t", "--stats")
+        self.assertEqual("6000\n", done.out)
+        self.assertEqual(["cvn: 1 file, 12 row groups: 0 read, 12 skipped", "cvn: 0 of 6,000 rows read, 6,000 selected",
+                          f"cvn: 0 of {self.whole.zbyte:,} stored bytes received, {self.whole.zbyte:,} skipped; "
+                          "0 decompressed"], done.err.splitlines())
+
+    def test_a_promise_of_no_nan_lets_the_server_skip(self):
+        groups = [[[float(g * 100 + i) for i in range(100)]] for g in range(5)]
+        self.daemon.store("db/sc/d/d.cvn", cvnfile.build([Column(b"x", cvnfile.DOUBLE)], groups).data)
+        for args in (("query", "db/sc/d"), ("count", "db/sc/d"), ("get", "db/sc/d", "o.cvn")):
+            err = self.cvn(*args, "--where", "x >= 450", "--stats").err
+            self.assertIn("5 row groups: 5 read, 0 skipped", err)
+            err = self.cvn(*args, "--where", "x >= 450", "--stats", "--no-nan").err
+            self.assertIn("5 row groups: 1 read, 4 skipped", err)
+        self.assertEqual("50\n", self.out("count", "db/sc/d", "--where", "x >= 450", "--no-nan"))
+
+    def test_names_with_commas_stand_in_double_quotes(self):
+        odd = cvnfile.build([Column(b"a,b", cvnfile.INT32), Column(b"c", cvnfile.INT32)], [[[1], [2]]])
+        self.daemon.store("db/sc/o/o.cvn", odd.data)
+        self.assertEqual('c,"a,b"\n2,1\n', self.out("query", "db/sc/o", "--columns", 'c,"a,b"'))
+        self.assertIn("a list looks like", self.fails("query", "db/sc/o", "--columns", '"a,b', status=2))
+
     def test_limit_cuts(self):
         for limit in (0, 1, 500, 501, 7000):
             self.assertEqual(min(limit, 6000), len(self.rows("db/sc/t", "--limit", str(limit))))
@@ -184,6 +207,15 @@ class Query(DaemonTest):
         self.assertEqual(0o640, os.stat(self.path("o.csv")).st_mode & 0o777)
         self.assertTrue(os.path.islink(self.path("link.csv")))
         self.assertEqual(["big.cvn", "link.csv", "o.csv"], self.files())
+        os.unlink(self.path("o.csv"))
+        os.mkdir(self.path("sub"))
+        os.symlink("../o.csv", self.path("sub/far.csv"))
+        os.symlink("sub/far.csv", self.path("near.csv"))
+        self.cvn("query", "db/sc/t", "--jobs", "1", "-o", "near.csv")  # a link to a link to nothing yet
+        self.assertEqual(6001, len(self.load("o.csv").splitlines()))
+        self.assertTrue(os.path.islink(self.path("near.csv")) and os.path.islink(self.path("sub/far.csv")))
+        os.symlink("loop.csv", self.path("loop.csv"))
+        self.assertIn("Too many levels", self.fails("query", "db/sc/t", "-o", "loop.csv"))
         self.assertEqual(6001, len(self.out("query", "db/sc/t", "-o", "-").splitlines()))
         self.assertEqual(6001, len(self.out("query", "db/sc/t", "-o", "/dev/stdout").splitlines()))
 
@@ -246,6 +278,22 @@ class Streams(CommandTest):
         server = FakeServer(fake_table(self.whole, post))
         self.addCleanup(server.close)
         return f"kelp://127.0.0.1:{server.port}/db/sc/t"
+
+    def test_a_bool_that_is_neither_0_nor_1_is_true(self):
+        self.whole = self.build("b.cvn", [Column(b"ok", cvnfile.BOOL)], [[[True, False, True]]])
+        page = self.whole.groups[0][0]
+        body = b"\x02\x00\xff" + page.body[3:]
+        page = page._replace(body=body, hash=cvnfile.xxh32(body)).bytes()
+        head = self.whole.record(0, b"ok")[0]
+
+        def post(conn):
+            conn.sendall(STREAM_HEAD + chunk(head) + chunk(page) + STREAM_END)
+            drain(conn)
+
+        url = self.serve(post)
+        self.assertEqual("ok\ntrue\nfalse\ntrue\n", self.out("query", url, "--jobs", "1"))
+        self.cvn("get", url, "got.cvn", "--jobs", "1")
+        self.assertIn("good: 3 rows", self.out("verify", "got.cvn"))
 
     def test_limit_ends_the_connection_of_a_stream_without_end(self):
         closed = threading.Event()

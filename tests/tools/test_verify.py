@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """cvn verify: every kind of damage is found and named, none makes it crash."""
 import ctypes
+import os
 import random
 import struct
 import subprocess
@@ -196,6 +197,25 @@ class Verify(ToolTest):
         self.data[self.get(self.meta(0), "q")] ^= 1
         self.write("u.cvn", bytes(self.data))
         self.assertIn("1 of 2 files are damaged", self.run_cvn("verify", ".", status=1).out)
+
+    def test_damage_counts_although_nobody_reads_about_it(self):
+        self.data[self.get(self.meta(0), "q")] ^= 1
+        self.write("bad.cvn", bytes(self.data))
+        self.assertEqual("", self.run_unread("verify", "bad.cvn", status=1))
+        self.assertEqual("", self.run_unread("verify", ".", status=1))
+        self.assertEqual("", self.run_unread("verify", "t.cvn"))
+
+    def test_a_file_that_cannot_be_read_does_not_hide_those_behind_it(self):
+        os.symlink("nowhere", self.path("a.cvn"))
+        self.data[self.get(self.meta(0), "q")] ^= 1
+        self.write("b.cvn", bytes(self.data))
+        done = self.run_cvn("verify", ".", status=1)
+        lines = done.out.splitlines()
+        self.assertEqual("", done.err)
+        self.assertEqual("./a.cvn: No such file or directory", lines[0])
+        self.assertIn("./b.cvn: row group 0, column 'a': its hash is", lines[1])
+        self.assertIn("./t.cvn: good: 1,003 rows, 1 row group, 3 columns, ", lines[-2])
+        self.assertEqual(".: 1 of 3 files are damaged, 1 cannot be read", lines[-1])
 
 
 if __name__ == "__main__":

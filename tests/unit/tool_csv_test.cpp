@@ -143,6 +143,42 @@ TEST(Csv, ReadsARowThatIsLargerThanManyBlocks) {
     EXPECT_EQ((std::vector<row_t>{{"a", big}, {"b", "c"}}), r.rows);
 }
 
+TEST(Csv, RefusesARowOfMoreFieldsThanItsLimit) {
+    std::string text = "a\n" + std::string(CSV_MAX_NFIELD - 1, ',') + "\n";
+    read_t r = read_all(text);
+    EXPECT_EQ("", r.error);
+    ASSERT_EQ(2u, r.rows.size());
+    EXPECT_EQ(CSV_MAX_NFIELD, r.rows[1].size());
+    text.insert(2, ",");
+    r = read_all(text);
+    EXPECT_EQ(1u, r.rows.size());
+    EXPECT_EQ("in:2: the row has more than 1,000,000 fields; is another --delimiter needed?", r.error);
+}
+
+TEST(Csv, RefusesARowLongerThanItsLimit) {
+    char path[] = "/tmp/tool_csv_XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    unlink(path);
+    // A quote that is never closed, in front of a hole in the file.
+    ASSERT_EQ(3, write(fd, "a\n\"", 3));
+    ASSERT_EQ(0, ftruncate(fd, off_t(CSV_MAX_ROWSZ) + 100));
+    ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
+    csv_t csv;
+    csv_open(&csv, fd, "in", ',');
+    ASSERT_TRUE(csv_next(&csv));
+    try {
+        (void)csv_next(&csv);
+        ADD_FAILURE() << "a row above the limit was read";
+    } catch (const tool_error& error) {
+        EXPECT_EQ(
+            "in:2: the row is longer than 256 MiB; is a quote not closed, or does a line end in CR alone?",
+            std::string(error.what()));
+    }
+    EXPECT_LE(csv.bufsz, CSV_MAX_ROWSZ);
+    close(fd);
+}
+
 TEST(CsvIndex, FindsWhatTheByteByByteFormFinds) {
     std::mt19937 rng(11);
     for (int round = 0; round < 2000; ++round) {

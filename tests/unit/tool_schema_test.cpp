@@ -51,9 +51,23 @@ TEST(Schema, WritesATextThatReadsBack) {
     EXPECT_FALSE(exact);
 }
 
+TEST(Counts, HaveTheNumberOfWhatTheyCount) {
+    EXPECT_EQ("0 rows", tool_counted(0, "row", "rows"));
+    EXPECT_EQ("1 row", tool_counted(1, "row", "rows"));
+    EXPECT_EQ("1,000 rows", tool_counted(1000, "row", "rows"));
+}
+
+TEST(Counts, StopAtTheLimitsOf64Bits) {
+    EXPECT_EQ(5, tool_add(2, 3));
+    EXPECT_EQ(INT64_MAX, tool_add(INT64_MAX, 1));
+    EXPECT_EQ(INT64_MIN, tool_add(INT64_MIN, -1));
+    EXPECT_EQ(-1, tool_add(INT64_MAX, INT64_MIN));
+}
+
 TEST(Schema, RefusesNamesThatTheFormatCannotHold) {
     EXPECT_THROW(schema_column("", CVN_TYP_INT32), tool_error);
     EXPECT_THROW(schema_column(std::string(128, 'n'), CVN_TYP_INT32), tool_error);
+    EXPECT_THROW(schema_column(std::string_view("a\0b", 3), CVN_TYP_INT32), tool_error);
     EXPECT_EQ(127u, schema_name(schema_column(std::string(127, 'n'), CVN_TYP_INT32)).size());
 }
 
@@ -89,4 +103,13 @@ TEST(Progress, TellsBytesOfTheTotalAndTheRate) {
     EXPECT_NE(std::string::npos, text.find(" 25%  250.0 kB of 1.0 MB, 5,000 rows, 2,500 rows/s")) << text;
     progress.total = 0;
     EXPECT_EQ("250.0 kB, 5,000 rows, 2,500 rows/s", progress_text(progress, 250000, 5000, 2));
+}
+
+TEST(Progress, ShowsCountsOfAnySize) {
+    progress_t progress;
+    progress.total = INT64_MAX;
+    progress.by_count = true;
+    const std::string text = progress_text(progress, INT64_MAX, INT64_MAX, 1e-3);
+    EXPECT_NE(std::string::npos, text.find("100%")) << text;
+    EXPECT_NE(std::string::npos, text.find("1,000,000,000,000,000,000 rows/s")) << text;
 }

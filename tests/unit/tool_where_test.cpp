@@ -249,3 +249,23 @@ TEST_F(WherePushDown, NeverLosesARowAndSkipsRowGroups) {
     EXPECT_GT(skipped, 1000);
     EXPECT_GT(selected, 1000);
 }
+
+TEST(WhereNames, PartsAListAtTheCommasOutsideQuotes) {
+    const auto names = [](const std::string& text) {
+        std::vector<std::string> out = {"first"};
+        where_parse_names(&out, text);
+        EXPECT_EQ("first", out.front());  // added to
+        out.erase(out.begin());
+        return out;
+    };
+    using list_t = std::vector<std::string>;
+    EXPECT_EQ((list_t{"a", "b c", "d"}), names("a,b c,d"));
+    EXPECT_EQ((list_t{"a,b", "c\"d", ""}), names("\"a,b\",\"c\"\"d\",\"\""));
+    EXPECT_EQ((list_t{"a\"b\""}), names("a\"b\""));  // a quote inside a bare name
+    EXPECT_EQ((list_t{"a", ""}), names("a,"));
+    EXPECT_EQ((list_t{""}), names(""));
+    for (const char* bad : {"\"a", "\"a\"b", "a,\"", "\"a\" ,b"}) {
+        std::vector<std::string> out;
+        EXPECT_THROW(where_parse_names(&out, bad), tool_usage) << bad;
+    }
+}
