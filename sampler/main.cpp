@@ -51,10 +51,7 @@ bool parse_number(uint64_t* ret, std::string_view text) {
     return ec == std::errc() && ptr == end;
 }
 
-// The seed of the environment, else a random one.
-bool find_seed(uint64_t* ret) {
-    const char* text = getenv("CVNSAMP_SEED");
-    if (text && *text) return parse_number(ret, text);
+bool random_seed(uint64_t* ret) {
     while (getrandom(ret, sizeof(*ret), 0) != static_cast<ssize_t>(sizeof(*ret)))
         if (errno != EINTR) return false;
     return true;
@@ -87,7 +84,15 @@ int main(int argc, char** argv) {
     if (!parse_number(&nrow, operand[0]) || nrow == 0)
         return usage("'" + operand[0] + "' is not a number of rows: give a decimal number above 0");
     uint64_t seed = 0;
-    if (!find_seed(&seed)) return usage("CVNSAMP_SEED must be a decimal number below 2^64");
+    const char* const seed_text = getenv("CVNSAMP_SEED");
+    const bool given = seed_text && *seed_text;
+    if (given && !parse_number(&seed, seed_text))
+        return usage("CVNSAMP_SEED must be a decimal number below 2^64");
+    if (!given && !random_seed(&seed)) {
+        fprintf(stderr, "cvnsamp: cannot get random numbers: %s; set CVNSAMP_SEED instead\n",
+                strerror(errno));
+        return STATUS_FAILED;
+    }
     operand.erase(operand.begin());
     if (isatty(STDOUT_FILENO)) {
         fputs(

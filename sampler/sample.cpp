@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "colvane/colvane.h"
+#include "colvane/colvane_int.h"  // cvn_lz4_decode
 #include "sampler/choose.h"
 
 namespace {
@@ -71,8 +72,11 @@ struct column_t {
     bool nflag;
 };
 
-// One column of the row group under way, read row by row from the front.
+// One column of the row group under way, read row by row from the front. The page's body stays where it is
+// for later row groups.
 struct cursor_t {
+    std::unique_ptr<char[]> body;
+    size_t room = 0;
     int storage = 0;
     int width = 0;  // below 1: the values vary in length
     const char* value = nullptr;
@@ -97,11 +101,26 @@ std::string name_of(const cvn_coldef_t& def) { return {def.name, strnlen(def.nam
     }
 }
 
+// Opening a pipe waits for its writer, so it is not even tried.
+void check_regular(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))
+        fail(path, "is not a regular file");
+}
+
 scan_ptr_t open_scan(const std::string& path) {
+    check_regular(path);
+    check_regular(path + "/meta.cvnx");
     cvn_scan_t* sc = nullptr;
     errno = 0;
     if (const int e = cvn_scan_open(&sc, path.c_str())) fail_code(path, e, errno);
-    return scan_ptr_t(sc);
+    scan_ptr_t scan(sc);
+    if (sc->split_mode) {
+        schema_desc_t schema;
+        memcpy(&schema, sc->schema, sizeof(schema));
+        for (int c = 0; c < schema.ncol; ++c) check_regular(path + "/" + std::to_string(c) + ".cvnx");
+    }
+    return scan;
 }
 
 std::vector<column_t> columns_of(cvn_scan_t* sc, const std::string& path) {
@@ -150,47 +169,49 @@ int64_t count_rows(cvn_scan_t* sc, const std::string& path) {
 }
 
 // Reads one row group, checks every stored page against its hash and its sizes, and sets a cursor on each
-// column. The cursors point into the scan's pages.
+// column. What is decompressed are the bytes whose hash was checked.
 void read_rowgroup(std::vector<cursor_t>* cursor, cvn_scan_t* sc, int64_t rg, int64_t nrow,
                    const std::vector<column_t>& column, const std::string& path) {
-    int npage = 0;
-    cvn_page_t** page = nullptr;
-    const auto damaged = [&](size_t c, const std::string& what) {
-        fail(path, "damaged: row group " + std::to_string(rg) + ", column '" + column[c].name + "': " + what);
-    };
-    errno = 0;
-    if (const int e = cvn_scan_rowgroup(sc, rg, &npage, &page, false)) {
-        if (e == -3 && errno == 0)
-            fail(path, "damaged: row group " + std::to_string(rg) + " lies outside the file");
-        fail_code(path, e, errno);
-    }
-    bool compressed = false;
     for (size_t c = 0; c < column.size(); ++c) {
-        const cvn_page_t* p = page[c];
-        if (static_cast<uint32_t>(p->hash) != XXH32(p->buf, static_cast<size_t>(p->zbyte), 0))
-            damaged(c, "the stored bytes do not match their hash");
-        compressed = compressed || p->zbyte != p->nbyte;
-    }
-    if (compressed) {
-        if (const int e = cvn_scan_rowgroup(sc, rg, &npage, &page, true)) {
-            if (e == -1 || e == -6)
-                fail(path, "damaged: a page of row group " + std::to_string(rg) + " does not decompress");
+        const auto damaged = [&](const std::string& what) {
+            fail(path,
+                 "damaged: row group " + std::to_string(rg) + ", column '" + column[c].name + "': " + what);
+        };
+        cvn_page_t* p = nullptr;
+        errno = 0;
+        if (const int e = cvn_scan_page(sc, rg, static_cast<int>(c), &p, false)) {
+            if (e == -3 && errno == 0)
+                fail(path, "damaged: row group " + std::to_string(rg) + " lies outside the file");
             fail_code(path, e, errno);
         }
-    }
-    cursor->assign(column.size(), {});
-    for (size_t c = 0; c < column.size(); ++c) {
-        const cvn_page_t* p = page[c];
+        if (static_cast<uint32_t>(p->hash) != XXH32(p->buf, static_cast<size_t>(p->zbyte), 0))
+            damaged("the stored bytes do not match their hash");
         cursor_t& cur = (*cursor)[c];
+        // Memory is had for no more than the stored bytes can become.
+        if (p->nbyte < p->zbyte || p->nbyte / CVN_LZ4_MAX_RATIO > p->zbyte) damaged("it does not decompress");
+        const auto size = static_cast<size_t>(p->nbyte);
+        if (size > cur.room) {
+            cur.body.reset();
+            cur.room = 0;
+            cur.body = std::make_unique_for_overwrite<char[]>(size);
+            cur.room = size;
+        }
+        if (p->nbyte == p->zbyte) {
+            memcpy(cur.body.get(), p->buf, size);
+        } else if (const int e = cvn_lz4_decode(cur.body.get(), p->nbyte, p->buf, p->zbyte)) {
+            if (e == -2) fail_code(path, e, 0);
+            damaged("it does not decompress");
+        }
+        if (p->nrow != nrow) damaged("its row count differs from that of the row group");
+        if (p->nmapoff < 0 || p->nmapoff > p->nbyte || p->nbyte - p->nmapoff != (nrow + 7) / 8)
+            damaged("the null bitmap is not where it must be");
         cur.storage = column[c].typ & 0xffff;
         cur.width = cvn_typlen(column[c].typ);
-        if (p->nrow != nrow) damaged(c, "its row count differs from that of the row group");
-        if (p->nmapoff < 0 || p->nmapoff > p->nbyte || p->nbyte - p->nmapoff != (nrow + 7) / 8)
-            damaged(c, "the null bitmap is not where it must be");
-        if (cur.width > 0 && p->nmapoff != nrow * cur.width) damaged(c, "the values do not fill the page");
-        cur.value = p->buf;
+        if (cur.width > 0 && p->nmapoff != nrow * cur.width) damaged("the values do not fill the page");
+        cur.value = cur.body.get();
         cur.valuesz = p->nmapoff;
-        cur.nmap = p->buf + p->nmapoff;
+        cur.nmap = cur.value + p->nmapoff;
+        cur.row = cur.offset = 0;
     }
 }
 
@@ -259,7 +280,7 @@ void sample_file(cvn_t* w, row_choice_t* choice, const source_t& source, const s
     schema_desc_t schema;
     memcpy(&schema, sc->schema, sizeof(schema));
     std::vector<uint32_t> rows;
-    std::vector<cursor_t> cursor;
+    std::vector<cursor_t> cursor(column.size());
     std::vector<cvn_datum_t> datum(column.size());
     const auto isnull = std::make_unique<bool[]>(column.size());
     for (int64_t rg = 0; rg < schema.nrowgroup; ++rg) {
@@ -309,6 +330,26 @@ void copy_out(int out, int from) {
 
 }  // namespace
 
+// Creates a file without a name in `tmpdir`, so that whatever ends this process leaves nothing behind, and a
+// writer on it. Returns its descriptor.
+static int create_temp(cvn_t** ret, const std::string& tmpdir) {
+    int fd = open(tmpdir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        if (cvn_create(ret, ("/proc/self/fd/" + std::to_string(fd)).c_str()) == 0) return fd;
+        close(fd);
+    }
+    // Without support for that, or without /proc, it has a name for a moment.
+    std::string name = tmpdir + "/cvnsamp-XXXXXX";
+    fd = mkostemp(name.data(), O_CLOEXEC);
+    if (fd < 0) throw sample_error("cannot make a file in '" + tmpdir + "': " + strerror(errno));
+    const int code = cvn_create(ret, name.c_str());
+    const int err = errno;
+    unlink(name.c_str());
+    if (code == 0) return fd;
+    close(fd);
+    fail_write(tmpdir, code, err);
+}
+
 uint64_t sample_files(int out, uint64_t nrow, uint64_t seed, const std::vector<std::string>& files,
                       const std::string& tmpdir) {
     if (files.empty()) throw sample_error("no data files, so there is no schema to write");
@@ -326,16 +367,8 @@ uint64_t sample_files(int out, uint64_t nrow, uint64_t seed, const std::vector<s
         if (__builtin_add_overflow(total, source.back().nrow, &total)) fail(path, "too many rows altogether");
     }
 
-    std::string name = tmpdir + "/cvnsamp-XXXXXX";
-    const fd_t tmp(mkostemp(name.data(), O_CLOEXEC));
-    if (tmp.get() < 0) throw sample_error("cannot make a file in '" + tmpdir + "': " + strerror(errno));
     cvn_t* created = nullptr;
-    const int e = cvn_create(&created, name.c_str());
-    const int err = errno;
-    // Nameless from here on: whatever ends this process, nothing is left behind.
-    unlink(name.c_str());
-    if (e) fail_write(tmpdir, e, err);
-
+    const fd_t tmp(create_temp(&created, tmpdir));
     writer_t writer(created);
     for (const column_t& c : column) {
         if (const int code = cvn_create_column(writer.get(), c.name.c_str(), c.typ, c.zflag, c.nflag)) {

@@ -16,8 +16,9 @@ struct sample_error : std::runtime_error {
 // they lie in the files. Columns, their types and flags are those of the first file; the others must have the
 // same names and types in the same order.
 //
-// Only the footers and the pages of row groups that hold a chosen row are read, and those pages are checked
-// against their hashes. In memory are one footer, one row group and at most 8 bytes a chosen row. The file is
+// Only the footers and the pages of row groups that hold a chosen row are read, each page once, and those
+// pages are checked against their hashes. In memory are one footer, one row group, one stored page and at
+// most 8 bytes a chosen row. What is neither a regular file nor a split directory is refused. The file is
 // made as an unnamed one in `tmpdir` and copied to `out` when it is complete.
 //
 // seed  the same seed, count and files give the same bytes.

@@ -2,7 +2,14 @@
 // not belong together is refused by name with nothing written.
 #include "sampler/sample.h"
 
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <xxhash.h>
+
+#include <cerrno>
+#include <fstream>
 
 #include "sampler/choose.h"
 #include "support.h"
@@ -304,7 +311,7 @@ TEST_F(CvnsampSample, RefusesPagesThatLieAboutTheirValues) {
     EXPECT_EQ(
         where + "'id': its row count differs from that of the row group",
         damaged_chunk(t, 0, [](std::string& f, size_t, size_t meta) { patch(f, meta + 8, int32_t{8}); }));
-    EXPECT_EQ("'" + path("d.cvn") + "': damaged: a page of row group 0 does not decompress",
+    EXPECT_EQ(where + "'id': it does not decompress",
               damaged_chunk(t, 0, [](std::string& f, size_t, size_t meta) {
                   patch(f, meta + 16, load<int32_t>(f, meta + 16) + 1);
               }));
@@ -350,6 +357,59 @@ TEST_F(CvnsampSample, RefusesAnUnknownTypeAndARepeatedColumn) {
     bad.replace(at.coldef(1), 128, file.substr(at.coldef(0), 128));
     write_file(path("b.cvn"), bad);
     EXPECT_EQ("'" + path("b.cvn") + "': has more than one column 'id'", refusal({path("b.cvn")}));
+}
+
+// Bytes that this process has read through system calls so far.
+int64_t bytes_read() {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    int64_t n = 0;
+    while (io >> key >> n)
+        if (key == "rchar:") return n;
+    return -1;
+}
+
+TEST_F(CvnsampSample, ReadsTheStoredPagesOfACompressedRowGroupOnce) {
+    write_table(path("a.cvn"), numbered(0, 300000));
+    const auto size = static_cast<int64_t>(fs::file_size(path("a.cvn")));
+    const int64_t before = bytes_read();
+    ASSERT_GE(before, 0);
+    sample(3, 1, {path("a.cvn")});
+    ASSERT_EQ("", error_);
+    const int64_t n = bytes_read() - before;
+    EXPECT_GT(n, size * 3 / 4);  // all three rows lie in the one row group
+    EXPECT_LT(n, size * 3 / 2);
+}
+
+TEST_F(CvnsampSample, RefusesAPipeWithoutWaitingForItsOtherEnd) {
+    write_table(path("a.cvn"), numbered(0, 9));
+    ASSERT_EQ(0, mkfifo(path("f.cvn").c_str(), 0600));
+    EXPECT_EQ("'" + path("f.cvn") + "': is not a regular file", refusal({path("f.cvn")}));
+    ASSERT_EQ(0, cvnx_split(path("split").c_str(), path("a.cvn").c_str()));
+    EXPECT_EQ("", refusal({path("split")}));
+    fs::remove(path("split") + "/1.cvnx");
+    ASSERT_EQ(0, mkfifo((path("split") + "/1.cvnx").c_str(), 0600));
+    EXPECT_EQ("'" + path("split") + "/1.cvnx': is not a regular file", refusal({path("split")}));
+}
+
+TEST_F(CvnsampSample, MakesTheSampleInAFileThatNeverHasAName) {
+    write_table(path("a.cvn"), numbered(0, 9));
+    fs::create_directory(path("tmp"));
+    const int probe = open(path("tmp").c_str(), O_TMPFILE | O_RDWR, 0600);
+    if (probe < 0) GTEST_SKIP() << "the file system has no files without a name";
+    close(probe);
+    const int watch = inotify_init1(IN_NONBLOCK);
+    ASSERT_GE(watch, 0);
+    ASSERT_GE(inotify_add_watch(watch, path("tmp").c_str(), IN_CREATE | IN_MOVED_TO), 0);
+    const int out = open(path("out.cvn").c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(out, 0);
+    EXPECT_EQ(3u, sample_files(out, 3, 1, {path("a.cvn")}, path("tmp")));
+    close(out);
+    char event[4096];
+    EXPECT_EQ(-1, read(watch, event, sizeof(event)));
+    EXPECT_EQ(EAGAIN, errno);
+    close(watch);
+    EXPECT_EQ(3u, scan_table(path("out.cvn")).nrow());
 }
 
 TEST_F(CvnsampSample, SaysThatTheOutputIsFull) {
