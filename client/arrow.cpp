@@ -752,7 +752,7 @@ static int given_scale(const kelp_arrow_opt_t& arrow, const std::vector<kelp_col
     ret->assign(column.size(), -1);
     for (const auto& [name, scale] : arrow.scale) {
         const auto at = std::find_if(column.begin(), column.end(),
-                                     [&](const kelp_column_t& c) { return c.name == name; });
+                                     [&name = name](const kelp_column_t& c) { return c.name == name; });
         if (at == column.end() || !is_decimal(at->typ))
             return kelp_fail(err, KELP_EARG, nullptr,
                              "a scale is given for %.100s, which is no decimal column of the result",

@@ -5,6 +5,7 @@
 // table of positions: for texts by one walk over the bytes that looks at 64 at a time.
 
 #include <lz4.h>
+#include <sys/mman.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -21,12 +22,37 @@ static constexpr char PAGE_HINT[] =
     "verify the table's files; if they are intact, the connection or the server is not";
 static constexpr int LZ4_MAX_RATIO = 255;  // no block expands by more
 static constexpr size_t BUF_ALIGN = 64;
-static constexpr size_t IDLE_MAX = size_t{64} << 20;  // memory kept for reuse
+static constexpr size_t IDLE_MAX = size_t{48} << 20;  // memory kept for reuse
+static constexpr size_t PAGE_ALIGN = 4096;
 
 // Buffers.
 
+// Larger ones are mappings of their own: the memory allocator would keep what is freed of them, in pieces
+// that the next sizes do not fit.
+static constexpr size_t MAP_MIN = size_t{1} << 20;
+
+static buf_t buf_alloc(size_t cap) {
+    buf_t fresh;
+    if (cap < MAP_MIN) {
+        fresh.p = static_cast<char*>(aligned_alloc(BUF_ALIGN, cap));
+    } else {
+        cap = (cap + PAGE_ALIGN - 1) / PAGE_ALIGN * PAGE_ALIGN;
+        void* const p = mmap(nullptr, cap, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p != MAP_FAILED) fresh.p = static_cast<char*>(p);
+    }
+    if (fresh.p) fresh.cap = cap;
+    return fresh;
+}
+
+static void buf_free(const buf_t& buf) {
+    if (buf.cap < MAP_MIN)
+        free(buf.p);
+    else
+        munmap(buf.p, buf.cap);
+}
+
 bufpool_t::~bufpool_t() {
-    for (const buf_t& b : idle) free(b.p);
+    for (const buf_t& b : idle) buf_free(b);
 }
 
 buf_t buf_get(bufpool_t* pool, size_t nbyte) {
@@ -49,11 +75,7 @@ buf_t buf_get(bufpool_t* pool, size_t nbyte) {
         }
     }
     // A little more than asked for, since the next row group's pages are about this large, not exactly.
-    const size_t cap = want + want / 16 / BUF_ALIGN * BUF_ALIGN;
-    buf_t fresh;
-    fresh.p = static_cast<char*>(aligned_alloc(BUF_ALIGN, cap));
-    if (fresh.p) fresh.cap = cap;
-    return fresh;
+    return buf_alloc(want + want / 16 / BUF_ALIGN * BUF_ALIGN);
 }
 
 void buf_put(bufpool_t* pool, buf_t buf) {
@@ -63,7 +85,7 @@ void buf_put(bufpool_t* pool, buf_t buf) {
         // What has lain longest makes room: the sizes now in use are more likely to come again.
         while (!pool->idle.empty() && pool->idlesz + buf.cap > IDLE_MAX) {
             pool->idlesz -= pool->idle.front().cap;
-            free(pool->idle.front().p);
+            buf_free(pool->idle.front());
             pool->idle.erase(pool->idle.begin());
         }
         if (buf.cap <= IDLE_MAX) {
@@ -74,7 +96,7 @@ void buf_put(bufpool_t* pool, buf_t buf) {
     } catch (...) {
         // No room to remember it: released like any other memory.
     }
-    free(buf.p);
+    buf_free(buf);
 }
 
 void column_free(bufpool_t* pool, column_t* col) {
@@ -210,16 +232,36 @@ static bool find_bytes(int32_t* offset, const char* value, int32_t valuesz, int3
     return true;
 }
 
-// The rows whose bit is set.
-static int64_t count_nulls(const uint8_t* nullmap, int64_t nrow) {
-    int64_t n = 0, i = 0;
-    const int64_t whole = nrow / 8;
-    for (; i + 8 <= whole; i += 8) {
+// The bits that are set in `nword` words of eight bytes.
+static inline __attribute__((always_inline)) int64_t count_bits_any(const uint8_t* p, int64_t nword) {
+    int64_t n = 0;
+    for (int64_t i = 0; i < nword; i++) {
         uint64_t word;
-        memcpy(&word, nullmap + i, sizeof(word));
+        memcpy(&word, p + 8 * i, sizeof(word));
         n += __builtin_popcountll(word);
     }
-    for (; i < whole; i++) n += __builtin_popcount(nullmap[i]);
+    return n;
+}
+
+#if defined(__x86_64__)
+__attribute__((target("popcnt"))) static int64_t count_bits_popcnt(const uint8_t* p, int64_t nword) {
+    return count_bits_any(p, nword);
+}
+#endif
+
+static int64_t count_bits(const uint8_t* p, int64_t nword) {
+#if defined(__x86_64__)
+    static const bool popcnt = __builtin_cpu_supports("popcnt");
+    if (popcnt) return count_bits_popcnt(p, nword);
+#endif
+    return count_bits_any(p, nword);
+}
+
+// The rows whose bit is set.
+static int64_t count_nulls(const uint8_t* nullmap, int64_t nrow) {
+    const int64_t whole = nrow / 8;
+    int64_t n = count_bits(nullmap, whole / 8);
+    for (int64_t i = whole / 8 * 8; i < whole; i++) n += __builtin_popcount(nullmap[i]);
     if (nrow % 8) n += __builtin_popcount(nullmap[whole] >> (8 - nrow % 8));
     return n;
 }

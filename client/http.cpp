@@ -301,6 +301,9 @@ static int fail_curl(const transfer_t* t, CURLcode rc, const char* detail) {
             return kelp_fail(t->err, KELP_ECONNECT,
                              "check that the port is one for https; without it, write http:// or kelp://",
                              "no secure connection to %s: %s", host.c_str(), why);
+        case CURLE_BAD_CONTENT_ENCODING:
+            return kelp_fail(t->err, KELP_EPROTO, NO_KELPD_HINT, "%s encodes its reply in an unknown way",
+                             host.c_str());
         default: return kelp_fail(t->err, KELP_ECONNECT, nullptr, "%s: %s", host.c_str(), why);
     }
 }
