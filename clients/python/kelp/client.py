@@ -1,6 +1,7 @@
 """Talking to a kelpd server: catalogue, upload, removal, and scans."""
 
 import collections
+import contextlib
 import json
 import os
 import queue
@@ -8,7 +9,7 @@ import threading
 
 from . import http, types
 from .errors import KelpError
-from .files import DataFile, check_columns
+from .files import DataFile, check_columns, open_regular, path_text
 from .stream import RecordReader, read_counts, read_meta
 from .table import Table
 from .where import apply, bind, parse_where, sendable
@@ -148,10 +149,10 @@ class RemoteTable:
             raise self._alien()
         return [types.Field(name, typ) for _, name, typ in sorted(columns)]
 
-    def _post(self, body):
+    def _post(self, body, opened=None):
         raw = body.encode("utf-8", "surrogateescape")
         reply = self.connection._request("POST", self.path, body=[raw], length=len(raw),
-                                         content_type="application/json")
+                                         content_type="application/json", opened=opened)
         if reply.ok:
             return reply
         with reply:
@@ -173,7 +174,7 @@ class RemoteTable:
 
     def sample(self, n):
         """Returns a Table of about `n` rows that the server's sampler chose."""
-        if not 0 < n < 1 << 31:
+        if not isinstance(n, int) or not 0 < n < 1 << 31:
             raise KelpError("a sample needs a number of rows from 1 to 2147483647")
         fields = self.schema()
         with self._post('{"command": ["sample", "%d"]}' % n) as reply:
@@ -197,7 +198,9 @@ class RemoteTable:
         if name is None:
             if is_bytes:
                 raise KelpError("an upload of bytes needs a name")
-            name = os.path.basename(os.fspath(source))
+            name = os.path.basename(path_text(source))
+        if not isinstance(name, str):
+            raise KelpError("%r is no name of a file" % (name,))
         if name.endswith(".tmp"):
             raise KelpError("the name %s cannot be listed: the server uses .tmp for uploads in progress" % name)
         if verify and name.endswith(".cvn"):
@@ -206,12 +209,9 @@ class RemoteTable:
             view = memoryview(source).cast("B")
             self._put(name, http.pieces_of(view), len(view), progress)
             return
-        try:
-            with open(source, "rb") as file:
-                length = os.fstat(file.fileno()).st_size
-                self._put(name, http.pieces_of_file(file, length), length, progress)
-        except OSError as error:
-            raise KelpError("cannot read %s: %s" % (source, error.strerror)) from None
+        with open_regular(source) as file:
+            length = os.fstat(file.fileno()).st_size
+            self._put(name, http.pieces_of_file(file, length, source), length, progress)
 
     def _put(self, name, pieces, length, progress):
         with self.connection._request("PUT", self.path + [name], body=pieces, length=length,
@@ -259,28 +259,37 @@ def _columns(pages, fields):
 
 
 class _Run:
-    """One iteration of a scan: its open replies, and the word that it is over."""
+    """One iteration of a scan: its open connections, and the word that it is over."""
 
     def __init__(self):
         self.stopped = threading.Event()
         self._lock = threading.Lock()
-        self._replies = set()
+        self._links = set()
 
-    def add(self, reply):
-        with self._lock:
-            self._replies.add(reply)
-        if self.stopped.is_set():
-            reply.cancel()
+    @contextlib.contextmanager
+    def post(self, table, body):
+        """Sends a query and gives its reply. From the moment when the connection stands `stop` ends it."""
+        links = []
 
-    def discard(self, reply):
-        with self._lock:
-            self._replies.discard(reply)
+        def opened(link):
+            links.append(link)
+            with self._lock:
+                self._links.add(link)
+            if self.stopped.is_set():
+                link.cancel()
+
+        try:
+            with table._post(body, opened) as reply:
+                yield reply
+        finally:
+            with self._lock:
+                self._links.difference_update(links)
 
     def stop(self):
         self.stopped.set()
         with self._lock:
-            for reply in self._replies:
-                reply.cancel()
+            for link in self._links:
+                link.cancel()
 
 
 class Scan:
@@ -354,7 +363,7 @@ class Scan:
             self.stats = {"rowgroups": 0, "rows": 0, "bytes": 0}
         try:
             if not self._fetch:
-                yield from self._counts()
+                yield from self._counts(run)
             elif self._jobs == 1:
                 yield from self._fragment(run, 0)
             else:
@@ -374,25 +383,21 @@ class Scan:
             self.stats["rows"] += rows
             self.stats["bytes"] += nbyte
 
-    def _counts(self):
-        with self._table._post("{}") as reply:
+    def _counts(self, run):
+        with run.post(self._table, "{}") as reply:
             for number, nrow in enumerate(read_counts(reply)):
                 self._note(1, nrow, 0)
                 yield number, 0, Table([], nrow)
 
     def _fragment(self, run, job):
-        with self._table._post(self._bodies[job]) as reply:
-            run.add(reply)
-            try:
-                reader, before = RecordReader(reply, len(self._fetch)), 0
-                for number, pages in enumerate(reader):
-                    batch = self._filter(pages)
-                    self._note(1, 0 if batch is None else len(batch), reader.nbyte - before)
-                    before = reader.nbyte
-                    if batch is not None:
-                        yield number, job, batch
-            finally:
-                run.discard(reply)
+        with run.post(self._table, self._bodies[job]) as reply:
+            reader, before = RecordReader(reply, len(self._fetch)), 0
+            for number, pages in enumerate(reader):
+                batch = self._filter(pages)
+                self._note(1, 0 if batch is None else len(batch), reader.nbyte - before)
+                before = reader.nbyte
+                if batch is not None:
+                    yield number, job, batch
 
     def _filter(self, pages):
         columns = _columns(pages, self._fetch)

@@ -10,6 +10,7 @@ start of the column's file and the hash is still that of the original footer.
 
 import mmap
 import os
+import stat
 
 import numpy as np
 
@@ -85,8 +86,40 @@ def _plain(number):
     return number.item()
 
 
+def path_text(path):
+    """Returns a path as a str; raises KelpError for what is none."""
+    try:
+        text = os.fsdecode(path)
+    except TypeError:
+        raise KelpError("%r is no path" % (path,)) from None
+    if "\0" in text:
+        raise KelpError("%r is no path: it holds a NUL" % text)
+    return text
+
+
+def open_regular(path):
+    """Opens a file to read its bytes; raises KelpError when it cannot be, also for what is no regular file."""
+    path = path_text(path)
+    try:
+        # A FIFO without a writer must not be waited for, only to be refused.
+        fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
+        file = os.fdopen(fd, "rb")
+    except IsADirectoryError:
+        raise KelpError("cannot read %s: it is a directory" % path) from None
+    except OSError as error:
+        raise KelpError("cannot read %s: %s" % (path, error.strerror)) from None
+    if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
+        file.close()
+        raise KelpError("cannot read %s: it is no regular file" % path)
+    return file
+
+
 class DataFile:
-    """An open data file, split directory, or bytes-like object that holds a file. Use as a context manager."""
+    """An open data file, split directory, or bytes-like object that holds a file. Use as a context manager.
+
+    Files are mapped into memory. Replace one by renaming another over it, as write_table does: a process that still
+    reads a file which is cut short under it is ended by SIGBUS.
+    """
 
     def __init__(self, source):
         self._maps = []
@@ -95,7 +128,7 @@ class DataFile:
             self.path = "the given bytes"
             self._data = as_bytes(source)
         else:
-            self.path = os.fspath(source)
+            self.path = path_text(source)
             self.split = os.path.isdir(self.path)
             self._data = self._map(os.path.join(self.path, "meta.cvnx") if self.split else self.path)
         self._column_data = {}
@@ -114,13 +147,13 @@ class DataFile:
         self._column_data = {}
 
     def _map(self, path):
-        try:
-            with open(path, "rb") as file:
-                if os.fstat(file.fileno()).st_size == 0:
-                    return np.empty(0, np.uint8)
+        with open_regular(path) as file:
+            if os.fstat(file.fileno()).st_size == 0:
+                return np.empty(0, np.uint8)
+            try:
                 mapped = mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ)
-        except OSError as error:
-            raise KelpError("cannot read %s: %s" % (path, error.strerror)) from None
+            except (OSError, ValueError) as error:  # ValueError: it has become empty meanwhile
+                raise KelpError("cannot read %s: %s" % (path, getattr(error, "strerror", None) or error)) from None
         self._maps.append(mapped)
         return np.frombuffer(mapped, np.uint8)
 
@@ -228,9 +261,9 @@ class DataFile:
 
     def read(self, columns=None, where=None):
         """Returns the whole result as one Table."""
-        found = list(self.batches(columns, where))
         by_name = {f.name: f for f in self.schema}
-        wanted = list(by_name) if columns is None else list(columns)
+        wanted = list(by_name) if columns is None else check_columns(columns, list(by_name))
+        found = list(self.batches(wanted, where))
         return Table.concat(found, [by_name[name] for name in wanted])
 
     def info(self):
@@ -267,7 +300,10 @@ def check_columns(columns, names):
     """Returns the wanted columns as a list; raises KelpError for one that is unknown or named twice."""
     if isinstance(columns, str):
         columns = [part.strip() for part in columns.split(",")]
-    columns = list(columns)
+    try:
+        columns = list(columns)
+    except TypeError:
+        raise KelpError("%r names no columns; give a list of names, or a text with commas" % (columns,)) from None
     for name in columns:
         if name not in names:
             raise KelpError("there is no column %s; the columns are %s" % (name, ", ".join(names)))

@@ -24,6 +24,8 @@ class Address:
     """Where a server is, out of a URL such as kelp://host:8080/db/schema/entity or http://host/v1/db/schema."""
 
     def __init__(self, url):
+        if not isinstance(url, str):
+            raise KelpError("%r is no URL; write kelp://host:port" % (url,))
         if "://" not in url:
             url = "kelp://" + url
         try:
@@ -33,6 +35,11 @@ class Address:
             raise KelpError("%r is no URL; write kelp://host:port" % url) from None
         if self.scheme not in DEFAULT_PORTS or not self.host:
             raise KelpError("%r is no server; write kelp://host:port or http://host:port" % url)
+        try:
+            # As it stands in the name service and in the request's head: without letters beyond ASCII.
+            self.host = self.host.encode("idna").decode("ascii")
+        except UnicodeError:
+            raise KelpError("%r is no server: its host name cannot be one" % url) from None
         self.port = port or DEFAULT_PORTS[self.scheme]
         if not self.port:
             raise KelpError("%r has no port; write kelp://host:port" % url)
@@ -57,6 +64,20 @@ def target(path):
         if not part or part.startswith(".") or "/" in part or "\0" in part:
             raise KelpError("%r cannot be a name: it is empty, begins with a dot, or holds a slash" % part)
     return "/v1" + "".join("/" + quote(part.encode("utf-8", "surrogateescape"), safe="-._~") for part in path)
+
+
+class Link:
+    """A connection that another thread may end."""
+
+    def __init__(self, connection):
+        self._socket = connection
+
+    def cancel(self):
+        """Ends whatever is being sent or waited for."""
+        try:
+            self._socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
 
 
 class Reply:
@@ -91,13 +112,6 @@ class Reply:
     def close(self):
         self._file.close()
         self._socket.close()
-
-    def cancel(self):
-        """Ends a read that another thread is waiting in."""
-        try:
-            self._socket.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
 
     @property
     def ok(self):
@@ -208,17 +222,33 @@ def _connect(address, timeout):
         return connection
     except TimeoutError:
         raise KelpError("cannot reach %s in time; is the host right?" % address) from None
+    except (OSError, ValueError) as error:  # ValueError: a host name that cannot be one
+        raise KelpError("cannot reach %s: %s; is kelpd running there?"
+                        % (address, getattr(error, "strerror", None) or error)) from None
+
+
+def _send(address, connection, data):
+    """Sends all of `data`. Returns False when the server hung up, which it may do after it has answered."""
+    try:
+        connection.sendall(data)
+        return True
+    except TimeoutError:
+        raise KelpError("%s did not take the request in time" % address) from None
+    except (BrokenPipeError, ConnectionResetError, ConnectionAbortedError):
+        return False
     except OSError as error:
-        raise KelpError("cannot reach %s: %s; is kelpd running there?" % (address, error.strerror or error)) from None
+        raise KelpError("the connection to %s broke: %s" % (address, error.strerror or error)) from None
 
 
-def request(address, timeout, method, path, body=None, length=0, content_type=None, progress=None):
+def request(address, timeout, method, path, body=None, length=0, content_type=None, progress=None, opened=None):
     """Sends one request and returns its Reply, of any status. The caller closes the reply.
 
     body       an iterable of bytes that add up to `length`, or None
     progress   called with (bytes sent, length) after each piece
+    opened     called with the Link as soon as the connection stands
     """
-    lines = ["%s %s HTTP/1.1" % (method, target(path)), "Host: %s" % address, "Connection: close"]
+    host = "[%s]" % address.host if ":" in address.host else address.host
+    lines = ["%s %s HTTP/1.1" % (method, target(path)), "Host: %s:%d" % (host, address.port), "Connection: close"]
     if address.authorization:
         lines.append("Authorization: " + address.authorization)
     if body is not None:
@@ -229,18 +259,16 @@ def request(address, timeout, method, path, body=None, length=0, content_type=No
     connection = _connect(address, timeout)
     file = None
     try:
-        try:
-            connection.sendall(head)
-            sent = 0
-            for piece in body or ():
-                connection.sendall(piece)
-                sent += len(piece)
-                if progress:
-                    progress(sent, length)
-        except TimeoutError:
-            raise KelpError("%s did not take the request in time" % address) from None
-        except (BrokenPipeError, ConnectionResetError, ConnectionAbortedError):
-            pass  # the server may have answered before it hung up
+        if opened:
+            opened(Link(connection))
+        going, sent = _send(address, connection, head), 0
+        for piece in body or ():
+            going = going and _send(address, connection, piece)
+            if not going:
+                break
+            sent += len(piece)
+            if progress:
+                progress(sent, length)
         file = connection.makefile("rb", 1 << 16)
         return Reply(connection, file, address)
     except BaseException:
@@ -256,11 +284,14 @@ def pieces_of(buffer):
         yield view[at:at + _SEND_PIECE]
 
 
-def pieces_of_file(file, length):
+def pieces_of_file(file, length, name):
     """Yields exactly `length` bytes of a file that may change under the upload."""
     left = length
     while left:
-        piece = file.read(min(left, _SEND_PIECE))
+        try:
+            piece = file.read(min(left, _SEND_PIECE))
+        except OSError as error:
+            raise KelpError("cannot read %s: %s" % (name, error.strerror)) from None
         if not piece:
             raise KelpError("the file became shorter during the upload")
         left -= len(piece)

@@ -96,13 +96,11 @@ class RecordReader:
 
 
 def read_counts(source):
-    """Returns the row counts of a count reply, one a segment."""
-    counts = []
+    """Yields the row counts of a count reply, one a segment."""
     for pages in RecordReader(source, 1):
         if pages[0].cno != -1:
             raise KelpError("the server's reply is no row count")
-        counts.append(pages[0].nrow)
-    return counts
+        yield pages[0].nrow
 
 
 def read_meta(source):

@@ -155,11 +155,34 @@ def _exact_ms(delta):
     return delta.days * _DAY_MS + delta.seconds * 1000 + delta.microseconds // 1000
 
 
+# Dates and times as text: one form each, beside the number that is stored.
+_NUMBER = re.compile(r"[+-]?[0-9]+")
+_DATE = re.compile(r"-?[0-9]{4}-[0-9]{2}-[0-9]{2}")
+_TIME = re.compile(r"([0-9]{2}):([0-9]{2})(?::([0-9]{2})(?:\.([0-9]{1,3}))?)?")
+_TIMESTAMP = re.compile(r"(-?[0-9]{4}-[0-9]{2}-[0-9]{2})(?:[ T](%s)Z?)?" % _TIME.pattern)
+# What float and Decimal read, without their blanks, underscores and digits of other scripts.
+_REAL = re.compile(r"[+-]?(?:(?:[0-9]+\.?[0-9]*|\.[0-9]+)(?:[eE][+-]?[0-9]+)?|(?i:inf|infinity|s?nan[0-9]*))")
+
+
+def _date_of_text(type_, text):
+    if not _DATE.fullmatch(text):
+        raise _wrong(type_, text)
+    return int(np.datetime64(text, "D").astype("i8"))
+
+
+def _time_of_text(type_, text):
+    found = _TIME.fullmatch(text)
+    if not found:
+        raise _wrong(type_, text)
+    hour, minute, second, part = found.groups("0")
+    if int(hour) > 23 or int(minute) > 59 or int(second) > 59:
+        raise _wrong(type_, text)
+    return ((int(hour) * 60 + int(minute)) * 60 + int(second)) * 1000 + int(part.ljust(3, "0"))
+
+
 def _coerce_date(type_, value, text):
     if isinstance(value, str) and text:
-        if re.fullmatch(r"-?[0-9]+", value):
-            return int(value)
-        value = np.datetime64(value)
+        return int(value) if _NUMBER.fullmatch(value) else _date_of_text(type_, value)
     if isinstance(value, np.datetime64):
         return _exact_units(value, "D")
     if isinstance(value, datetime.datetime):
@@ -175,9 +198,7 @@ def _coerce_date(type_, value, text):
 
 def _coerce_time(type_, value, text):
     if isinstance(value, str) and text:
-        if re.fullmatch(r"-?[0-9]+", value):
-            return int(value)
-        value = datetime.time.fromisoformat(value)
+        return int(value) if _NUMBER.fullmatch(value) else _time_of_text(type_, value)
     if isinstance(value, np.timedelta64):
         return _exact_units(value, "ms")
     if isinstance(value, datetime.time):
@@ -193,9 +214,13 @@ def _coerce_time(type_, value, text):
 
 def _coerce_timestamp(type_, value, text):
     if isinstance(value, str) and text:
-        if re.fullmatch(r"-?[0-9]+", value):
+        if _NUMBER.fullmatch(value):
             return int(value)
-        value = np.datetime64(value.replace(" ", "T"))
+        found = _TIMESTAMP.fullmatch(value)
+        if not found:
+            raise _wrong(type_, value)
+        day, clock = _date_of_text(type_, found.group(1)), found.group(2)
+        return day * _DAY_MS + (_time_of_text(type_, clock) if clock else 0)
     if isinstance(value, np.datetime64):
         return _exact_units(value, "ms")
     if isinstance(value, datetime.datetime):
@@ -228,13 +253,24 @@ def _coerce_int(type_, value, text):
 def _coerce_float(type_, value, text):
     if isinstance(value, bool) or not isinstance(value, (int, float, Decimal, str) if text else (int, float, Decimal)):
         raise _wrong(type_, value)
-    value = float(value)
-    return float(np.float32(value)) if type_.storage == FLOAT and math.isfinite(value) else value
+    if isinstance(value, str) and not _REAL.fullmatch(value):
+        raise _wrong(type_, value)
+    near = float(value)
+    if type_.storage == FLOAT and math.isfinite(near):
+        with np.errstate(over="ignore"):
+            near = float(np.float32(near))
+    if math.isinf(near) and "inf" not in str(value).lower():
+        raise KelpError("%s is out of range for %s" % (value, type_.name))
+    if isinstance(value, int) and near != value:
+        raise KelpError("%d has more digits than %s holds" % (value, type_.name))
+    return near
 
 
 def _coerce_decimal(type_, value, text):
     if isinstance(value, bool) or not isinstance(value, (int, Decimal, str)):
         # A float is refused: the decimal that was meant is not the one that it holds.
+        raise _wrong(type_, value)
+    if isinstance(value, str) and not _REAL.fullmatch(value):
         raise _wrong(type_, value)
     return value if isinstance(value, Decimal) else Decimal(value)
 
@@ -316,8 +352,11 @@ def parse_schema(schema):
     if isinstance(schema, dict):
         return [Field(name, type_) for name, type_ in schema.items()]
     if not isinstance(schema, str):
-        return [f if isinstance(f, Field) else
-                Field(f[0], f[1], zflag="-z" in "".join(f[2:]), nflag="-n" in "".join(f[2:])) for f in schema]
+        try:
+            return [f if isinstance(f, Field) else
+                    Field(f[0], f[1], zflag="-z" in "".join(f[2:]), nflag="-n" in "".join(f[2:])) for f in schema]
+        except (TypeError, IndexError):
+            raise KelpError("%r is no schema: give a text, or Fields, or tuples (name, type)" % (schema,)) from None
     words, at = [[]], 0
     schema = schema.rstrip()
     while at < len(schema):

@@ -33,7 +33,7 @@ OPERATORS = ("==", "!=", ">", ">=", "<", "<=", "isnull", "isnotnull", "in")
 _ALIASES = {"=": "==", "<>": "!=", "is null": "isnull", "is not null": "isnotnull"}
 
 _TOKEN = re.compile(r"""\s*(?:
-    "(?P<double>[^"]*)" | '(?P<single>(?:[^']|'')*)' |
+    "(?P<double>(?:[^"]|"")*)" | '(?P<single>(?:[^']|'')*)' |
     (?P<op>==|!=|<>|>=|<=|=|>|<) | (?P<mark>[(),]) | (?P<word>[^\s,()=<>!"']+))""", re.VERBOSE)
 _USAGE = "write for example: qty > 10 and note is null and state in ('open', 'held')"
 
@@ -51,8 +51,9 @@ def _tokens(text):
         at = found.end()
         kind = found.lastgroup
         value = found.group(kind)
-        if kind == "single":
-            value = value.replace("''", "'")
+        if kind in ("single", "double"):  # inside quotes the quote itself is doubled
+            quote = "'" if kind == "single" else '"'
+            value = value.replace(2 * quote, quote)
         out.append((kind, _Word(value) if kind == "word" else value))
     return out
 

@@ -5,6 +5,7 @@ statistics keep what its comparisons keep, so that the same rows give the same b
 """
 
 import datetime
+import itertools
 import os
 import struct
 from decimal import Decimal
@@ -13,7 +14,7 @@ import numpy as np
 
 from . import dpd, types
 from .errors import KelpError
-from .files import HEAD_MAGIC, TAIL_MAGIC
+from .files import HEAD_MAGIC, TAIL_MAGIC, path_text
 from .native import as_bytes, lz4_compress, xxh32
 from .page import MAX_ROWS
 from .table import Column, Table
@@ -21,6 +22,8 @@ from .table import Column, Table
 MAX_RESERVED = 33554432      # value bytes of a row group
 MAX_VALUE = 512 << 20        # one value; keeps every size of a chunk within 32 bits
 COMPRESS_FROM = 4096         # bytes; smaller chunks are stored as they are
+EXACT = {types.FLOAT: 1 << 24, types.DOUBLE: 1 << 53}  # up to here every integer is such a number
+_WRITES = itertools.count()
 _STRUCT_COLDEF = struct.Struct("<128siBB2x")
 _STRUCT_COLSTAT = struct.Struct("<qB7x48s48s")
 _STRUCT_ROWGROUP = struct.Struct("<iiii")
@@ -158,8 +161,7 @@ class _Fixed:
             if type_.storage == types.BOOL and kind == "b":
                 return data.view(np.uint8), mask
             if type_.is_float and kind in "fiu":
-                with np.errstate(over="ignore"):
-                    return data.astype("<f4" if type_.storage == types.FLOAT else "<f8"), mask
+                return _Fixed._reals(type_, data if mask is None else np.where(mask, data.dtype.type(0), data)), mask
             if type_.is_int and kind in "iu":
                 return _Fixed._ints(type_, data if mask is None else np.where(mask, data.dtype.type(0), data)), mask
             data = data.tolist()
@@ -172,7 +174,8 @@ class _Fixed:
                 if not low <= value <= high:
                     raise KelpError("%d is out of range for %s" % (value, type_.name))
             return np.array(numbers, "<i%d" % type_.width), mask
-        if type_.storage == types.DOUBLE and kinds <= {int, float}:
+        if type_.storage == types.DOUBLE and kinds <= {int, float} and not any(
+                type(v) is int and abs(v) > EXACT[types.DOUBLE] for v in rows):
             return np.array([0.0 if v is None else v for v in rows], "<f8"), mask
         plain = [None if v is None else type_.coerce(v) for v in rows]
         if type_.storage == types.DEC64:
@@ -190,6 +193,21 @@ class _Fixed:
             return np.frombuffer(blob, "<u8").reshape(-1, 2), mask
         return np.array(plain, {types.BOOL: "u1", types.FLOAT: "<f4", types.DOUBLE: "<f8"}.get(
             type_.storage, "<i%d" % type_.width)), mask
+
+    @staticmethod
+    def _reals(type_, data):
+        with np.errstate(over="ignore"):
+            out = data.astype("<f4" if type_.storage == types.FLOAT else "<f8")
+        if data.dtype.kind == "f":
+            lost = np.isinf(out) & ~np.isinf(data)
+            if lost.any():
+                raise KelpError("%s is out of range for %s" % (data[lost][0], type_.name))
+            return out
+        exact = EXACT[type_.storage]
+        for i in np.flatnonzero((data > exact) | (data < -exact) if data.dtype.kind == "i" else data > exact):
+            if int(out[i]) != int(data[i]):
+                raise KelpError("%d has more digits than %s holds" % (data[i], type_.name))
+        return out
 
     @staticmethod
     def _ints(type_, data):
@@ -474,8 +492,8 @@ def write_table(path, columns, schema=None):
     """
     fields, sources = _sources(columns, schema)
     nrow = len(sources[0])
-    path = os.fspath(path)
-    temporary = "%s.%d.tmp" % (path, os.getpid())
+    path = path_text(path)
+    temporary = "%s.%d.%d.tmp" % (path, os.getpid(), next(_WRITES))  # another thread may write the same file
     try:
         with open(temporary, "wb") as file:
             output = _Output(file, fields, sources)

@@ -1,8 +1,10 @@
 """Requests as they leave the client, and scans over several connections."""
 
+import errno
 import json
 import os
 import shutil
+import socket
 import ssl
 import struct
 import subprocess
@@ -32,6 +34,12 @@ class Addresses(unittest.TestCase):
                 kelp.connect(url)
         with self.assertRaisesRegex(kelp.KelpError, "does not begin with /v1"):
             kelp.connect("http://h/v2/a")
+        for host in ("a..b", "x" * 64 + ".de", "\ud800"):
+            with self.assertRaisesRegex(kelp.KelpError, "host name cannot be one|is no server", msg=host):
+                kelp.connect("kelp://%s:1" % host)
+        with self.assertRaisesRegex(kelp.KelpError, "cannot reach a b:1"):
+            kelp.connect("kelp://a b:1", timeout=5).databases()
+        self.assertEqual("xn--bcher-kva.example:1", str(kelp.connect("kelp://b\u00fccher.example:1").address))
 
     def test_the_environment_names_the_default_server(self):
         old = os.environ.pop("KELPD_URL", None)
@@ -133,6 +141,52 @@ class Requests(Case):
         with self.assertRaisesRegex(kelp.KelpError, "the server refused the upload of x.sql: 400 Bad Request; "
                                                    "the file may be damaged"):
             connection.table("d.s.e").upload(b"select", "x.sql")
+
+    def test_a_chunked_reply_without_a_body_is_success_as_well(self):
+        # A proxy in front of the server may put its empty replies into chunks.
+        connection = self.serve(lambda *_: CHUNKED_HEAD + b"0\r\n\r\n")
+        connection.table("d.s.e").upload(b"x", "x.sql")
+        connection.table("d.s.e").remove("x.sql")
+        self.assertEqual(["PUT", "DELETE"], [r[0] for r in self.server.requests])
+
+    def test_a_network_that_fails_while_sending_is_no_unreadable_file(self):
+        connection = self.serve(lambda *_: OK)
+        path = self.write({"a": [1]})
+
+        class Dead(socket.socket):
+            def sendall(self, data):
+                raise OSError(errno.EHOSTUNREACH, "No route to host")
+
+        original = socket.create_connection
+        socket.create_connection = lambda address, timeout: Dead()
+        try:
+            with self.assertRaisesRegex(kelp.KelpError, "^the connection to 127.0.0.1:.* broke: No route to host$"):
+                connection.table("d.s.e").upload(path)
+            with self.assertRaisesRegex(kelp.KelpError, "^the connection to 127.0.0.1:.* broke: No route to host$"):
+                connection.databases()
+        finally:
+            socket.create_connection = original
+
+    def test_an_error_of_the_caller_s_own_progress_comes_through(self):
+        connection = self.serve(lambda *_: OK)
+
+        def progress(sent, whole):
+            raise PermissionError(13, "mine")
+        with self.assertRaises(PermissionError):
+            connection.table("d.s.e").upload(self.write({"a": [1]}), progress=progress)
+
+    def test_arguments_of_another_kind_are_refused(self):
+        table = self.serve(lambda *_: OK).table("d.s.e")
+        for call in (lambda: table.sample("5"), lambda: table.sample(None), lambda: table.upload(5),
+                     lambda: table.upload(b"x", 5), lambda: table.upload("a\0b"), lambda: kelp.connect(5),
+                     lambda: table.scan(columns=5)):
+            with self.assertRaises(kelp.KelpError):
+                call()
+
+    def test_a_fifo_is_not_uploaded(self):
+        os.mkfifo(self.path("f.sql"))
+        with self.assertRaisesRegex(kelp.KelpError, "it is no regular file"):
+            self.serve(lambda *_: OK).table("d.s.e").upload(self.path("f.sql"))
 
     def test_removals_name_a_file_or_the_table(self):
         connection = self.serve(lambda *_: OK)
@@ -335,6 +389,51 @@ class Jobs(Case):
             timer.join()
             with self.assertRaisesRegex(kelp.KelpError, "scan was closed"):
                 scan.read()
+
+    def test_closing_a_scan_ends_the_wait_for_the_head_of_a_reply(self):
+        for jobs, columns in ((1, None), (2, None), (1, [])):
+            asked, hold = threading.Event(), threading.Event()
+
+            def post(body):
+                asked.set()
+                hold.wait(10)
+                return b""
+            server = table_server(self, [("c", "int32")], post)
+            self.addCleanup(hold.set)  # before the server is closed
+            scan = server.table.scan(columns, jobs=jobs)
+            ended = []
+
+            def work():
+                try:
+                    scan.read()
+                except kelp.KelpError as error:
+                    ended.append(str(error))
+            thread = threading.Thread(target=work)
+            thread.start()
+            self.assertTrue(asked.wait(10))
+            scan.close()
+            thread.join(8)
+            self.assertEqual(["the scan was closed"], ended)
+            self.assertFalse(hold.is_set())
+
+    def test_counts_are_handed_on_one_by_one_and_can_be_cancelled(self):
+        hold = threading.Event()
+        count = record(page(bytes(1), -1, 0, 7, 0, 0, hash=0))
+
+        def post(body):
+            yield CHUNKED_HEAD + chunk(count) + chunk(count)
+            hold.wait(10)
+            yield b""
+        server = table_server(self, [("c", "int32")], post)
+        self.addCleanup(hold.set)  # before the server is closed
+        scan = server.table.scan(columns=[])
+        batches = iter(scan)
+        self.assertEqual([7, 7], [len(next(batches)), len(next(batches))])
+        timer = threading.Timer(0.2, scan.close)
+        timer.start()
+        with self.assertRaisesRegex(kelp.KelpError, "scan was closed"):
+            next(batches)
+        timer.join()
 
     def test_statistics_count_groups_rows_and_bytes(self):
         scan = self.fragments([[1, 2, 3], [4, 5, 6]]).scan(where="c >= 3", jobs=2)

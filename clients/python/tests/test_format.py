@@ -5,6 +5,7 @@ import math
 import os
 import random
 import struct
+import threading
 import unittest
 from decimal import Decimal as D
 
@@ -249,6 +250,12 @@ class RoundTrips(Case):
                 column = file.read_chunk(0, 0)
                 self.assertTrue(np.shares_memory(column.values, file._data), name)
 
+    def test_an_open_file_takes_columns_as_text_list_or_iterator(self):
+        with kelp.DataFile(self.write({"id": [1, 2], "note": ["a", None]})) as file:
+            for columns in ("note,id", ["note", "id"], iter(["note", "id"])):
+                self.assertEqual([("a", 1), (None, 2)], list(file.read(columns).rows()))
+            self.assertEqual([(1,), (2,)], list(file.read("id").rows()))
+
     def test_columns_and_conditions_choose_rows_and_order(self):
         path = self.write({"a": [1, 2, 3, None], "b": ["x", None, "y", "z"], "c": [1.0, 2.0, 3.0, 4.0]})
         table = kelp.read_table(path, ["c", "a"], "b is not null and a >= 1")
@@ -325,6 +332,63 @@ class Refusals(Case):
         self.refuse({"c": ["a"]}, "c bytea", "no value of type bytea")
         self.refuse({"c": np.array(["2020-01-01T01"], "M8[h]")}, "c date", "finer")
         self.refuse({"c": [2**127]}, "c int128", "out of range for int128")
+
+    def test_numbers_that_a_float_cannot_hold_are_refused_and_not_bent(self):
+        for schema, values, pattern in (
+                ("c float", [1e300], "1e\\+300 is out of range for float"),
+                ("c float", np.array([1.0, -1e39]), "-1e\\+39 is out of range for float"),
+                ("c double", [D("1E+400")], "1E\\+400 is out of range for double"),
+                ("c double", [10**400], "no value of type double"),
+                ("c double", [2**53 + 1], "9007199254740993 has more digits than double holds"),
+                ("c double", [1.5, -2**53 - 1], "-9007199254740993 has more digits"),
+                ("c double", np.array([2**62 + 1]), "4611686018427387905 has more digits"),
+                ("c double", np.array([2**64 - 1], "u8"), "18446744073709551615 has more digits"),
+                ("c float", [2**24 + 1], "16777217 has more digits than float holds"),
+                ("c float", np.array([-2**24 - 1], "i4"), "-16777217 has more digits than float holds")):
+            self.refuse({"c": values}, schema, pattern)
+        held = [2.0**70, float("inf"), 2**60, -2**53, None]
+        path = self.write({"c": held}, "c double")
+        self.assertEqual(held, kelp.read_table(path)["c"].to_list())
+        path = self.write({"c": np.ma.MaskedArray(np.array([2**53 + 1, 2**62]), [True, False])}, "c double")
+        self.assertEqual([None, 2.0**62], kelp.read_table(path)["c"].to_list())
+
+    def test_what_is_no_path_schema_or_column_list_is_refused(self):
+        for path in (5, "a\0b", None):
+            with self.assertRaisesRegex(kelp.KelpError, "is no path", msg=path):
+                kelp.write_table(path, {"a": [1]})
+            with self.assertRaisesRegex(kelp.KelpError, "is no path", msg=path):
+                kelp.DataFile(path)
+        self.refuse({"a": [1]}, 5, "5 is no schema")
+        self.refuse({"a": [1]}, [("a",)], "is no schema")
+        path = self.write({"a": [1], "id": [2]})
+        for columns, pattern in ((5, "names no columns"), ("id,z", "no column z"), (["id", "id"], "asked for twice")):
+            with kelp.DataFile(path) as file, self.assertRaisesRegex(kelp.KelpError, pattern):
+                file.read(columns)
+
+    def test_a_fifo_is_refused_and_not_waited_for(self):
+        os.mkfifo(self.path("f.cvn"))
+        with self.assertRaisesRegex(kelp.KelpError, "cannot read .*f.cvn: it is no regular file"):
+            kelp.DataFile(self.path("f.cvn"))
+
+    def test_threads_that_write_the_same_file_do_not_meet(self):
+        tables = [{"a": np.full(50000, i)} for i in range(4)]
+        failed = []
+
+        def work(table):
+            try:
+                for _ in range(5):
+                    kelp.write_table(self.path("t.cvn"), table)
+            except BaseException as error:
+                failed.append(error)
+        threads = [threading.Thread(target=work, args=(table,)) for table in tables]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual([], failed)
+        values = set(kelp.read_table(self.path("t.cvn"))["a"].to_list())
+        self.assertEqual(1, len(values))
+        self.assertEqual(["t.cvn"], os.listdir(self.dir))
 
     def test_shapes_and_schemas_that_cannot_be_are_refused(self):
         self.refuse({"a": [1], "b": [1, 2]}, None, "column b has 2 rows, column a has 1")

@@ -144,9 +144,9 @@ class Records(Case):
     def test_counts_and_meta_are_read_and_checked(self):
         counts = record(page(bytes(16384), -1, 0, 1048576, 0, 0, hash=0)) + record(
             page(bytes(6295), -1, 0, 402848, 0, 0, hash=0)) + END
-        self.assertEqual([1048576, 402848], read_counts(Body(counts)))
+        self.assertEqual([1048576, 402848], list(read_counts(Body(counts))))
         with self.assertRaisesRegex(kelp.KelpError, "no row count"):
-            read_counts(Body(record(int32_page([1])) + END))
+            list(read_counts(Body(record(int32_page([1])) + END)))
 
         def value(cno, number, typ=4, nrow=1):
             return page(struct.pack("<q", number) + b"\0", cno, typ, nrow, 0, 8, hash=0)

@@ -22,6 +22,7 @@ class Texts(unittest.TestCase):
             ("a=1", [("a", "==", ["1"])]), ("a<>-1.5", [("a", "!=", ["-1.5"])]),
             ('"my col" >= \'it\'\'s\' AND b IS NOT NULL', [("my col", ">=", ["it's"]), ("b", "isnotnull", [])]),
             ("s in (open, 'a b', \"c\") and t isnotnull", [("s", "in", ["open", "a b", "c"]), ("t", "isnotnull", [])]),
+            ('"a ""b" = "x ""y"""', [('a "b', "==", ['x "y"'])]),
             ("s in ()", [("s", "in", [])]), ("t < 2026-01-31T10:00:00", [("t", "<", ["2026-01-31T10:00:00"])]),
             ("", []), (None, []),
             (("a", ">", 1), [("a", ">", [1])]),
@@ -50,7 +51,10 @@ class Texts(unittest.TestCase):
         fields = types.parse_schema("i int32, b bool, d date, m time_millis, t timestamp_millis, c dec64, f double, "
                                     "L int128")
         for text in ("i > abc", "i > 1.5", "i > 010", "b = maybe", "b = 2", "d = 2026-13-01", "m > 25:00:00", "c = x",
-                     "t = yesterday", "f = 1,", "f > x", "L = 1e3"):
+                     "t = yesterday", "f = 1,", "f > x", "L = 1e3", "d = today", "d = 2024-01", "d = 2024-02-30",
+                     "d = 24-01-01", "t = now", "t = 2024-01", "t = 2024-01-01T10", "t = 2024-01-01T10:00+01:00",
+                     "m = 8:15", "m = 08:60", "m = 08:15:00.1234", "f = 1_0", "f = ' 1'", "f = 1e400", "c = 1_0",
+                     "c = ' 1'", "i = 1_0"):
             with self.assertRaises(kelp.KelpError, msg=text):
                 bind(parse_where(text), fields)
         with self.assertRaisesRegex(kelp.KelpError, "no column z; the columns are i, b"):
@@ -124,7 +128,8 @@ class Rows(Case):
                            "t": [moment, None, datetime.datetime(1969, 12, 31)]},
                           "d date, m time_millis, t timestamp_millis")
         for where in ("d = 2026-01-31", "d >= 2026-01-31", "m = 08:15:00", "m > 00:00:00", "t = 2026-01-31T08:15:00",
-                      "t >= '2026-01-31 08:15:00'", "t > 2026-01-31", [("d", "==", day)], [("m", "==", clock)],
+                      "t >= '2026-01-31 08:15:00'", "t > 2026-01-31", "t = 2026-01-31T08:15:00.000Z", "m = 08:15",
+                      "m = 08:15:00.0", "m > 08:14:59.5", "d = +20484", [("d", "==", day)], [("m", "==", clock)],
                       [("t", "==", moment)], "d = 20484", "m = 29700000"):
             table = kelp.read_table(path, where=where)
             self.assertEqual([day], table["d"].to_list(), where)
