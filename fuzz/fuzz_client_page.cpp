@@ -1,0 +1,128 @@
+// Any bytes as a page, and any page through a condition.
+//
+//   byte 0      the column's type
+//   byte 1      1: the rest is the uncompressed body, and the sizes are computed; 2: so is the number of
+//   NULLs byte 2      the condition's operator byte 3      the condition's value 16 bytes    nrow, nnull,
+//   nmapoff, nbyte the rest    the stored body
+#include <algorithm>
+#include <cmath>
+
+#include "fuzz/fuzz_client.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+namespace {
+
+constexpr size_t HEADSZ = 20;
+constexpr const char* VALUES[] = {"0", "1", "-1", "7", "x", "", "\\x00ff", "nan", "1E+3"};
+// An operator and the one that holds when it does not, of values that have an order.
+constexpr int OPS[][2] = {{CVN_OP_EQ, CVN_OP_NE},
+                          {CVN_OP_GT, CVN_OP_LE},
+                          {CVN_OP_GE, CVN_OP_LT},
+                          {CVN_OP_ISNULL, CVN_OP_ISNOTNULL},
+                          {CVN_OP_IN, CVN_OP_NE}};
+
+void count_nulls(page_head_t* head, const char* body) {
+    head->nnull = 0;
+    for (int32_t r = 0; r < head->nrow; r++)
+        head->nnull += (static_cast<uint8_t>(body[head->nmapoff + r / 8]) & (0x80 >> (r % 8))) != 0;
+}
+
+std::vector<uint8_t> rows_that_meet(const kelp_vec_t& vec, int op, const char* value, bool* ret_read) {
+    kelp_cond_t cond{.column = "c", .op = op, .value = {}};
+    if (op != CVN_OP_ISNULL && op != CVN_OP_ISNOTNULL) cond.value.assign(1, value);
+    bound_cond_t bound;
+    kelp_error_t err{};
+    *ret_read = cond_bind(&bound, cond, 0, vec.typ, &err) == 0;
+    std::vector<uint8_t> keep(static_cast<size_t>(vec.nrow), 1);
+    if (*ret_read) cond_apply(keep.data(), vec, bound);
+    return keep;
+}
+
+// Filters the column by a condition and its contrary, and takes out the rows that are left.
+void filter(column_t* col, const int (&op)[2], const char* value) {
+    const kelp_vec_t& vec = col->vec;
+    bool read;
+    const std::vector<uint8_t> yes = rows_that_meet(vec, op[0], value, &read);
+    if (!read) return;
+    const std::vector<uint8_t> no = rows_that_meet(vec, op[1], value, &read);
+    const int storage = vec.typ & 0xffff;
+    const bool may_be_nan = storage == CVN_TYP_FLOAT || storage == CVN_TYP_DOUBLE ||
+                            storage == CVN_TYP_DEC64 || storage == CVN_TYP_DEC128;
+    std::vector<int32_t> row;
+    std::string expected;
+    for (int64_t r = 0; r < vec.nrow; r++) {
+        const auto at = static_cast<size_t>(r);
+        fuzz::demand(yes[at] <= 1 && !(yes[at] && no[at]), "a row meets a condition and its contrary");
+        const bool unknown = kelp_vec_isnull(vec, r) && op[0] != CVN_OP_ISNULL;
+        fuzz::demand(!unknown || (!yes[at] && !no[at]), "a NULL meets a comparison");
+        fuzz::demand(unknown || may_be_nan || yes[at] || no[at],
+                     "a row meets neither a condition nor its contrary");
+        if (!yes[at]) continue;
+        row.push_back(static_cast<int32_t>(r));
+        expected += kelp_vec_isnull(vec, r) ? 'n' : 'v';
+        if (vec.width == 0)
+            expected += kelp_vec_text(vec, r);
+        else
+            expected.append(vec.value + r * vec.width, static_cast<size_t>(vec.width));
+    }
+    if (row.empty()) return;
+    column_compact(col, row);
+    std::string got;
+    fuzz::put_column(&got, col->vec);
+    fuzz::demand(got == expected, "a filter changes the rows that it keeps");
+}
+
+void decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string_view body, cvn_typ_t typ) {
+    kelp_error_t err{};
+    if (page_check(head, typ, "c", &err) != 0) return (void)fuzz::error_text(err.code, err);
+    buf_t stored = buf_get(pool, body.size());
+    if (!stored.p) return;
+    memcpy(stored.p, body.data(), body.size());
+    if (head.zbyte == head.nbyte) {
+        col->value = stored;
+        stored = buf_t{};
+    }
+    const char* from = head.zbyte == head.nbyte ? col->value.p : stored.p;
+    int code = page_unpack(pool, &col->value, head, from, "c", &err);
+    buf_put(pool, stored);
+    if (code == 0) code = page_view(pool, col, head, "c", &err);
+    if (code != 0) {
+        (void)fuzz::error_text(code, err);
+        col->vec.nrow = -1;
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < HEADSZ) return 0;
+    const std::string_view body(reinterpret_cast<const char*>(data) + HEADSZ, size - HEADSZ);
+    page_head_t head{};
+    const cvn_typ_t typ = fuzz::TYPES[data[0] % std::size(fuzz::TYPES)];
+    head.magic = CVN_PAGE_MAGIC;
+    head.typ = typ;
+    memcpy(&head.nrow, data + 4, sizeof(int32_t));
+    memcpy(&head.nnull, data + 8, sizeof(int32_t));
+    memcpy(&head.nmapoff, data + 12, sizeof(int32_t));
+    memcpy(&head.nbyte, data + 16, sizeof(int32_t));
+    head.zbyte = static_cast<int32_t>(body.size());
+    head.hash = static_cast<int32_t>(XXH32(body.data(), body.size(), 0));
+    if (data[1] & 1) {
+        head.nbyte = head.zbyte;
+        head.nrow = head.nrow & 0xfff;
+        head.nmapoff = head.nbyte - (head.nrow + 7) / 8;
+        if ((data[1] & 2) && head.nmapoff >= 0) count_nulls(&head, body.data());
+    }
+    bufpool_t pool;
+    column_t col;
+    col.vec.nrow = -1;
+    decode(&pool, &col, head, body, typ);
+    if (col.vec.nrow >= 0) {
+        std::string values;
+        fuzz::put_column(&values, col.vec);
+        filter(&col, OPS[data[2] % std::size(OPS)], VALUES[data[3] % std::size(VALUES)]);
+    }
+    column_free(&pool, &col);
+    return 0;
+}
