@@ -9,6 +9,18 @@ if(TARGET cvnsamp)
   set_tests_properties(cvnsamp.command_line PROPERTIES TIMEOUT 120)
 endif()
 
+# A program of somebody else's that uses the installed client.
+if(TARGET colvane_client AND TARGET kelpd)
+  foreach(way find_package pkg_config)
+    add_test(NAME install.a_client_program_builds_and_runs_through_${way}
+      COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/install/build_client.py ${way}
+        --prefix ${CMAKE_CURRENT_BINARY_DIR}/prefix --work ${CMAKE_CURRENT_BINARY_DIR}/client_${way}
+        --cxx ${CMAKE_CXX_COMPILER} --kelpd $<TARGET_FILE:kelpd> "--sanitize=${KELPD_SANITIZE}")
+    set_tests_properties(install.a_client_program_builds_and_runs_through_${way} PROPERTIES
+      FIXTURES_REQUIRED installed_colvane SKIP_RETURN_CODE 77 TIMEOUT 900)
+  endforeach()
+endif()
+
 # The manual pages and completions.
 add_test(NAME package.manual_pages_and_completions_are_clean
   COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/package/test_files.py ${PROJECT_SOURCE_DIR}/packaging)
