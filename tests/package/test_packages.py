@@ -182,7 +182,7 @@ def main():
             expect(os.path.exists(root.file("var/lib/kelpd/base/home/public/pets/a.cvn")), "a table is gone with the package")
             expect(not os.path.exists(root.file("usr/bin/kelpd")), "the program is still there")
             out = root.run("dpkg", "--purge", "kelpd")
-            expect("tables are left" in out, out)
+            expect("files are left" in out, out)
             expect(os.listdir(root.file("var/lib/kelpd")) == ["base"], "more than tables is left")
             expect(not os.path.exists(root.file("etc/kelpd")) and not os.path.lexists(wants), "configuration is left")
             # An installation without tables leaves nothing.
