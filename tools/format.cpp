@@ -111,8 +111,10 @@ void table_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
 }  // namespace
 
 void format_csv_text(std::string* out, std::string_view text) {
+    bool special = false;
+    for (const char ch : text) special |= (ch == ',') | (ch == '"') | (ch == '\r') | (ch == '\n');
     // Empty and unquoted would be NULL, and the first byte of a byte-order mark could be taken for one.
-    if (!text.empty() && text[0] != '\xEF' && text.find_first_of(",\"\r\n") == std::string_view::npos) {
+    if (!text.empty() && text[0] != '\xEF' && !special) {
         *out += text;
         return;
     }

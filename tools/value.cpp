@@ -233,22 +233,36 @@ const char* decimal_reason(const char* text, bool wide) {
     return "is not a decimal number";
 }
 
+// Writes the last `n` digits of a number, for which a format string takes several times as long.
+inline void put_digits(char* p, int n, uint64_t v) {
+    for (; n > 0; v /= 10) p[--n] = char('0' + v % 10);
+}
+
 // Leading zeros as a calendar wants them; a sign only for years outside 0000 to 9999.
 void append_date(std::string* out, int64_t days) {
     int64_t year;
     unsigned month, day;
     value_civil(days, &year, &month, &day);
-    if (year >= 0 && year <= 9999)
-        fmt::format_to(std::back_inserter(*out), "{:04}-{:02}-{:02}", year, month, day);
-    else
+    if (year < 0 || year > 9999) {
         fmt::format_to(std::back_inserter(*out), "{}{:04}-{:02}-{:02}", year < 0 ? '-' : '+',
                        year < 0 ? -year : year, month, day);
+        return;
+    }
+    char text[] = "yyyy-mm-dd";
+    put_digits(text, 4, uint64_t(year));
+    put_digits(text + 5, 2, month);
+    put_digits(text + 8, 2, day);
+    out->append(text, sizeof(text) - 1);
 }
 
+// `millis` is within a day.
 void append_time(std::string* out, int64_t millis) {
-    fmt::format_to(std::back_inserter(*out), "{:02}:{:02}:{:02}", millis / 3600000, millis / 60000 % 60,
-                   millis / 1000 % 60);
-    if (millis % 1000 != 0) fmt::format_to(std::back_inserter(*out), ".{:03}", millis % 1000);
+    char text[] = "hh:mm:ss.mmm";
+    put_digits(text, 2, uint64_t(millis / 3600000));
+    put_digits(text + 3, 2, uint64_t(millis / 60000 % 60));
+    put_digits(text + 6, 2, uint64_t(millis / 1000 % 60));
+    put_digits(text + 9, 3, uint64_t(millis % 1000));
+    out->append(text, millis % 1000 != 0 ? 12 : 8);
 }
 
 // The fewest digits that give the value back, without an exponent where that is readable.
