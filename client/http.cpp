@@ -304,8 +304,15 @@ static int fail_curl(const transfer_t* t, CURLcode rc, const char* detail) {
         case CURLE_BAD_CONTENT_ENCODING:
             return kelp_fail(t->err, KELP_EPROTO, NO_KELPD_HINT, "%s encodes its reply in an unknown way",
                              host.c_str());
-        default: return kelp_fail(t->err, KELP_ECONNECT, nullptr, "%s: %s", host.c_str(), why);
+        default: break;
     }
+    // Whatever libcurl calls it: once the head of a reply has begun, the reply is at fault.
+    long headsz = 0;
+    curl_easy_getinfo(t->easy, CURLINFO_HEADER_SIZE, &headsz);
+    if (headsz > 0)
+        return kelp_fail(t->err, KELP_EPROTO, NO_KELPD_HINT, "the reply of %s is no HTTP/1.1: %s",
+                         host.c_str(), why);
+    return kelp_fail(t->err, KELP_ECONNECT, nullptr, "%s: %s", host.c_str(), why);
 }
 
 // Turns a reply with another status than 200 into an error.

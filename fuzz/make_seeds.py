@@ -222,6 +222,8 @@ def client_http():
     put("client_http", "interim", upload + reply(b"100 Continue") + reply(b"200 OK", length % 0))
     put("client_http", "upload_chunked", upload + reply(b"200 OK", chunked) + b"0\r\n\r\n")
     put("client_http", "both", get + reply(b"200 OK", chunked, length % 2) + chunk(b"abc") + b"0\r\n\r\n")
+    put("client_http", "bare_return", get + reply(b"200 OK", b"Fol\rded: 0"))
+    put("client_http", "unknown_coding", get + reply(b"200 OK", b"Transfer-Encoding: other") + b"0\r\n\r\n")
     put("client_http", "nothing", get)
     put("client_http", "no_http", get + b"SSH-2.0-x\r\n")
 
