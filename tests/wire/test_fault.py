@@ -372,6 +372,7 @@ class ChildLimits(FaultCase):
 
     def ask_limited(self, raw, what, limit):
         """Sends a request to a child under a resource limit, given by a function of its process id."""
+        self.kelpd.await_idle()  # the child of the request before may still be ending
         with self.kelpd.connect() as s:
             s.sendall(raw[:4])
             child = self.kelpd.await_child()

@@ -12,7 +12,7 @@ import unittest
 from urllib.parse import quote
 
 import cvnfile
-from kelpd_proc import Daemon, descriptors
+from kelpd_proc import Daemon, descriptors, until
 
 _DATE = re.compile(rb"\A(HTTP/1\.1 [^\r\n]*\r\nDate: )([^\r\n]*)(\r\n)")
 _RFC1123 = re.compile(
@@ -125,7 +125,8 @@ class WireCase(unittest.TestCase):
         self.assertEqual("", self.kelpd.take_log(), "log lines that the test does not expect")
         self.assertEqual("", self.kelpd.sanitizer_reports())
         self.assertEqual([], self.kelpd.tree("tmp"))
-        self.assertEqual(self.idle_descriptors, descriptors(self.kelpd.pid))
+        # A client sees the end of a reply a little before the daemon has closed its copy of the connection.
+        until(lambda: descriptors(self.kelpd.pid) == self.idle_descriptors, "the daemon to close its connections")
 
     # Comparing.
 
