@@ -135,6 +135,27 @@ def listening(pid):
     return found
 
 
+def _descriptors_or_none(pid):
+    try:
+        return descriptors(pid)
+    except OSError:
+        return {}
+
+
+def _server_inode(s):
+    """The inode of the accepted socket at the other end of the connected socket `s`."""
+    def find():
+        ends = s.getpeername()[1], s.getsockname()[1]
+        with open("/proc/net/tcp") as f:
+            for line in f.readlines()[1:]:
+                field = line.split()
+                local, remote = (int(field[k].split(":")[1], 16) for k in (1, 2))
+                if (local, remote) == ends and field[9] != "0":
+                    return field[9]
+        return None
+    return until(find, "the daemon to accept the connection")
+
+
 def backlog(port):
     """The backlog of the IPv4 socket listening on `port`, asked from the kernel's socket diagnostics."""
     with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 4) as s:
@@ -366,10 +387,23 @@ class Daemon:
         """Waits until no connection child is left, not even as a zombie."""
         until(lambda: not children_of(self.pid), "the connection children to end")
 
-    def await_child(self, known=()):
-        """The process of a connection just made, once it has closed its copy of the listening socket."""
+    def await_accept(self):
+        """Waits until the daemon sleeps in accept(), the connections so far closed on its side."""
+        def is_accepting():
+            sockets = [name for name in descriptors(self.pid).values() if name.startswith("socket:")]
+            return len(sockets) == 1 and stat_of(self.pid).state == "S"
+        until(is_accepting, "the daemon to wait for a connection")
+
+    def await_child(self, s):
+        """The process that serves the connection `s`, once it has closed its copy of the listening socket.
+
+        Not for a connection whose reply fits the socket buffers: its child may have ended before it was seen.
+        """
+        socket_name = f"socket:[{_server_inode(s)}]"
+
         def find():
-            return [s.pid for s in self.children() if s.pid not in known and s.state != "Z" and not listening(s.pid)]
+            return [c.pid for c in self.children()
+                    if socket_name in _descriptors_or_none(c.pid).values() and not listening(c.pid)]
         return until(find, "a connection child")[0]
 
     def limit(self, what, soft, pid=None):

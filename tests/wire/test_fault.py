@@ -36,12 +36,11 @@ class FaultCase(WireCase):
     def begin_upload(self, sent, whole=None, name="p.cvn"):
         """Sends the head and the first `sent` bytes of an upload and waits for its temporary file."""
         data = (whole or self.new).data
-        known = {s.pid for s in self.kelpd.children()}
         s = self.kelpd.connect()
         self.addCleanup(s.close)
         s.sendall(put(f"{ENTITY}/{name}", data[:sent], length=len(data)))
         until(self.temporary, "the temporary file")
-        return s, self.kelpd.await_child(known)
+        return s, self.kelpd.await_child(s)
 
     def assert_old(self):
         """The old file is there, alone in what readers see."""
@@ -94,7 +93,7 @@ class VanishingClients(FaultCase):
     def test_a_query_reset_before_its_body_is_refused(self):
         with self.kelpd.connect() as s:
             s.sendall(post(ENTITY, "{", length=2))
-            self.kelpd.await_child()
+            self.kelpd.await_child(s)
             kelpd_proc.reset(s)
         self.assert_log(f"POST {ENTITY} -> {REFUSED}")
 
@@ -176,7 +175,7 @@ class KilledChildren(FaultCase):
         self.kelpd.store("d/s/big/p.cvn", whole.data)
         with self.kelpd.connect(rcvbuf=8192) as s:
             s.sendall(post("/v1/d/s/big", '{"column":["a"]}'))
-            child = self.kelpd.await_child()
+            child = self.kelpd.await_child(s)
             raw = s.recv(100)
             os.kill(child, signal.SIGKILL)
             raw += kelpd_proc.receive(s)
@@ -202,7 +201,7 @@ class KilledDaemon(unittest.TestCase):
         self.addCleanup(s.close)
         s.sendall(put(f"{ENTITY}/p.cvn", self.new.data[:sent], length=len(self.new.data)))
         until(lambda: any(name.endswith(".tmp") for name in self.kelpd.tree()), "the temporary file")
-        return s, self.kelpd.await_child()
+        return s, self.kelpd.await_child(s)
 
     def test_an_upload_outlives_its_daemon(self):
         s, child = self.begin_upload(1000)
@@ -330,6 +329,7 @@ class DaemonLimits(unittest.TestCase):
         with kelpd.connect() as s:
             s.sendall(put(f"{ENTITY}/p.cvn", data[:100], length=len(data)))
             until(lambda: any(name.endswith(".tmp") for name in kelpd.tree()), "the temporary file")
+            kelpd.await_accept()
             kelpd.limit(resource.RLIMIT_NOFILE, kelpd.free_descriptor())
             # The daemon has set a descriptor aside for this one; the next has none.
             kelpd.ask(get("/v1"))
@@ -346,6 +346,7 @@ class DaemonLimits(unittest.TestCase):
         kelpd = self.start(nofork=True)
         kelpd.limit(resource.RLIMIT_NOFILE, max(kelpd_proc.descriptors(kelpd.pid)) + 2)
         self.assertTrue(kelpd.ask(b"x\n\n") == SILENCE and not kelpd.has_ended())
+        kelpd.await_accept()
         kelpd.limit(resource.RLIMIT_NOFILE, max(kelpd_proc.descriptors(kelpd.pid)) + 1)
         kelpd.ask(b"x\n\n")
         self.assertEqual(1, kelpd.await_end())
@@ -372,10 +373,9 @@ class ChildLimits(FaultCase):
 
     def ask_limited(self, raw, what, limit):
         """Sends a request to a child under a resource limit, given by a function of its process id."""
-        self.kelpd.await_idle()  # the child of the request before may still be ending
         with self.kelpd.connect() as s:
             s.sendall(raw[:4])
-            child = self.kelpd.await_child()
+            child = self.kelpd.await_child(s)
             self.kelpd.limit(what, limit(child), child)
             s.sendall(raw[4:])
             return kelpd_proc.receive(s)

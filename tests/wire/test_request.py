@@ -49,7 +49,7 @@ class Reading(RequestCase):
     def test_a_reset_after_the_child_has_read_is_read_as_the_end(self):
         s = self.kelpd.connect()
         s.sendall(b"GET")
-        self.kelpd.await_child()
+        self.kelpd.await_child(s)
         kelpd_proc.reset(s)
         self.assert_log("htreq_readbuf failed: clnt closed without valid req")
 

@@ -143,7 +143,7 @@ class Sample(SampleCase):
         self.act('read x < "$SAMPLER_DIR/gate"; cat "$SAMPLER_DIR/sample"')
         with self.kelpd.connect() as s:
             s.sendall(command("sample", "5"))
-            child = self.kelpd.await_child()
+            child = self.kelpd.await_child(s)
             (name,) = until(lambda: self.kelpd.tree("tmp"), "the output file")
             self.assertRegex(name, r"\A[0-9a-f]+-[0-9a-f]+-[0-9a-f]+\.tmp\Z")
             self.assertEqual(f"{child:x}", name.split("-")[0])
@@ -359,7 +359,7 @@ class NoPipe(SampleCase):
         self.store("p.cvn")
         with self.kelpd.connect() as s:
             s.sendall(b"POST " + URL.encode())
-            child = self.kelpd.await_child()
+            child = self.kelpd.await_child(s)
             # One more descriptor may be open, for the listing; a pipe takes two.
             self.kelpd.limit(resource.RLIMIT_NOFILE, self.kelpd.free_descriptor(child) + 1, child)
             s.sendall(command("sample", "5").removeprefix(b"POST " + URL.encode()))

@@ -148,7 +148,7 @@ class Records(ScanCase):
         parts = []
         with self.kelpd.connect(rcvbuf=8192) as s:
             s.sendall(self.query(["a"]))
-            self.kelpd.await_child()
+            self.kelpd.await_child(s)
             while True:
                 part = s.recv(50000)
                 if not part:

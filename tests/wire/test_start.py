@@ -398,7 +398,7 @@ class Daemonised(WireCase):
 
     def test_a_connection_child_has_no_listening_socket_and_waits_for_its_own_children(self):
         with self.kelpd.connect() as s:
-            child = self.kelpd.await_child()
+            child = self.kelpd.await_child(s)
             until(lambda: self.ignored(child) == {signal.SIGPIPE}, "the child to restore SIGCHLD")
             self.assertEqual([], listening(child))
             process = kelpd_proc.stat_of(child)
@@ -483,7 +483,7 @@ class Logs(unittest.TestCase):
         kelpd.start()
         port = kelpd.port
         with kelpd.connect() as idle:
-            kelpd.await_child()
+            kelpd.await_child(idle)
             kelpd.restart()
             self.assertEqual(port, kelpd.port)
             self.assertTrue(kelpd.ask(get("/v1")).endswith(b"[]"))
