@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,9 +22,17 @@ __attribute__((format(printf, 3, 4))) static int addf(char* buf, int len, const 
     return n < room ? len + n : HTREPLY_HEADSZ - 1;
 }
 
+// The time by a system call: time() runs the kernel's code in user space, a page that each child would have
+// to fault in first, at ten times the price.
+static time_t current_time() {
+    struct timespec now = {};
+    (void)syscall(SYS_clock_gettime, CLOCK_REALTIME_COARSE, &now);  // cannot fail
+    return now.tv_sec;
+}
+
 // Formats a head into `buf` of HTREPLY_HEADSZ bytes and returns its length, at most one less.
 static int format_head(char* buf, const char* status, const char* const hdline[4]) {
-    const time_t now = time(nullptr);
+    const time_t now = current_time();
     struct tm tm;
     char date[100];
     if (!gmtime_r(&now, &tm) || strftime(date, sizeof(date), RFC1123FMT, &tm) == 0) date[0] = '\0';

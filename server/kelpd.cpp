@@ -170,7 +170,6 @@ static const char* do_work(int fd) {
 
 [[noreturn]] static void main_loop() {
     tzset();
-    if (!gl.donotfork) prefault_program();
     const int sock = socket(AF_INET, SOCK_STREAM, 0);
     if (sock == -1) die_errno("socket()");
     const int one = 1;
@@ -181,6 +180,7 @@ static const char* do_work(int fd) {
     addr.sin_port = htons(static_cast<uint16_t>(gl.conf.port));
     if (bind(sock, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == -1) die_errno("bind()");
     if (listen(sock, BACKLOG) == -1) die_errno("listen()");
+    if (!gl.donotfork) prefault_program();
     for (;;) {
         struct sockaddr_in peer;
         socklen_t peerlen = sizeof(peer);
@@ -191,7 +191,9 @@ static const char* do_work(int fd) {
             close(fd);
             continue;
         }
-        const pid_t pid = fork();
+        // With one thread there are no locks to make anew in the child, which is all that fork() would add,
+        // at the price of three pages written.
+        const pid_t pid = _Fork();
         if (pid == -1) die_errno("fork()");
         if (pid == 0) {
             close(sock);

@@ -2,12 +2,13 @@
 #ifndef KELPD_SERVER_PREFAULT_H
 #define KELPD_SERVER_PREFAULT_H
 
-// Maps the program's code and constants, and makes fork() copy these mappings to its children. Without it a
-// child begins with none of them and takes a page fault for every stretch of code that it runs: a dozen for a
-// small request, a third of its processor time.
+// Maps the code and constants that serving a request takes, and makes fork() copy these mappings to its
+// children. Without it a child begins with none of them and takes a page fault for every stretch of code that
+// it runs: a dozen for a small request, a third of its processor time.
 //
-// To be called once, before the first fork, in a process with one thread. Changes no byte and no protection.
-// It is an optimisation only: where the kernel refuses a step, the children fault as they otherwise would.
+// To be called once, right before the loop that forks, in a process with one thread: what the parent runs
+// between this and the forks is mapped and copied too. Changes no byte and no protection. It is an
+// optimisation only: where the kernel refuses a step, the children fault as they otherwise would.
 void prefault_program();
 
 #endif

@@ -117,6 +117,27 @@ def descriptors(pid):
     return found
 
 
+def is_mapped(pid, begin, end):
+    """For each page from `begin` to `end`, whether the process has it in its page table."""
+    page = resource.getpagesize()
+    first = begin // page
+    with open(f"/proc/{pid}/pagemap", "rb") as f:
+        f.seek(first * 8)
+        data = f.read(((end + page - 1) // page - first) * 8)
+    return [entry >> 63 == 1 for (entry,) in struct.iter_unpack("=Q", data)]
+
+
+def sections(path):
+    """The sections of a 64-bit program: (address, size) by name."""
+    with open(path, "rb") as f:
+        data = f.read()
+    at, = struct.unpack_from("=Q", data, 40)
+    size, count, names = struct.unpack_from("=HHH", data, 58)
+    header = [struct.unpack_from("=IIQQQQ", data, at + k * size) for k in range(count)]
+    text = header[names][4]
+    return {data[text + h[0] : data.index(b"\0", text + h[0])].decode(): (h[3], h[5]) for h in header}
+
+
 def listening(pid):
     """The (address, port) pairs on which a process listens, the address as four bytes."""
     try:

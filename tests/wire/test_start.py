@@ -366,12 +366,22 @@ class Daemonised(WireCase):
         self.assertEqual((self.kelpd.pid, self.kelpd.pid), (process.sid, process.pgrp))
         self.assertEqual(os.path.realpath(self.kelpd.dir), os.readlink(f"/proc/{self.kelpd.pid}/cwd"))
 
-    def test_the_code_is_mapped_before_the_first_child_so_that_forks_copy_it(self):
+    def test_the_code_that_serves_is_mapped_before_the_first_child_and_private_so_that_forks_copy_it(self):
         with open(f"/proc/{self.kelpd.pid}/smaps", encoding="ascii") as f:
-            mapping = re.search(r"^\S+ r-xp \S+ \S+ [1-9]\d* .*kelpd.*\n((?:[A-Z]\w+: .*\n)+)", f.read(), re.M)[1]
-        size = {name: int(kb) for name, kb in re.findall(r"^(\w+): +(\d+) kB", mapping, re.M)}
-        self.assertEqual(size["Size"], size["Rss"])
-        self.assertGreater(size["Anonymous"], 0)
+            found = re.search(r"^(\w+)-(\w+) r-xp .*kelpd.*\n((?:[A-Z]\w+: .*\n)+)", f.read(), re.M)
+        begin, end = int(found[1], 16), int(found[2], 16)
+        self.assertGreater(int(re.search(r"^Anonymous: +(\d+) kB", found[3], re.M)[1]), 0)
+        section = kelpd_proc.sections(self.kelpd.program)
+        if ".text_serving" not in section:  # linked without the layout: all of it is mapped
+            self.assertEqual({True}, set(kelpd_proc.is_mapped(self.kelpd.pid, begin, end)))
+            return
+        for name in (".text_serving", ".rodata_serving"):
+            address, size = section[name]
+            self.assertTrue(begin <= address and address + size <= end, name)
+            self.assertEqual({True}, set(kelpd_proc.is_mapped(self.kelpd.pid, address, address + size)), name)
+        address, size = section[".text"]
+        whole = (address + 0xFFF & ~0xFFF, address + size & ~0xFFF)
+        self.assertEqual({False}, set(kelpd_proc.is_mapped(self.kelpd.pid, *whole)), "code that no request needs")
 
     def test_the_umask_is_zero(self):
         self.assertEqual(0, int(status_field(self.kelpd.pid, "Umask"), 8))
