@@ -12,6 +12,7 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -382,12 +383,14 @@ int cvn_create(cvn_t** ret, const char* fpath) {
     return 0;
 }
 
-// Lets the arrays that have one entry per column grow by one, zeroed.
+// Lets the arrays that have one entry per column grow by one, zeroed. Their room is a power of two: the
+// columns' buffers lie between the blocks that are given up, which so could not be used again, and these
+// would add up to gigabytes at ten thousand columns.
 static int grow_columns(writer_t* w) {
     cvn_t* sp = &w->pub;
     const auto n = static_cast<size_t>(sp->ncol) + 1;
     const auto grow = [sp, n](auto** array) {
-        auto* bigger = mpool_realloc(sp->mpool, *array, n * sizeof(**array));
+        auto* bigger = mpool_realloc(sp->mpool, *array, std::bit_ceil(n) * sizeof(**array));
         if (!bigger) return false;
         *array = static_cast<std::remove_reference_t<decltype(*array)>>(bigger);
         memset(static_cast<void*>(*array + n - 1), 0, sizeof(**array));

@@ -15,6 +15,8 @@
 #include <charconv>
 #include <deque>
 #include <memory>
+#include <string_view>
+#include <unordered_map>
 
 #include "tools/commands.h"
 #include "tools/csv.h"
@@ -240,16 +242,18 @@ bool is_blank(const csv_t& csv) { return csv.nfield == 1 && csv.field[0].len == 
 void match_header(input_t* input) {
     const csv_t& csv = input->csv;
     input->field_of.assign(input->name.size(), -1);
+    std::unordered_map<std::string_view, size_t> column;
+    for (size_t c = 0; c < input->name.size(); ++c) column.emplace(input->name[c], c);
     for (size_t i = 0; i < csv.nfield; ++i) {
         const std::string_view text(csv.field[i].ptr, csv.field[i].len);
-        const auto it = std::find(input->name.begin(), input->name.end(), text);
-        if (it == input->name.end()) {
+        const auto it = column.find(text);
+        if (it == column.end()) {
             throw tool_error(fmt::format(
                 "{}:{}: the header names a column {} that {}", csv.name, csv.line, tool_quote(text),
                 input->opts->infer ? "the first file does not have"
                                    : "the schema does not have; add it to --schema"));
         }
-        int* const field = &input->field_of[size_t(it - input->name.begin())];
+        int* const field = &input->field_of[it->second];
         if (*field >= 0)
             throw tool_error(
                 fmt::format("{}:{}: the header names {} twice", csv.name, csv.line, tool_quote(text)));

@@ -278,6 +278,22 @@ TEST(CvnCreateColumn, RecordsDefinitionAndAnEmptyBuffer) {
     ASSERT_EQ(0, cvn_close(w));
 }
 
+TEST(CvnCreateColumn, SeldomMovesTheColumnsSoThatManyDoNotTakeMemoryByTheirSquare) {
+    const temp_dir_t dir;
+    cvn_t* w = nullptr;
+    ASSERT_EQ(0, cvn_create(&w, (dir / "a.cvn").c_str()));
+    int nmoved = 0;
+    const cvn_coldef_t* last = nullptr;
+    for (int i = 0; i < 300; i++) {
+        ASSERT_EQ(0, cvn_create_column(w, ("c" + std::to_string(i)).c_str(), CVN_TYP_INT16, false, false));
+        nmoved += w->coldef != last;
+        last = w->coldef;
+    }
+    EXPECT_LE(nmoved, 10);  // 1, 2, 4 ... 512 columns
+    for (int i = 0; i < 300; i++) EXPECT_EQ("c" + std::to_string(i), w->coldef[i].name);
+    ASSERT_EQ(0, cvn_close(w));
+}
+
 // Appending and closing.
 
 class CvnWrite : public ::testing::Test {
