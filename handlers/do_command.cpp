@@ -67,7 +67,8 @@ const char* do_sample(htreply_t* reply, const char* dpath, int argc, char** argv
     text_t argline = {};
     if (argc != 2 || strcmp(argv[0], "sample") != 0) return do_sample_ret(STATUS_BAD_CONTENT, ls, &argline);
     errno = 0;
-    const int32_t nrow = static_cast<int32_t>(strtol(argv[1], nullptr, 0));  // Kept: cut to 32 bits
+    const long wanted = strtol(argv[1], nullptr, number_base(argv[1]));
+    const int32_t nrow = static_cast<int32_t>(wanted);  // Kept: cut to 32 bits
     if (errno || nrow <= 0) return do_sample_ret(STATUS_BAD_CONTENT, ls, &argline);
     if (const char* err = dir_list(&ls, dpath)) return do_sample_ret(err, ls, &argline);
 

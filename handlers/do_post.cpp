@@ -213,7 +213,8 @@ static const char* parse_frag_array(fragment_t* frag, const json_t* json, int fi
         if (s.size() > MAX_NUMBER) return STATUS_BAD_CONTENT;
         number[s.copy(number, MAX_NUMBER)] = '\0';
         errno = 0;
-        value[i] = static_cast<int32_t>(strtol(number, nullptr, 0));  // Kept: base 0, cut to 32 bits
+        const long n = strtol(number, nullptr, number_base(number));
+        value[i] = static_cast<int32_t>(n);  // Kept: any base, cut to 32 bits
         if (errno) return STATUS_BAD_CONTENT;
     }
     *frag = {.id = value[0], .nfrag = value[1]};

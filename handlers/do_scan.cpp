@@ -80,7 +80,7 @@ static const char* add_cond(cvn_scan_t* scan, const cvn_coldef_t* coldef, int nc
     cvn_datum_t* datum = nullptr;
     if (cond->narg > 0) {
         datum = static_cast<cvn_datum_t*>(malloc(static_cast<size_t>(cond->narg) * sizeof(*datum)));
-        if (!datum) return STATUS_NOMEM;
+        if (!datum) return STATUS_BAD;
     }
     const char* err = nullptr;
     for (int i = 0; i < cond->narg && !err; i++)

@@ -104,7 +104,7 @@ static const char* htreq_parse(htrequest_t* req) {
             req->contenttype = value;
         } else if (strcasecmp(name, "Content-Length") == 0) {
             errno = 0;
-            req->contentlength = strtoll(value, nullptr, 0);
+            req->contentlength = strtoll(value, nullptr, number_base(value));
             if (req->contentlength == 0 && errno != 0) return "htreq_parse: invalid contentlength";
         }
     }

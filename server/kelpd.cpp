@@ -25,7 +25,7 @@
 #include "store/dir.h"
 
 constexpr int BACKLOG = 20;
-constexpr int LOG_BUFSZ = 16384;  // holds the longest line of a request, so that it reaches the log whole
+constexpr int LOG_BUFSZ = 40960;  // holds a request's body and more, so that its line reaches the log whole
 
 [[noreturn]] static void usage(const char* msg) {
     if (msg) fprintf(stderr, "%s\n", msg);
@@ -68,7 +68,8 @@ static void parse_conf() {
             continue;
         }
         errno = 0;
-        gl.conf.port = static_cast<int>(strtol(p->value, nullptr, 0));  // Kept: any base, no upper bound
+        const long port = strtol(p->value, nullptr, number_base(p->value));
+        gl.conf.port = static_cast<int>(port);  // Kept: any base, no upper bound
         if (errno != 0 || gl.conf.port < 1) bad_conf_value(p);
     }
 }
@@ -199,8 +200,9 @@ static const char* do_work(int fd) {
             close(sock);
             signal(SIGCHLD, SIG_DFL);  // what this child starts itself is waited for
             // What fills no segment is held back to leave with what follows, at the latest with the end:
-            // fewer segments, and fewer times that the client wakes. The end is said before the close, which
-            // would drop what is held back when the client has sent more than was read.
+            // fewer segments, and fewer times that the client wakes; the system holds it for 200 ms at most.
+            // The end is said before the close, which would drop what is held back when the client has sent
+            // more than was read.
             const int cork = 1;
             (void)setsockopt(fd, IPPROTO_TCP, TCP_CORK, &cork, sizeof(cork));
             (void)do_work(fd);

@@ -21,8 +21,12 @@ struct global_t {
 };
 
 extern global_t gl;  // all zero when the process starts
-extern int
-    verbose;  // raised by each -v: 1 prints progress lines to standard error, 2 one line per page as well
+// Raised by each -v: 1 prints progress lines to standard error, 2 one line per page as well.
+extern int verbose;
+
+// The base to give to strtol and its kin for a number in decimal, "0x" hexadecimal or leading-"0" octal: 0,
+// which finds these, or 8 for "0b", which newer C libraries would read as binary and which is a zero here.
+[[nodiscard]] int number_base(const char* text);
 
 // Return 1 when the name ends in ".cvn", ".cvn.mismatch" or ".sql", else 0. The bare suffix counts; case
 // matters.

@@ -130,6 +130,16 @@ TEST(CvnDatum, ReadsInt16WithinItsRange) {
     EXPECT_TRUE(holds(d, int16_t{0}));
 }
 
+TEST(CvnDatum, ReadsBinaryAsAZeroOnEveryCLibrary) {
+    cvn_datum_t d;
+    EXPECT_EQ(0, parse(&d, "0b11", CVN_TYP_INT16));
+    EXPECT_TRUE(holds(d, int16_t{0}));
+    EXPECT_EQ(0, parse(&d, " -0B11", CVN_TYP_INT32));
+    EXPECT_TRUE(holds(d, int32_t{0}));
+    EXPECT_EQ(0, parse(&d, "0b11", CVN_TYP_INT64));
+    EXPECT_TRUE(holds(d, int64_t{0}));
+}
+
 TEST(CvnDatum, TruncatesInt16To32BitsBeforeItTestsTheRange) {
     cvn_datum_t d;
     EXPECT_EQ(0, parse(&d, "4294967301", CVN_TYP_INT16));  // 2^32 + 5
