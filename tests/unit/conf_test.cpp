@@ -39,6 +39,15 @@ TEST_F(ConfLoad, TakesEqualsAndColonWithBlanksAroundThem) {
 TEST_F(ConfLoad, SplitsAtTheFirstSeparatorOnly) {
     EXPECT_EQ("1 a=b=c;2 d=e:f;", loaded_t("a:b=c\nd=e:f\n").dump());
 }
+TEST_F(ConfLoad, StripsNoOtherWhiteSpace) {
+    // Vertical tab and form feed stay, at both ends of key and value, and make the line no empty one.
+    EXPECT_EQ("1 \vport=1;2 \fport=1;3 port\v=\v1\v;4 port\f=\f1\f;",
+              loaded_t("\vport=1\n \fport=1\nport\v = \v1\v\nport\f = \f1\f\n").dump());
+    const loaded_t c("\vport=1\n\v\n\v# no comment\n");
+    EXPECT_EQ(nullptr, conf_get(c.lst, "port"));
+    EXPECT_EQ("WARNING: conf file invalid line 2 ... ignored.WARNING: conf file invalid line 3 ... ignored.",
+              c.log);
+}
 TEST_F(ConfLoad, WarnsOfALineWithAnEmptyKeyWithoutEndingTheLine) {
     const loaded_t c("a=1\n=5\nb=2\n");
     EXPECT_EQ(0, c.err);
@@ -83,6 +92,38 @@ TEST_F(ConfLoad, AShortNumberSwallowsWhatFollows) {
     EXPECT_EQ("1 k=\x01!;", loaded_t("k=\\1zz!").dump());
     EXPECT_EQ("1 k=\x04;", loaded_t("k=\\x4").dump());
     EXPECT_EQ("1 k=\x01;", loaded_t("k=\\1").dump());
+}
+TEST_F(ConfLoad, ANumberMayHaveBlanksAndASignBeforeIt) {
+    // Blanks do not count towards the digits that are read, but they do towards the three swallowed.
+    EXPECT_EQ("1 k=\nb;", loaded_t("k=\\ 12b").dump());
+    EXPECT_EQ("1 k=S3b;", loaded_t("k=\\ 123b").dump());
+    EXPECT_EQ("1 k=\x05!;", loaded_t("k=\\ \t5!").dump());
+    EXPECT_EQ("1 k=\x04;", loaded_t("k=\\x 4").dump());
+    EXPECT_EQ("1 k=\x04!;", loaded_t("k=\\x 4!").dump());
+    EXPECT_EQ("1 k=A1!;", loaded_t("k=\\x 41!").dump());
+    // A sign is one of the characters read, and the byte is the number's lowest.
+    EXPECT_EQ("1 k=\xff;", loaded_t("k=\\-1z").dump());
+    EXPECT_EQ("1 k=\xff!;", loaded_t("k=\\-1z!").dump());
+    EXPECT_EQ("1 k=\xf6!;", loaded_t("k=\\-12!").dump());
+    EXPECT_EQ(
+        "1 k=\xf6"
+        "3!;",
+        loaded_t("k=\\-123!").dump());
+    EXPECT_EQ("1 k=\x01!;", loaded_t("k=\\+1z!").dump());
+    EXPECT_EQ("1 k=\xfc!;", loaded_t("k=\\x-4!").dump());
+    EXPECT_EQ(
+        "1 k=\xfc"
+        "4!;",
+        loaded_t("k=\\x-44!").dump());
+    EXPECT_EQ("1 k=\x04!;", loaded_t("k=\\x+4!").dump());
+}
+TEST_F(ConfLoad, BlanksOrASignWithoutADigitAreThemselves) {
+    EXPECT_EQ("1 k=-z!;", loaded_t("k=\\-z!").dump());
+    EXPECT_EQ("1 k=- 1;", loaded_t("k=\\- 1").dump());
+    EXPECT_EQ("1 k=-8;", loaded_t("k=\\-8").dump());
+    EXPECT_EQ("1 k= 9;", loaded_t("k=\\ 9").dump());
+    EXPECT_EQ("1 k=x-g;", loaded_t("k=\\x-g").dump());
+    EXPECT_EQ("1 k=x g;", loaded_t("k=\\x g").dump());
 }
 TEST_F(ConfLoad, AnXWithoutDigitsIsTheLetter) { EXPECT_EQ("1 k=xyz;", loaded_t("k=\\xyz").dump()); }
 TEST_F(ConfLoad, TakesAnEmptyFileForAnEmptyList) {
