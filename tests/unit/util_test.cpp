@@ -70,6 +70,13 @@ TEST(TblpathParse, DecodesBeforeItSplits) {
     EXPECT_EQ("base/my db", joined("/v1/my%20db"));
     EXPECT_EQ("base/a/b", joined("/v1/a%2Fb"));
     EXPECT_EQ("base/a", joined("/v1/a%00/../../x"));
+    tblpath_t* t = nullptr;
+    ASSERT_EQ(nullptr, tblpath_parse(&t, "/v1/a%2Fb"));
+    EXPECT_STREQ("a", t->database);
+    EXPECT_STREQ("b", t->schema);
+    EXPECT_EQ(nullptr, t->entity);
+    EXPECT_EQ(nullptr, t->partition);
+    tblpath_free(t);
 }
 TEST(TblpathParse, LeavesQueryAndFragmentOut) {
     EXPECT_EQ("base/db", joined("/v1/db?x=/y/z"));
