@@ -122,6 +122,7 @@ class ServerFault : public DataDir {
             htreply_t* reply = nullptr;
             testing::internal::CaptureStderr();
             const char* err = htreq_create(&req, client.fd());
+            const bool unread = err != nullptr;
             if (err) {
                 EXPECT_STREQ("out of memory", err);
                 EXPECT_EQ(nullptr, req);
@@ -140,7 +141,10 @@ class ServerFault : public DataDir {
             const int saved = fail_at;
             fail_at = 0;
             EXPECT_TRUE(err == nullptr || fired) << err;
-            (void)testing::internal::GetCapturedStderr();
+            const std::string log = testing::internal::GetCapturedStderr();
+            if (unread) {
+                EXPECT_EQ("", log);
+            }
             free(reply);
             free(req);
             fail_at = saved;
@@ -162,6 +166,25 @@ TEST_F(ServerFault, ConfLoadFailsWithEnomemAndClearsTheList) {
         EXPECT_EQ(fired, lst == nullptr);
         conf_free(lst);
     });
+}
+TEST_F(ServerFault, ARequestWithoutMemoryIsRefusedInSilence) {
+    int nfired = 0;
+    each_allocation(1, [&] {
+        client_t client("GET /v1 HTTP/1.1\r\n\r\n");
+        htrequest_t* req = reinterpret_cast<htrequest_t*>(1);
+        const int n = fail_at;
+        fail_at = 0;
+        testing::internal::CaptureStderr();
+        fail_at = n;
+        const char* err = htreq_create(&req, client.fd());
+        fail_at = 0;
+        EXPECT_EQ("", testing::internal::GetCapturedStderr());
+        EXPECT_STREQ(fired ? "out of memory" : nullptr, err);
+        EXPECT_EQ(fired, req == nullptr);
+        nfired += fired;
+        free(req);
+    });
+    EXPECT_EQ(1, nfired);
 }
 TEST_F(ServerFault, UrlFunctionsReturnNull) {
     char text[] = "a b";
