@@ -1,9 +1,48 @@
+// The linker puts the write and the writev below in front of the C library's, so that a test sees the calls
+// on its connection and what becomes of each.
+#include <sys/uio.h>
 #include <time.h>
 
 #include "tests/server_support.h"
 
 namespace {
 using namespace server_support;
+
+// The connection under test, -1 for none. The client's end is emptied into `got` after every write, so that
+// there would be room for another.
+struct watch_t {
+    int fd = -1, client_fd = -1;
+    std::vector<ssize_t> wrote;  // the result of each write
+    std::string got;
+};
+watch_t watch;
+
+ssize_t watched(ssize_t n) {
+    watch.wrote.push_back(n);
+    char buf[65536];
+    for (ssize_t k; (k = recv(watch.client_fd, buf, sizeof(buf), MSG_DONTWAIT)) > 0;)
+        watch.got.append(buf, static_cast<size_t>(k));
+    return n;
+}
+}  // namespace
+
+extern "C" {
+ssize_t __real_write(int fd, const void* buf, size_t n);
+ssize_t __real_writev(int fd, const struct iovec* iov, int niov);
+ssize_t __wrap_write(int fd, const void* buf, size_t n);
+ssize_t __wrap_writev(int fd, const struct iovec* iov, int niov);
+
+ssize_t __wrap_write(int fd, const void* buf, size_t n) {
+    const ssize_t ret = __real_write(fd, buf, n);
+    return fd == watch.fd ? watched(ret) : ret;
+}
+ssize_t __wrap_writev(int fd, const struct iovec* iov, int niov) {
+    const ssize_t ret = __real_writev(fd, iov, niov);
+    return fd == watch.fd ? watched(ret) : ret;
+}
+}
+
+namespace {
 
 // Runs `use` on a fresh reply and returns what the client received, the date masked.
 std::string sent(const std::function<void(htreply_t*)>& use) {
@@ -105,6 +144,33 @@ TEST(HtreplyChunk, SendsMegabytesWhole) {
     const std::string got = sent([&](htreply_t* r) { EXPECT_TRUE(htreply_chunk(r, data.data(), 3 << 20)); });
     EXPECT_TRUE(got == STREAM_HEAD + "300000; chunk\r\n" + data + "\r\n");
 }
+// Runs `use` on a reply whose connection takes but a part of 3 MB at once: it must be false, after one write
+// that gave the client a true part of `whole`.
+void expect_short(const std::string& whole, const std::function<bool(htreply_t*)>& use) {
+    int fd[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd));
+    const int small = 4096;
+    ASSERT_EQ(0, setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+    watch = {.fd = fd[0], .client_fd = fd[1]};
+    htreply_t r = {fd[0], false};
+    EXPECT_FALSE(use(&r));
+    EXPECT_TRUE(r.status_sent);
+    const watch_t did = watch;
+    watch = {};
+    close(fd[0]);
+    close(fd[1]);
+    ASSERT_EQ(1u, did.wrote.size());
+    EXPECT_EQ(did.wrote[0], static_cast<ssize_t>(did.got.size()));
+    const std::string got = mask_date(did.got);
+    EXPECT_GT(got.size(), size_t{1000});  // the head and a part of the data
+    EXPECT_LT(got.size(), whole.size());
+    EXPECT_TRUE(got == whole.substr(0, got.size()));
+}
+TEST(HtreplyChunk, FailsAfterAShortWriteAndRetriesNothing) {
+    const std::string data(3 << 20, 'm');
+    expect_short(STREAM_HEAD + "300000; chunk\r\n" + data + "\r\n",
+                 [&](htreply_t* r) { return htreply_chunk(r, data.data(), 3 << 20); });
+}
 TEST(HtreplyChunk, RefusesANegativeSizeWithoutWriting) {
     EXPECT_EQ("", sent([](htreply_t* r) { EXPECT_FALSE(htreply_chunk(r, "", -1)); }));
 }
@@ -120,6 +186,10 @@ TEST(HtreplyJson, FollowsAnEarlierHeadBare) {
                   EXPECT_TRUE(htreply_json(r, "{}", 2));
               }));
 }
+TEST(HtreplyJson, FailsAfterAShortWriteAndRetriesNothing) {
+    const std::string data(3 << 20, 'j');
+    expect_short(json_reply(data), [&](htreply_t* r) { return htreply_json(r, data.data(), 3 << 20); });
+}
 TEST(HtreplyError, HasTheStatusAsLineAndAsBody) {
     EXPECT_EQ(
         "HTTP/1.1 404 Not Found\r\nDate: *\r\nConnection: close\r\nContent-length: 13\r\n"
@@ -129,6 +199,17 @@ TEST(HtreplyError, HasTheStatusAsLineAndAsBody) {
         "HTTP/1.1 400 Bad Request - invalid url\r\nDate: *\r\nConnection: close\r\nContent-length: 29\r\n"
         "Content-type: application/plain\r\n\r\n400 Bad Request - invalid url",
         sent([](htreply_t* r) { htreply_error(r, "400 Bad Request - invalid url"); }));
+}
+TEST(HtreplyError, CutsOnlyTheHeadOfALongStatus) {
+    const auto error = [](const std::string& status) {
+        return sent([&](htreply_t* r) { htreply_error(r, status.c_str()); });
+    };
+    const std::string s990 = std::string(989, 's') + "!";
+    EXPECT_EQ("HTTP/1.1 " + s990 + s990, error(s990));
+    const std::string s984 = std::string(983, 's') + "!";
+    EXPECT_EQ("HTTP/1.1 " + s984 + "\r\nDate" + s984, error(s984));
+    const std::string s2000 = std::string(1999, 's') + "!";
+    EXPECT_EQ("HTTP/1.1 " + s2000.substr(0, 990) + s2000, error(s2000));
 }
 TEST(HtreplyError, InAStreamIsOnlyTheText) {
     EXPECT_EQ(STREAM_HEAD + "1; chunk\r\nx\r\n400 Bad Request", sent([](htreply_t* r) {
