@@ -5,6 +5,7 @@ foreach(name conf hturl htreq htreply util dir dir2 kelpd_shared
 endforeach()
 
 # Faults: the linker routes these calls of the code under test to the test program.
+target_link_options(unit_htreq PRIVATE -Wl,--wrap=select -Wl,--wrap=read)
 target_link_options(unit_htreply PRIVATE -Wl,--wrap=write -Wl,--wrap=writev)
 kelpd_unit(server_fault kelpd_core)
 foreach(call malloc calloc realloc strdup strndup asprintf fdatasync fsync rename)

@@ -1,3 +1,6 @@
+// The linker puts the select and the read below in front of the C library's, so that a test can say how the
+// calls on its connection end.
+#include <errno.h>
 #include <netinet/in.h>
 #include <sys/select.h>
 
@@ -5,6 +8,43 @@
 
 namespace {
 using namespace server_support;
+
+// The connection under test. The client's thread reads as well, but from another descriptor.
+struct script_t {
+    int fd = -1;
+    int select_errno = 0;       // the first select fails with it, 0 for none
+    std::vector<ssize_t> read;  // the reads in their order: the most they give, or -errno; then unbounded
+    int nselect = 0;            // select calls made
+    std::vector<size_t> read_asked;  // what each read asked for
+};
+script_t script;
+}  // namespace
+
+extern "C" {
+int __real_select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* tv);
+ssize_t __real_read(int fd, void* buf, size_t n);
+int __wrap_select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* tv);
+ssize_t __wrap_read(int fd, void* buf, size_t n);
+
+int __wrap_select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* tv) {
+    if (nfds == script.fd + 1 && ++script.nselect == 1 && script.select_errno != 0) {
+        errno = script.select_errno;
+        return -1;
+    }
+    return __real_select(nfds, r, w, e, tv);
+}
+ssize_t __wrap_read(int fd, void* buf, size_t n) {
+    if (fd != script.fd) return __real_read(fd, buf, n);
+    const size_t at = script.read_asked.size();
+    script.read_asked.push_back(n);
+    if (at >= script.read.size()) return __real_read(fd, buf, n);
+    if (script.read[at] >= 0) return __real_read(fd, buf, std::min(n, static_cast<size_t>(script.read[at])));
+    errno = static_cast<int>(-script.read[at]);
+    return -1;
+}
+}
+
+namespace {
 
 // A request read from `bytes`, the client then ending its side or keeping it open.
 struct read_t {
@@ -20,6 +60,31 @@ struct read_t {
     htrequest_t* req = reinterpret_cast<htrequest_t*>(1);  // not null, so that the clearing is seen
     const char* err = nullptr;
     std::string log;
+};
+
+// A request read from a connection that all of `bytes` reached before the first read, and that then ended.
+struct scripted_t {
+    explicit scripted_t(const std::string& bytes, const script_t& how = {}) {
+        int fd[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fd));
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd[1], bytes.data(), bytes.size(), MSG_DONTWAIT));
+        close(fd[1]);
+        script = how;
+        script.fd = fd[0];
+        testing::internal::CaptureStderr();
+        err = htreq_create(&req, fd[0]);
+        log = testing::internal::GetCapturedStderr();
+        did = script;
+        script = {};
+        close(fd[0]);
+    }
+    ~scripted_t() { free(req); }
+    scripted_t(const scripted_t&) = delete;
+    scripted_t& operator=(const scripted_t&) = delete;
+    htrequest_t* req = reinterpret_cast<htrequest_t*>(1);  // not null, so that the clearing is seen
+    const char* err = nullptr;
+    std::string log;
+    script_t did;
 };
 
 void expect_refused(const std::string& bytes, const char* err, const std::string& step) {
@@ -165,13 +230,15 @@ TEST(HtreqCreate, RefusesAHeadOneByteLonger) {
 }
 TEST(HtreqCreate, CountsTheBodyBytesThatCameAlong) {
     const std::string head = "PUT /v1\r\nContent-Length: 3\r\n\r\n";
-    const read_t r(head + std::string(20000, 'b'), true);
-    ASSERT_EQ(nullptr, r.err);
-    // One read of a full buffer, or fewer bytes when the client was slower.
-    EXPECT_GT(r.req->bodysz, 0);
-    EXPECT_LE(r.req->bodysz, static_cast<int>(10239 - head.size()));
-    EXPECT_EQ('\0', r.req->body[r.req->bodysz]);
-    EXPECT_EQ(std::string(static_cast<size_t>(r.req->bodysz), 'b'), r.req->body);
+    const size_t room = 10239 - head.size();
+    // Fewer than declared, as declared, more, the buffer filled, and what only a later read would give.
+    for (const size_t sz : {size_t{1}, size_t{3}, size_t{4}, room - 1, room, room + 1, size_t{20000}}) {
+        const scripted_t r(head + std::string(sz - 1, 'b') + "c");
+        ASSERT_EQ(nullptr, r.err);
+        EXPECT_EQ(std::min(sz, room), static_cast<size_t>(r.req->bodysz));
+        EXPECT_EQ((std::string(sz - 1, 'b') + "c").substr(0, room), r.req->body);
+        EXPECT_EQ((std::vector<size_t>{10239}), r.did.read_asked);
+    }
 }
 TEST(HtreqCreate, RefusesAClientThatClosesEarlyAtEveryLength) {
     const std::string whole = "GET /v1 HTTP/1.1\r\n\r\n";
@@ -198,7 +265,47 @@ TEST(HtreqCreate, FailsOnABadDescriptor) {
         EXPECT_EQ(nullptr, req);
     }
 }
-TEST(HtreqCreate, AReadErrorStepsBackAndTheNextReadReportsTheEnd) {
+TEST(HtreqCreate, AnInterruptedSelectIsAFailure) {
+    // The head is there: a second try would have succeeded.
+    const scripted_t r("GET /v1 HTTP/1.1\r\n\r\n", {.select_errno = EINTR});
+    EXPECT_STREQ("select failed", r.err);
+    EXPECT_EQ(nullptr, r.req);
+    EXPECT_EQ("htreq_readbuf failed: select failed\n", r.log);
+    EXPECT_EQ(1, r.did.nselect);
+    EXPECT_TRUE(r.did.read_asked.empty());
+}
+TEST(HtreqCreate, AReadErrorStepsBackOneByte) {
+    for (const ssize_t err : {EIO, ECONNRESET, EAGAIN}) {
+        // Each error takes one more byte off "GET /v1XY" before the rest comes.
+        const scripted_t one("GET /v1XY HTTP/1.1\r\n\r\n", {.read = {9, -err}});
+        ASSERT_EQ(nullptr, one.err);
+        EXPECT_STREQ("/v1X", one.req->url);
+        EXPECT_STREQ("HTTP/1.1", one.req->proto);
+        EXPECT_EQ(0, one.req->bodysz);
+        EXPECT_EQ((std::vector<size_t>{10239, 10230, 10231}), one.did.read_asked);
+        EXPECT_EQ("", one.log);
+        const scripted_t two("GET /v1XY HTTP/1.1\r\n\r\n", {.read = {9, -err, -err}});
+        ASSERT_EQ(nullptr, two.err);
+        EXPECT_STREQ("/v1", two.req->url);
+        EXPECT_EQ((std::vector<size_t>{10239, 10230, 10231, 10232}), two.did.read_asked);
+        EXPECT_EQ(4, two.did.nselect);
+    }
+}
+TEST(HtreqCreate, AReadErrorBeforeTheFirstByteStepsNowhere) {
+    const scripted_t r("GET /v1 HTTP/1.1\r\n\r\n", {.read = {-EIO, -EIO, 1, -EIO, -EIO}});
+    ASSERT_EQ(nullptr, r.err);
+    EXPECT_STREQ("ET", r.req->method);  // the first byte was read, then stepped back over
+    EXPECT_STREQ("/v1", r.req->url);
+    EXPECT_EQ((std::vector<size_t>{10239, 10239, 10239, 10238, 10239, 10239}), r.did.read_asked);
+}
+TEST(HtreqCreate, AnInterruptedReadIsTriedAgainWhereItStood) {
+    const scripted_t r("GET /v1XY HTTP/1.1\r\n\r\n", {.read = {9, -EINTR, -EINTR}});
+    ASSERT_EQ(nullptr, r.err);
+    EXPECT_STREQ("/v1XY", r.req->url);
+    EXPECT_EQ((std::vector<size_t>{10239, 10230, 10230, 10230}), r.did.read_asked);
+    EXPECT_EQ(4, r.did.nselect);
+}
+TEST(HtreqCreate, AResetIsAClientThatClosedEarly) {
     // A TCP client that resets: the first read fails with ECONNRESET, the second is the end.
     const int ls = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in a = {};
@@ -217,7 +324,8 @@ TEST(HtreqCreate, AReadErrorStepsBackAndTheNextReadReportsTheEnd) {
     htrequest_t* req = reinterpret_cast<htrequest_t*>(1);
     testing::internal::CaptureStderr();
     EXPECT_STREQ("clnt closed without valid req", htreq_create(&req, s));
-    (void)testing::internal::GetCapturedStderr();
+    EXPECT_EQ("htreq_readbuf failed: clnt closed without valid req\n",
+              testing::internal::GetCapturedStderr());
     EXPECT_EQ(nullptr, req);
     close(s);
     close(ls);
