@@ -193,6 +193,7 @@ int64_t length_of(const std::string& value) {
 TEST(HtreqCreate, ReadsALengthInBaseZero) {
     EXPECT_EQ(8, length_of(" 010"));
     EXPECT_EQ(16, length_of("0x10"));
+    EXPECT_EQ(0, length_of(" 0b11"));
     EXPECT_EQ(0, length_of(" abc"));
     EXPECT_EQ(0, length_of(""));
     EXPECT_EQ(7, length_of(" 7 bytes"));
