@@ -9,6 +9,7 @@ import collections
 import ctypes
 import glob
 import os
+import platform
 import random
 import re
 import resource
@@ -19,6 +20,7 @@ import struct
 import subprocess
 import tempfile
 import time
+import unittest
 
 _PR_SET_CHILD_SUBREAPER = 36
 
@@ -237,6 +239,50 @@ def reset(s):
     s.close()
 
 
+# Failing system calls.
+
+# The arguments that must have the given values, by their position, for a system call `name` to fail with `error`.
+Fault = collections.namedtuple("Fault", "name error arguments", defaults=({},))
+
+# Numbers of x86-64. A library may reach one function by either of two calls, so both may have to be named.
+_SYSTEM_CALLS = {
+    "read": 0, "lstat": 6, "rt_sigaction": 13, "select": 23, "socket": 41, "accept": 43, "listen": 50,
+    "setsockopt": 54, "clone": 56, "rmdir": 84, "unlink": 87, "setsid": 112, "newfstatat": 262, "pselect6": 270}
+_PR_SET_SECCOMP, _SECCOMP_MODE_FILTER = 22, 2
+_PR_SET_NO_NEW_PRIVS = 38
+
+
+def _filter_of(faults):
+    """A filter program of the kernel that makes the system calls of `faults` fail and lets all others through."""
+    load, equal, give = 0x20, 0x15, 0x06
+    allowed, failed = 0x7FFF0000, 0x00050000
+    code = []
+    for fault in faults:
+        wanted = [(0, _SYSTEM_CALLS[fault.name])]
+        wanted += [(16 + 8 * position, value) for position, value in fault.arguments.items()]
+        left = 2 * len(wanted)  # instructions up to the end of this fault's part, skipped when something differs
+        for offset, value in wanted:
+            left -= 2
+            code += [(load, 0, 0, offset), (equal, 0, left + 1, value)]
+        code.append((give, 0, 0, failed | fault.error))
+    code.append((give, 0, 0, allowed))
+    return b"".join(struct.pack("=HBBI", *instruction) for instruction in code)
+
+
+class _Program(ctypes.Structure):
+    _fields_ = [("length", ctypes.c_ushort), ("code", ctypes.c_void_p)]
+
+
+def _fail_calls(code):
+    """Puts the filter on this process and all that it will start. No privilege is needed, but none can be gained."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    buffer = ctypes.create_string_buffer(code, len(code))
+    loaded = _Program(len(code) // 8, ctypes.addressof(buffer))
+    if libc.prctl(_PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 or \
+            libc.prctl(_PR_SET_SECCOMP, _SECCOMP_MODE_FILTER, ctypes.byref(loaded), 0, 0) != 0:
+        raise OSError(ctypes.get_errno(), "cannot filter system calls")
+
+
 class Daemon:
     """One daemon and its data directory.
 
@@ -246,17 +292,26 @@ class Daemon:
     env       variables added to the environment
     user      number of the user to run as; the data directory then belongs to it
     ignore    signals that the daemon inherits as ignored
+    fail      system calls that fail, each a Fault, from the first instruction of the program on; on other machines
+              than x86-64 the test is skipped
+    umask     the umask that it inherits, instead of this process's
+    session   start it in a session of its own
     prepare   called with the data directory before the start
     """
 
     def __init__(self, *options, nofork=False, conf=None, env=None, user=None, ignore=(), prepare=None,
-                 port_value=None):
+                 port_value=None, fail=(), umask=-1, session=True):
+        if fail and platform.machine() != "x86_64":
+            raise unittest.SkipTest("system calls are made to fail on x86-64 only")
         self.options = options + (("-n",) if nofork else ())
         self.nofork = nofork
         self.conf = conf
         self.port_value = port_value or str
         self.user = user
         self.ignore = ignore
+        self.fail = _filter_of(fail) if fail else None
+        self.umask = umask
+        self.session = session
         self.scratch = tempfile.mkdtemp(prefix="kelpd-wire-")
         self.dir = os.path.join(self.scratch, "data")
         os.mkdir(self.dir)
@@ -318,18 +373,20 @@ class Daemon:
         before = set(children_of(os.getpid()))
         self.exit_status = None
 
-        def set_signals():
+        def prepare():
             # Whoever runs the tests may ignore some of them, as nohup and background jobs do.
             for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGCHLD):
                 signal.signal(number, signal.SIG_DFL)
             for number in self.ignore:
                 signal.signal(number, signal.SIG_IGN)
+            if self.fail:
+                _fail_calls(self.fail)
 
         with open(self.terminal_path, "wb") as terminal:
             launcher = subprocess.Popen(
                 [self.program, *self.options, "-D", self.dir], stdin=subprocess.DEVNULL, stdout=terminal,
-                stderr=terminal, env=self.env, start_new_session=True, user=self.user, group=self.user,
-                extra_groups=None if self.user is None else [], preexec_fn=set_signals)
+                stderr=terminal, env=self.env, start_new_session=self.session, user=self.user, group=self.user,
+                extra_groups=None if self.user is None else [], umask=self.umask, preexec_fn=prepare)
         if self.nofork:
             self._launcher, self.pid = launcher, launcher.pid
             return

@@ -1,4 +1,6 @@
 """Start-up and life of the daemon process: command line, configuration, directories, daemonising, logs, the loop."""
+import datetime
+import errno
 import os
 import re
 import signal
@@ -11,7 +13,7 @@ import unittest
 
 import kelpd_proc
 import wirecase
-from kelpd_proc import Daemon, WAIT, free_port, listening, program, status_field, until
+from kelpd_proc import Daemon, Fault, WAIT, free_port, listening, program, status_field, until
 from wirecase import SILENCE, WireCase, error, get, json_reply, request
 
 LOGNAME = re.compile(r"log/kelpd-(\d{4})-(\d\d)-(\d\d)_(\d\d)(\d\d)(\d\d)\.log")
@@ -161,6 +163,9 @@ class Refused(unittest.TestCase):
     def test_a_hexadecimal_escape_of_one_digit_swallows_a_third_character(self):
         self.assert_bad_port(b"port=\\x4z8080\n")  # byte 4, then 8080: no number
 
+    def test_a_binary_port_is_invalid(self):
+        self.assert_bad_port(b"port=0b11111010000000\n")  # 0, with text behind it
+
     def test_messages_before_a_bad_port_stay(self):
         self.write(b"=5\nno separator\nport=0\n")
         self.assertEqual(
@@ -272,12 +277,32 @@ class Configuration(unittest.TestCase):
     def test_a_hexadecimal_escape_of_one_digit_swallows_two_characters(self):
         self.assert_port("port=\\x9z{port}\n")  # a tab, and the z gone
 
+    def test_blanks_and_a_sign_may_begin_the_number_of_an_escape(self):
+        """The sign counts towards the number's width and blanks do not; either way three characters are gone."""
+        self.assert_port("port={port}\n", lambda port: f"\\ 62{str(port)[1:]}", low=28000, high=29000)
+        self.assert_port("port={port}\n", lambda port: f"\\+62{str(port)[1:]}", low=20000, high=30000)
+        # The number is 3 and the second digit of the port, and that digit is left over as another.
+        self.assert_port("port={port}\n", lambda port: f"\\x 3{str(port)[1:]}", low=22000, high=23000)
+        self.assert_port("port=\\x+9{port}\n")  # a tab
+
     def test_an_escaped_ordinary_character_is_itself(self):
         self.assert_port("port=\\{port}\n", low=8000, high=9999)
 
     def test_without_a_port_entry_the_kernel_chooses(self):
         kelpd = self.start(b"# nothing\n")
         self.assertEqual("", self.warnings(kelpd))
+
+    def test_daemons_without_a_port_entry_get_a_port_each(self):
+        both = [Daemon(conf=b"") for _ in range(2)]
+        for kelpd in both:
+            self.addCleanup(kelpd.stop)
+            kelpd.start()
+        self.assertNotEqual(both[0].port, both[1].port)
+        for k, kelpd in enumerate(both):
+            kelpd.await_accept()
+            self.assertEqual("", kelpd.log(), "a line before the first request")
+            kelpd.store(f"d{k}/s/e/p", b"")
+            self.assertTrue(kelpd.ask(get("/v1")).endswith(b'\r\n\r\n["d%d"]' % k))
 
     def test_an_empty_configuration_is_accepted(self):
         kelpd = self.start(b"")
@@ -289,6 +314,11 @@ class Configuration(unittest.TestCase):
             "WARNING: unknown key (Port) in config file on line 2 ... ignored.\n"
             "WARNING: unknown key (a b) in config file on line 4 ... ignored.\n"
             "WARNING: unknown key (port \t2) in config file on line 5 ... ignored.\n", self.warnings(kelpd))
+
+    def test_other_white_space_than_blanks_and_tabs_belongs_to_a_key(self):
+        kelpd = self.start(b"\vport=1\nport\f=1\n")
+        self.assertEqual("WARNING: unknown key (\vport) in config file on line 1 ... ignored.\n"
+                         "WARNING: unknown key (port\f) in config file on line 2 ... ignored.\n", self.warnings(kelpd))
 
     def test_a_key_ends_at_the_first_separator(self):
         kelpd = self.start(b"a:b=c\nd=e:f\n")
@@ -435,6 +465,19 @@ class Daemonised(WireCase):
 
 
 class Logs(unittest.TestCase):
+    def test_a_log_is_named_after_the_local_time_and_a_reply_dated_in_gmt(self):
+        kelpd = Daemon(env={"TZ": "XYZ-5:30"})
+        self.addCleanup(kelpd.stop)
+        before = time.time()
+        kelpd.start()
+        for name in kelpd.log_files():
+            stamp = [int(part) for part in LOGNAME.fullmatch(os.path.relpath(name, kelpd.dir)).groups()]
+            zone = datetime.timezone(datetime.timedelta(hours=5, minutes=30))
+            opened = datetime.datetime(*stamp, tzinfo=zone).timestamp()
+            self.assertTrue(int(before - 0.1) <= opened <= time.time(), name)
+        since = time.time()
+        self.assertEqual(json_reply("[]"), wirecase.mask_date(self, kelpd.ask(get("/v1")), since))
+
     def test_a_log_of_the_same_second_is_appended_to(self):
         names = []
 
@@ -498,6 +541,89 @@ class Logs(unittest.TestCase):
             self.assertEqual(port, kelpd.port)
             self.assertTrue(kelpd.ask(get("/v1")).endswith(b"[]"))
             self.assertEqual(SILENCE, kelpd_proc.receive(idle))
+
+
+class FailedStarts(unittest.TestCase):
+    """Starts at which a call of the system fails."""
+
+    def check_end(self, log, *faults, terminal="", **options):
+        """The start ends with status 1; the log is `log` and the terminal's text matches `terminal`."""
+        kelpd = Daemon(conf=b"", fail=faults, **options)
+        self.addCleanup(kelpd.stop)
+        kelpd.write_conf()
+        kelpd.launch()
+        self.assertEqual(1, kelpd.await_end())
+        self.assertEqual(log, kelpd.log())
+        self.assertRegex(kelpd.terminal(), rf"\A{terminal}\Z")
+
+    def check_daemon_ends(self, log, *faults):
+        self.check_end(log, *faults, terminal=rf"logfile name {LOGNAME.pattern}\n")
+
+    def check_both_end(self, text, *faults):
+        """The daemon ends with this message in its log, and the foreground process with it on the terminal."""
+        self.check_daemon_ends(text, *faults)
+        self.check_end(text, *faults, terminal=re.escape(text), nofork=True)
+
+    def test_without_a_second_process_there_is_no_daemon(self):
+        self.check_end("", Fault("clone", errno.EAGAIN), terminal=r"fork: Resource temporarily unavailable\n")
+
+    def test_without_a_session_of_its_own_the_daemon_ends(self):
+        self.check_daemon_ends("setsid: Operation not permitted\n", Fault("setsid", errno.EPERM))
+
+    def test_signals_that_cannot_be_ignored_end_the_daemon(self):
+        self.check_daemon_ends("signal(SIGCHLD, SIG_IGN): Invalid argument\n",
+                               Fault("rt_sigaction", errno.EINVAL, {0: signal.SIGCHLD}))
+        self.check_daemon_ends("signal(SIGPIPE, SIG_IGN: Invalid argument\n",
+                               Fault("rt_sigaction", errno.EINVAL, {0: signal.SIGPIPE}))
+
+    def test_without_a_socket_the_process_ends(self):
+        self.check_both_end("ERROR: socket() failed - Too many open files\n", Fault("socket", errno.EMFILE))
+
+    def test_a_socket_that_cannot_listen_ends_the_process(self):
+        self.check_both_end("ERROR: listen() failed - Address already in use\n", Fault("listen", errno.EADDRINUSE))
+
+    def test_an_interrupted_accept_ends_the_process(self):
+        self.check_both_end("ERROR: accept() failed - Interrupted system call\n", Fault("accept", errno.EINTR))
+
+    def test_socket_options_that_cannot_be_set_are_done_without(self):
+        kelpd = Daemon(fail=[Fault("setsockopt", errno.ENOPROTOOPT)])
+        self.addCleanup(kelpd.stop)
+        kelpd.start()
+        self.assertTrue(kelpd.ask(get("/v1")).endswith(b"\r\n\r\n[]"))
+        self.assertEqual("GET /v1 -> 200 OK\n", kelpd.await_log(1))
+
+
+class Unprivileged(unittest.TestCase):
+    """A start that may not read everything. Run by root, the test starts it as another user."""
+
+    def check_start_ends(self, name, text):
+        kelpd = Daemon(conf=b"port=8080\n", user=65534 if os.geteuid() == 0 else None)
+        self.addCleanup(kelpd.stop)
+        kelpd.write_conf()
+        if name == "base":
+            os.mkdir(kelpd.path("base"))
+        os.chmod(kelpd.path(name), 0)
+        self.addCleanup(os.chmod, kelpd.path(name), 0o700)
+        kelpd.launch()
+        self.assertEqual(1, kelpd.await_end())
+        self.assertEqual(text.format(kelpd.dir), kelpd.terminal())
+        self.assertEqual({"kelpd.conf", name}, set(os.listdir(kelpd.dir)))
+
+    def test_a_configuration_without_permission_is_fatal(self):
+        self.check_start_ends("kelpd.conf", "ERROR: cannot load {}/kelpd.conf - Permission denied\n")
+
+    def test_base_without_permission_ends_the_start(self):
+        self.check_start_ends("base", "cannot create dir ./base\n")
+
+
+class Inherited(unittest.TestCase):
+    def test_the_foreground_process_keeps_its_umask_session_and_group(self):
+        kelpd = Daemon(nofork=True, umask=0o027, session=False)
+        self.addCleanup(kelpd.stop)
+        kelpd.start()
+        self.assertEqual(0o027, int(status_field(kelpd.pid, "Umask"), 8))
+        process = kelpd_proc.stat_of(kelpd.pid)
+        self.assertEqual((os.getsid(0), os.getpgid(0)), (process.sid, process.pgrp))
 
 
 class Foreground(WireCase):
