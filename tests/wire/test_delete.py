@@ -1,11 +1,12 @@
 """DELETE: what each depth removes, what survives, and how failures are told."""
+import errno
 import os
 import subprocess
 import unittest
 
 import cvnfile
 import kelpd_proc
-from kelpd_proc import Daemon
+from kelpd_proc import Daemon, Fault
 from wirecase import OK, WireCase, delete, error, get, json_reply, post, put, small_file, stream
 
 FAILED = "500 Internal Server Error"
@@ -138,6 +139,60 @@ class Failures(WireCase):
         self.assertIn("d/s/busy/", self.kelpd.tree())
         self.check_ok(delete("/v1/d"))
         self.assert_tree()
+
+
+# What a removal meets when somebody else removes the same names at the same time.
+
+
+class FilesGone(WireCase):
+    daemon_arguments = {"fail": [Fault("unlink", errno.ENOENT)]}
+
+    def test_files_that_are_gone_when_they_are_removed_count_as_removed(self):
+        self.kelpd.store("d/s/e/p", b"")
+        self.kelpd.store("file", b"")
+        for url in ("/v1/file", "/v1/d/s/e/p", "/v1/d"):
+            self.check_ok(delete(url))
+        self.assert_tree("d/", "d/s/", "d/s/e/", "d/s/e/p", "file")  # none was removed in truth
+
+
+class DirectoriesGone(WireCase):
+    daemon_arguments = {"fail": [Fault("rmdir", errno.ENOENT)]}
+
+    def test_a_walk_goes_on_behind_a_directory_that_is_gone_when_it_is_removed(self):
+        folders = [f"d/{schema}/{entity}" for schema in "st" for entity in "efg"]
+        for folder in folders:
+            self.kelpd.store(f"{folder}/p", b"")
+        self.check_ok(delete("/v1/d"))
+        self.assert_tree("d/", "d/s/", "d/t/", *(f"{folder}/" for folder in folders))
+
+
+# The walk asks with one of these calls what it has come to; neither is how an open file is asked about.
+_WALK_FAILS = [Fault("newfstatat", errno.ENOTDIR, {3: 0x100}),  # AT_SYMLINK_NOFOLLOW
+               Fault("lstat", errno.ENOTDIR)]
+
+
+class NoDirectory(WireCase):
+    daemon_arguments = {"fail": _WALK_FAILS}
+
+    def test_what_the_walk_finds_to_be_no_directory_is_unlinked(self):
+        self.kelpd.store("file", b"")
+        self.check_ok(delete("/v1/file"))
+        self.assert_tree()
+
+    def test_a_directory_that_the_walk_finds_to_be_none_cannot_be_unlinked(self):
+        self.kelpd.store("d/p", b"")
+        self.check(delete("/v1/d"), error(FAILED), "Error unlink base/d: Is a directory",
+                   f"DELETE /v1/d -> {FAILED}")
+        self.assert_tree("d/", "d/p")
+
+
+class NoDirectoryAndGone(WireCase):
+    daemon_arguments = {"fail": [*_WALK_FAILS, Fault("unlink", errno.ENOENT)]}
+
+    def test_what_is_gone_when_it_is_unlinked_counts_as_removed(self):
+        self.kelpd.store("file", b"")
+        self.check_ok(delete("/v1/file"))
+        self.assert_tree("file")
 
 
 class Unprivileged(unittest.TestCase):
