@@ -380,6 +380,24 @@ class Removal(WireCase):
         self.check_ok(delete("/v1/d"))
         self.assert_tree()
 
+    def test_two_removals_of_one_tree_both_succeed(self):
+        """Each meets names that the other has just removed; together they leave nothing and complain of nothing."""
+        raw = delete("/v1/d")
+        for _ in range(100):
+            for k in range(48):
+                self.kelpd.store(f"d/s{k % 2}/e{k % 12}/p{k}", b"")
+            with self.kelpd.connect() as a, self.kelpd.connect() as b:
+                for s in (a, b):
+                    s.sendall(raw[:-1])
+                for s in (a, b):
+                    self.kelpd.await_child(s)
+                for s in (a, b):
+                    s.sendall(raw[-1:])
+                for s in (a, b):
+                    self.assert_reply(OK, kelpd_proc.receive(s))
+            self.assert_log(*["DELETE /v1/d -> 200 OK"] * 2)
+            self.assert_tree()
+
 
 if __name__ == "__main__":
     unittest.main()
