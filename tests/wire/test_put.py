@@ -169,6 +169,15 @@ class Lengths(PutCase):
         self.assert_log("PUT /v1/d/s/e/p -> 200 OK")
         self.assertEqual(body, self.kelpd.load("d/s/e/p"))
 
+    def test_a_body_may_pause_for_longer_than_a_head_may_take(self):
+        s, name = self.begin("/v1/d/s/e/p", 6, b"abc")
+        time.sleep(6.5)  # a head has 5 seconds, a body as long as it likes
+        self.assert_tree(*ENTITY, name)
+        s.sendall(b"def")
+        self.assert_reply(OK, kelpd_proc.receive(s))
+        self.assert_log("PUT /v1/d/s/e/p -> 200 OK")
+        self.assertEqual(b"abcdef", self.kelpd.load("d/s/e/p"))
+
     def test_a_body_of_many_megabytes_arrives_whole(self):
         body = os.urandom(1 << 20) * 24
         self.check_ok(put("/v1/d/s/e/p", body))
