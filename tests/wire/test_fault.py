@@ -314,6 +314,20 @@ class FullDisk(FaultCase):
         self.assertEqual(bytes(65536), kelpd.load("d/s/e/p"))
         self.assertEqual(f"PUT {ENTITY}/p -> {FAILED}\nPUT {ENTITY}/p -> 200 OK\n", kelpd.take_log())
 
+    def test_an_upload_that_cannot_be_written_fails_without_waiting_for_its_rest(self):
+        kelpd = Daemon(ignore=(signal.SIGXFSZ,))
+        self.addCleanup(kelpd.stop)
+        kelpd.start()
+        kelpd.store("d/s/e/p", b"old")
+        kelpd.limit(resource.RLIMIT_FSIZE, 65536)
+        with kelpd.connect() as s:
+            # More than any buffer on the way, and less than the length: the answer must come from inside the copying.
+            kelpd_proc.send(s, put(f"{ENTITY}/p", bytes(3 << 20), length=8 << 20))
+            self.assert_reply(error(FAILED), kelpd_proc.receive(s))
+        self.assertEqual(f"PUT {ENTITY}/p -> {FAILED}\n", kelpd.await_log(1))
+        self.assertEqual(b"old", kelpd.load("d/s/e/p"))
+        self.assertEqual(["d/", "d/s/", "d/s/e/", "d/s/e/p"], kelpd.tree())
+
 
 class DaemonLimits(unittest.TestCase):
     """What ends the daemon itself."""
