@@ -198,7 +198,8 @@ class NoDirectoryAndGone(WireCase):
 class Unprivileged(unittest.TestCase):
     """A daemon that may not remove everything. Run by root, the test starts it as another user."""
 
-    def test_a_directory_without_permission_fails_the_request(self):
+    def start(self):
+        """A daemon that holds the file d/s/e/p and owns every directory above it."""
         user = 65534 if os.geteuid() == 0 else None
         kelpd = Daemon(user=user)
         self.addCleanup(kelpd.stop)
@@ -208,6 +209,23 @@ class Unprivileged(unittest.TestCase):
         if user is not None:
             for folder, _, _ in os.walk(kelpd.path("base")):
                 os.chown(folder, user, user)
+        return kelpd
+
+    def test_what_was_removed_before_a_failure_stays_removed(self):
+        kelpd = self.start()
+        os.chmod(kelpd.path("base/d"), 0o500)
+        try:
+            raw = kelpd.ask(delete("/v1/d"))
+            self.assertTrue(raw.endswith(b"\r\n\r\n500 Internal Server Error"), raw)
+            self.assertEqual("ERROR while remove(base/d/s): Permission denied\n"
+                             "Error rm -rf base/d: Permission denied\n"
+                             f"DELETE /v1/d -> {FAILED}\n", kelpd.take_log())
+            self.assertEqual(["d/", "d/s/"], kelpd.tree())
+        finally:
+            os.chmod(kelpd.path("base/d"), 0o700)
+
+    def test_a_directory_without_permission_fails_the_request(self):
+        kelpd = self.start()
         os.chmod(kelpd.path("base/d/s/e"), 0o500)
         try:
             raw = kelpd.ask(delete("/v1/d/s/e"))
