@@ -7,13 +7,14 @@ import os
 import random
 import resource
 import signal
+import struct
 import subprocess
 import time
 import unittest
 
 import cvnfile
 import kelpd_proc
-from kelpd_proc import Daemon, SANITIZED, until
+from kelpd_proc import Daemon, SANITIZED, stat_of, until
 from wirecase import (OK, SILENCE, STREAM, WireCase, delete, error, get, json_reply, mask_date, post, put,
                       small_file, stream)
 
@@ -81,14 +82,27 @@ class VanishingClients(FaultCase):
             self.assert_log(f"POST /v1/d/s/big -> {REFUSED}")
 
     def test_a_listing_abandoned_in_the_middle_is_no_error(self):
-        for k in range(600):
-            self.kelpd.store(f"d/s/many/{k:03d}" + "x" * 200 + ".cvn", self.old.data)
-        for _ in range(20):  # until the listing exceeds what the sockets hold
-            with self.kelpd.connect(rcvbuf=4096) as s:
-                s.sendall(get("/v1/d/s/many"))
-                s.recv(10)
-                kelpd_proc.reset(s)
-            self.assert_log("GET /v1/d/s/many -> 200 OK")
+        # A list of columns that no socket buffers hold: more than six million bytes.
+        ncol = 40000
+        footer = b"".join((struct.pack("<2i2q2iq", 1, ncol, 0, 0, 136 * ncol, 112 * ncol, 0),
+                           *(struct.pack("<127sxi4x", b"%0127d" % k, cvnfile.INT32) for k in range(ncol)),
+                           bytes(112 * ncol)))
+        self.kelpd.store("d/s/wide/p.cvn", cvnfile.HEAD_MAGIC + footer + struct.pack("<qi", len(footer), 0)
+                         + cvnfile.TAIL_MAGIC)
+        with self.kelpd.connect(rcvbuf=4096) as s:
+            s.sendall(get("/v1/d/s/wide/p.cvn"))
+            child = self.kelpd.await_child(s)
+            self.assertEqual(b"HTTP/1.1 2", s.recv(10))
+
+            def is_waiting():
+                state = stat_of(child)
+                self.assertTrue(state and state.state != "Z", "the sockets have taken the whole reply")
+                return state.state == "S"
+
+            # Asleep behind the beginning of its reply, it has more to send than it can.
+            until(is_waiting, "the child to wait for its client")
+            kelpd_proc.reset(s)
+        self.assert_log("GET /v1/d/s/wide/p.cvn -> 200 OK")
 
     def test_a_query_reset_before_its_body_is_refused(self):
         with self.kelpd.connect() as s:
