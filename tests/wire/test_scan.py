@@ -503,6 +503,16 @@ class Counts(ScanCase):
             s.recv(1 << 16)
         self.assert_log(f"POST {URL} -> 200 OK")
 
+    def test_a_count_that_loses_its_client_goes_on_with_the_next_file(self):
+        for name in ("a.cvn", "b.cvn"):
+            self.store(name, self.counting(1 << 60))
+        _, second = self.order()
+        self.store(second, b"")  # its failure shows that it was reached
+        with self.kelpd.connect() as s:
+            s.sendall(self.query())
+            s.recv(1 << 16)
+        self.assert_log(f"POST {URL} -> {FAILED}")
+
 
 class Damaged(ScanCase):
     """Files that open but cannot be read, put behind the daemon's back or past its upload check."""
