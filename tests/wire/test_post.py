@@ -368,6 +368,11 @@ class Fragments(PostCase):
         self.check_fragment("[true,false]", range(10))
         self.check_fragment("[3abc,4.7]", (3, 7))
 
+    def test_a_colon_ends_a_number_and_a_number_behind_the_second_is_left_unread(self):
+        self.store()
+        self.check_fragment("[0:1,2]", range(10))
+        self.check_fragment("[1:3,2]", (1, 4, 7))
+
     def test_numbers_are_cut_to_32_bits(self):
         self.store()
         self.check_fragment("[4294967297,4294967300]", (1, 5, 9))
