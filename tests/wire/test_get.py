@@ -357,6 +357,11 @@ class Partition(GetCase):
         self.kelpd.store("d/s/e", b"")
         self.check_status(get("/v1/d/s/e/p.cvn"), "500 Internal Server Error")
 
+    def test_a_file_name_too_long_for_the_file_system_is_an_error(self):
+        self.make("d/s/e")
+        self.check_status(get("/v1/d/s/e/" + "x" * 255), NOT_FOUND)
+        self.check_status(get("/v1/d/s/e/" + "x" * 256), "500 Internal Server Error")
+
     def test_a_damaged_file_is_an_error(self):
         whole = small_file()
         size = len(whole.data)
