@@ -523,6 +523,15 @@ class Damaged(ScanCase):
             self.store("p.cvn", damaged)
             self.check_refused(["id"], status=FAILED)
 
+    def test_a_file_that_cannot_be_opened_outranks_what_is_wrong_with_the_request(self):
+        whole = small_file()
+        for wrong in ((["id", "id"],), (["id"], [["nosuch", "="]]), (["id"], None, [5, 1]),
+                      (["a", "a"], [["b", "="]], [5, 1])):
+            self.store("p.cvn", whole)
+            self.check_refused(*wrong)
+            self.store("p.cvn", whole.data[:-1])
+            self.check_refused(*wrong, status=FAILED)
+
     def test_a_folder_named_like_a_data_file_fails_the_scan(self):
         os.makedirs(self.kelpd.path("base/d/s/e/p.cvn"))
         self.check_refused(["id"], status=FAILED)
