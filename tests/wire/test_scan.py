@@ -235,6 +235,9 @@ class Operators(ScanCase):
     def test_a_trailing_blank_makes_an_operator_unknown(self):
         for op in ("isnull ", "in ", " ==", "== ", "> "):
             self.check_refused(["id"], [["id", op, "1"]])
+        # The null tests take no argument, so only without one is it the blank that is refused.
+        for op in ("isnull ", "isnotnull ", " isnull"):
+            self.check_refused(["id"], [["id", op]])
 
     def test_other_operators_are_refused(self):
         for op in ("=", "<>", "=>", "=<", "", "!", "eq", "is null", "like", "inn", "isnul"):
