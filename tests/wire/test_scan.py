@@ -280,8 +280,14 @@ class Operators(ScanCase):
         self.check_refused(condition=[["id", "==", "1"]])
         self.check_refused(condition=[["id", "isnull"]])
 
-    def test_the_first_bad_condition_decides_in_the_order_given(self):
-        self.check_refused(["id"], [["id", "==", "1"], ["id", "=", "1"]])
+    def test_a_bad_condition_is_refused_before_or_behind_one_that_keeps_nothing(self):
+        nothing = ["id", "in", []]
+        self.check_condition((), nothing, ["qty", "isnull"])
+        for bad in (["id", "=", "1"], ["nosuch", "==", "1"], ["note", "==", "x"],
+                    ["qty", "==", "-99999999999999999999"], ["id", "=="]):
+            with self.subTest(bad=bad):
+                self.check_refused(["id", "qty"], [nothing, bad])
+                self.check_refused(["id", "qty"], [bad, nothing])
 
     def test_a_refused_condition_keeps_the_files_streamed_before(self):
         hasnot = cvnfile.build([Column(b"id", cvnfile.DEC64)], [[[decimal.Decimal(1)]]])
