@@ -4,7 +4,7 @@
 #include <errno.h>
 #include <stdarg.h>
 
-#include <set>
+#include <sstream>
 
 #include "server/conf.h"
 #include "store/dir.h"
@@ -16,12 +16,14 @@ namespace {
 int fail_at = 0;  // the number of the allocation that fails, 0 for none
 int ncall = 0;
 bool fired = false;
+const char* failed = "";         // the function whose allocation failed
 const char* fail_name = "";      // the system call that fails
 std::vector<std::string> trace;  // system calls in their order
 
-bool due() {
+bool due(const char* name) {
     if (fail_at == 0 || ++ncall != fail_at) return false;
     fired = true;
+    failed = name;
     errno = ENOMEM;
     return true;
 }
@@ -58,13 +60,13 @@ int __wrap_fdatasync(int fd);
 int __wrap_fsync(int fd);
 int __wrap_rename(const char* from, const char* to);
 
-void* __wrap_malloc(size_t n) { return due() ? nullptr : __real_malloc(n); }
-void* __wrap_calloc(size_t n, size_t sz) { return due() ? nullptr : __real_calloc(n, sz); }
-void* __wrap_realloc(void* p, size_t n) { return due() ? nullptr : __real_realloc(p, n); }
-char* __wrap_strdup(const char* s) { return due() ? nullptr : __real_strdup(s); }
-char* __wrap_strndup(const char* s, size_t n) { return due() ? nullptr : __real_strndup(s, n); }
+void* __wrap_malloc(size_t n) { return due("malloc") ? nullptr : __real_malloc(n); }
+void* __wrap_calloc(size_t n, size_t sz) { return due("calloc") ? nullptr : __real_calloc(n, sz); }
+void* __wrap_realloc(void* p, size_t n) { return due("realloc") ? nullptr : __real_realloc(p, n); }
+char* __wrap_strdup(const char* s) { return due("strdup") ? nullptr : __real_strdup(s); }
+char* __wrap_strndup(const char* s, size_t n) { return due("strndup") ? nullptr : __real_strndup(s, n); }
 int __wrap_asprintf(char** ret, const char* fmt, ...) {
-    if (due()) {
+    if (due("asprintf")) {
         *ret = reinterpret_cast<char*>(1);  // undefined after a failure: it must not be freed
         return -1;
     }
@@ -84,7 +86,26 @@ int __wrap_rename(const char* from, const char* to) {
 namespace {
 using namespace server_support;
 
+using strings = std::vector<std::string>;
+
 constexpr char NOMEM[] = "500 Internal Server Error - out of memory";
+constexpr char ERROR[] = "500 Internal Server Error";
+constexpr char BAD[] = "400 Bad Request";
+constexpr char BAD_URL[] = "400 Bad Request - invalid url";
+constexpr char BAD_CONTENT[] = "400 Bad Request - invalid content";
+
+// What comes of the failure of each of these allocations, one word each. A data file that is opened, for its
+// statistics too, takes two: the library's pools.
+strings outcomes(const std::string& functions, const std::string& result) {
+    strings lst;
+    std::istringstream in(functions);
+    for (std::string name; in >> name;) lst.push_back(name + ": " + result);
+    return lst;
+}
+strings operator+(strings a, const strings& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 class ServerFault : public DataDir {
  protected:
@@ -93,8 +114,22 @@ class ServerFault : public DataDir {
         fs::create_directories(dir);
         write_cvn(dir + "/p.cvn", {{"id", CVN_TYP_INT32}, {"note", CVN_TYP_CSTR}}, 100);
         fail_at = ncall = 0;
-        fail_name = "";
+        fired = false;
+        failed = fail_name = "";
         trace.clear();
+        const char* path = getenv("PATH");
+        path_ = path ? path : "";
+    }
+    void TearDown() override {
+        setenv("PATH", path_.c_str(), 1);
+        DataDir::TearDown();
+    }
+    // Puts a sampler on the search path that gives the file "sampled", whatever it is asked for.
+    void sampler() {
+        fs::create_directory("bin");
+        write_file("bin/cvnsamp", "#!/bin/sh\ncat sampled\n");
+        fs::permissions("bin/cvnsamp", fs::perms::owner_all);
+        setenv("PATH", (fs::absolute("bin").string() + ":" + path_).c_str(), 1);
     }
     // Calls `use` with the n-th allocation failing for n = 1, 2, ... until it runs without a fault, which
     // must come after at least `least` of them. `use` is told whether a fault is due.
@@ -112,15 +147,22 @@ class ServerFault : public DataDir {
         }
         FAIL() << "never ran without a fault";
     }
-    // One handler under faults: without one the reply is `want`, with one the status is among `status` or,
-    // when the failure may be passed over, the handler succeeds.
-    static void handler(int least, const char* (*h)(htrequest_t*, htreply_t*), const std::string& bytes,
-                        const std::set<std::string>& status, const std::string& want) {
-        each_allocation(least, [&] {
+    // One handler under faults: without one the reply is `want`. What came of each is compared to `expected`,
+    // in order: "function: " and the status, or the whole reply when the handler passed the failure over.
+    // `before` runs before each.
+    static void handler(
+        const char* (*h)(htrequest_t*, htreply_t*), const std::string& bytes, const std::string& want,
+        const strings& expected, const std::function<void()>& before = [] {}) {
+        strings got;
+        each_allocation(0, [&] {
+            const int due_at = fail_at;
+            fail_at = 0;
+            before();
             client_t client(bytes);
             htrequest_t* req = nullptr;
             htreply_t* reply = nullptr;
             testing::internal::CaptureStderr();
+            fail_at = due_at;
             const char* err = htreq_create(&req, client.fd());
             const bool unread = err != nullptr;
             if (err) {
@@ -131,30 +173,60 @@ class ServerFault : public DataDir {
                 EXPECT_EQ(nullptr, reply);
             } else {
                 err = h(req, reply);
-                if (err) {
-                    EXPECT_EQ(1u, status.count(err)) << err;
-                }
-                if (!err) {
-                    EXPECT_TRUE(fired || mask_date(client.finish()) == want);
-                }
             }
-            const int saved = fail_at;
             fail_at = 0;
-            EXPECT_TRUE(err == nullptr || fired) << err;
             const std::string log = testing::internal::GetCapturedStderr();
             if (unread) {
                 EXPECT_EQ("", log);
             }
+            const std::string sent = mask_date(client.finish());
+            if (fired) {
+                got.push_back(failed + (": " + (err ? err : sent)));
+                if (err) {
+                    EXPECT_EQ("", sent) << err;
+                }
+            } else {
+                EXPECT_EQ(nullptr, err);
+                EXPECT_EQ(want, sent);
+            }
             free(reply);
             free(req);
-            fail_at = saved;
+            fail_at = due_at;
         });
+        EXPECT_EQ(expected, got);
+    }
+    // The allocations of the request and the reply.
+    static strings begin() {
+        return outcomes("malloc", "out of memory") + outcomes("malloc", "out_of_memory");
+    }
+    // Those of a URL path of `ncomponent` components and of the file path that is made of it.
+    static strings url_path(int ncomponent, const char* parse = NOMEM) {
+        strings lst = begin() + outcomes("calloc strndup", parse);
+        for (int i = 0; i < ncomponent; i++) lst = lst + outcomes("strdup", parse);
+        return lst + outcomes("asprintf", NOMEM);
+    }
+    // Those of a listing of `nname` names and the two that every directory has.
+    static strings listing(int nname) {
+        strings lst;
+        for (int i = 0; i < nname + 2; i++) lst = lst + outcomes("calloc strdup", NOMEM);
+        return lst;
     }
     static std::string request(const std::string& method, const std::string& url, const std::string& body) {
         return method + " " + url + " HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
                "\r\n\r\n" + body;
     }
+    static std::string record(int32_t nbyte, const strings& page) {
+        std::string s = record_header(nbyte);
+        for (const std::string& p : page) s += chunk(p);
+        return s;
+    }
+    // A page as the reply to the command "meta" has it: one int64.
+    static std::string total(int32_t cno, int64_t value) {
+        return le32(0x19293949) + le32(cno) + le32(4) + le32(1) + le32(0) + le32(8) + le32(9) + le32(9) +
+               le32(0) + le32(0) + le64(value) + "\0"s;
+    }
     const std::string dir = "base/d/s/e";
+    std::string path_;
 };
 
 TEST_F(ServerFault, ConfLoadFailsWithEnomemAndClearsTheList) {
@@ -230,60 +302,155 @@ TEST_F(ServerFault, DirListFailsWithItsStatus) {
     });
 }
 TEST_F(ServerFault, ParsingAQueryFailsWithoutALeak) {
-    const std::string json =
-        R"({"column":["a","b"],"condition":[["a","in",["1","2"]],["b","isnull"]],"command":["x"],"fragment":[0,1]})";
-    each_allocation(10, [&] {
-        colname_t* colname = nullptr;
-        cond_t* cond = nullptr;
-        command_t cmd;
-        fragment_t frag;
-        const char* err =
-            parse_entity_request(&colname, &cond, &cmd, &frag, json.c_str(), static_cast<int>(json.size()));
-        // Inside a condition want of memory has the status of bad content.
-        if (fired) {
-            EXPECT_TRUE(err && (err == std::string(NOMEM) || err == std::string(STATUS_BAD_CONTENT)));
-        }
-        if (!fired) {
-            EXPECT_EQ(nullptr, err);
-        }
-        colname_free(colname);
-        cond_free(cond);
-        command_free(&cmd);
-    });
-}
-TEST_F(ServerFault, GetFailsWithItsStatuses) {
-    const std::string levels[] = {"/v1", "/v1/d/s/e", "/v1/d/s/e/p.cvn"};
-    for (const std::string& url : levels) {
-        const std::string bytes = request("GET", url, "");
-        const std::string want = get(url).reply;
-        handler(8, do_get, bytes, {NOMEM, "500 Internal Server Error"}, want);
+    std::string many = R"({"column":["c")";
+    for (int i = 1; i < 250; i++) many += R"(,"c")";
+    many += "]}";
+    strings many_failed = outcomes("realloc realloc", NOMEM);  // the tokens do not fit at first
+    for (int i = 0; i < 250; i++) many_failed = many_failed + outcomes("calloc strndup", NOMEM);
+    // Inside a condition, and nowhere else, want of memory has the status of bad content.
+    const std::string cond = R"("condition":[["a","in",["1","2"]],["b","isnull"]])";
+    const strings cond_failed = outcomes("calloc strndup strndup calloc strndup strndup", BAD_CONTENT) +
+                                outcomes("calloc strndup strndup", BAD_CONTENT);
+    const std::string column = R"("column":["a","b"])", command = R"("command":["x","y"])",
+                      fragment = R"("fragment":[0,1])";
+    const strings tokens = outcomes("realloc", NOMEM),
+                  column_failed = outcomes("calloc strndup calloc strndup", NOMEM),
+                  command_failed = outcomes("strndup strndup", NOMEM);
+    const struct {
+        std::string json;
+        strings expected;
+    } query[] = {
+        {"{" + column + "}", tokens + column_failed},
+        {"{" + cond + "}", tokens + cond_failed},
+        {"{" + command + "}", tokens + command_failed},
+        {"{" + fragment + "}", tokens},
+        {"{" + column + "," + cond + "," + command + "," + fragment + "}",
+         tokens + column_failed + cond_failed + command_failed},
+        {many, many_failed},
+    };
+    for (const auto& q : query) {
+        strings got;
+        each_allocation(0, [&] {
+            colname_t* colname = reinterpret_cast<colname_t*>(1);
+            cond_t* cond_list = reinterpret_cast<cond_t*>(1);
+            command_t cmd;
+            fragment_t frag;
+            const char* err = parse_entity_request(&colname, &cond_list, &cmd, &frag, q.json.c_str(),
+                                                   static_cast<int>(q.json.size()));
+            if (fired) {
+                got.push_back(failed + (": "s + (err ? err : "passed over")));
+                EXPECT_EQ(nullptr, colname);
+                EXPECT_EQ(nullptr, cond_list);
+            } else {
+                EXPECT_EQ(nullptr, err);
+            }
+            colname_free(colname);
+            cond_free(cond_list);
+            command_free(&cmd);
+        });
+        EXPECT_EQ(q.expected, got) << q.json;
     }
+}
+TEST_F(ServerFault, AListOfWhichASubPathCannotBeFormattedLacksThatNameAlone) {
+    fs::create_directories("base/n/one");
+    fs::create_directories("base/n/two");
+    strings name;
+    for (const auto& e : fs::directory_iterator("base/n")) name.push_back(e.path().filename());
+    ASSERT_EQ(2u, name.size());
+    const auto list = [](const std::string& names) { return json_reply("[" + names + "]"); };
+    const std::string first = "\"" + name[0] + "\"", second = "\"" + name[1] + "\"";
+    handler(do_get, request("GET", "/v1/n", ""), list(first + "," + second),
+            url_path(1) + listing(2) + outcomes("malloc", NOMEM) + outcomes("asprintf", list(second)) +
+                outcomes("asprintf", list(first)));
+}
+TEST_F(ServerFault, GetOfAnEntityFailsWithItsStatuses) {
+    const std::string want = get("/v1/d/s/e").reply;
+    // A file whose statistics cannot be read is left out.
+    handler(do_get, request("GET", "/v1/d/s/e", ""), want,
+            url_path(3) + listing(1) + outcomes("realloc", NOMEM) +
+                outcomes("calloc calloc", json_reply("[]\n")));
+}
+TEST_F(ServerFault, GetOfAPartitionFailsWithItsStatuses) {
+    const std::string want = get("/v1/d/s/e/p.cvn").reply;
+    handler(do_get, request("GET", "/v1/d/s/e/p.cvn", ""), want,
+            url_path(4) + outcomes("calloc calloc calloc calloc", ERROR) + outcomes("realloc", NOMEM));
+}
+TEST_F(ServerFault, AnUploadNeedsNoBufferOfItsOwn) {
+    fail_at = static_cast<int>((url_path(4) + outcomes("asprintf", NOMEM)).size()) + 1;
+    const result_t r = put("/v1/d/s/e/f", "x");
+    fail_at = 0;
+    if (strcmp(failed, "malloc") != 0) GTEST_SKIP() << "another test of this process has made the buffer";
+    EXPECT_EQ(nullptr, r.status);
+    EXPECT_EQ(OK_HEAD, r.reply);
+    EXPECT_EQ("x", read_file(dir + "/f"));
 }
 TEST_F(ServerFault, PutFailsWithItsStatusesAndLeavesNoTemporaryFile) {
     const std::string bytes = read_file(dir + "/p.cvn");
-    handler(8, do_put, request("PUT", "/v1/d/s/e/p.cvn", bytes),
-            {NOMEM, "400 Bad Request", "500 Internal Server Error"}, OK_HEAD);
+    ASSERT_EQ(nullptr, put("/v1/d/s/e/p.cvn", bytes).status);  // the stream's buffer is there from now on
+    handler(do_put, request("PUT", "/v1/d/s/e/p.cvn", bytes), OK_HEAD,
+            url_path(4) + outcomes("asprintf", NOMEM) + outcomes("calloc calloc", BAD) +
+                outcomes("strdup", OK_HEAD),
+            [&] {
+                EXPECT_TRUE(bytes == read_file(dir + "/p.cvn"));
+                EXPECT_EQ(strings{dir + "/p.cvn"}, tree(dir));
+            });
     EXPECT_TRUE(bytes == read_file(dir + "/p.cvn"));
-    EXPECT_EQ((std::vector<std::string>{dir + "/p.cvn"}), tree(dir));
+    EXPECT_EQ(strings{dir + "/p.cvn"}, tree(dir));
+}
+TEST_F(ServerFault, PutIntoNewDirectoriesFailsWithItsStatuses) {
+    ASSERT_EQ(nullptr, put("/v1/d/s/e/f", "x").status);
+    handler(do_put, request("PUT", "/v1/n/s/e/f", "x"), OK_HEAD,
+            url_path(4) + outcomes("asprintf", NOMEM) + outcomes("asprintf asprintf asprintf", ERROR) +
+                outcomes("strdup", OK_HEAD),
+            [] { fs::remove_all("base/n"); });
+    EXPECT_EQ("x", read_file("base/n/s/e/f"));
 }
 TEST_F(ServerFault, DeleteFailsWithItsStatuses) {
-    handler(6, do_delete, request("DELETE", "/v1/d/s/none", ""), {NOMEM, "400 Bad Request - invalid url"},
-            OK_HEAD);
+    // Of the path that is joined alone it is told that memory is wanting.
+    handler(do_delete, request("DELETE", "/v1/d/s/none", ""), OK_HEAD, url_path(3, BAD_URL));
+    handler(do_delete, request("DELETE", "/v1/d/s/e/none", ""), OK_HEAD, url_path(4, BAD_URL));
 }
-TEST_F(ServerFault, ScansAndCommandsFailWithTheirStatuses) {
-    const std::string bodies[] = {
-        "{}", R"({"command":["meta"]})", R"({"command":["sample","3"]})",
-        R"({"column":["id","note"],"condition":[["note","==","5"],["id",">","1"]]})"};
-    for (const std::string& body : bodies) {
-        const std::string want = post("/v1/d/s/e", body).reply;
-        handler(10, do_post, request("POST", "/v1/d/s/e", body),
-                {NOMEM, "400 Bad Request", "400 Bad Request - invalid content", "500 Internal Server Error"},
-                want);
-    }
+TEST_F(ServerFault, CountsFailWithTheirStatuses) {
+    const std::string want = post("/v1/d/s/e", "{}").reply;
+    // The statistics of a file and the page of zeros are the server's fault without a reason.
+    const strings count = listing(1) + outcomes("asprintf", NOMEM) + outcomes("calloc calloc calloc", ERROR);
+    handler(do_post, request("POST", "/v1/d/s/e", "{}"), want,
+            url_path(3) + outcomes("malloc realloc", NOMEM) + count);
+    handler(do_post, request("POST", "/v1/d/s/e", ""), want,
+            url_path(3) + outcomes("strdup realloc", NOMEM) + count);
+}
+TEST_F(ServerFault, ScansFailWithTheirStatuses) {
+    const std::string body =
+        R"({"column":["id","note"],"condition":[["note","==","5"],["id","in",["1","7"]]]})";
+    const std::string want = post("/v1/d/s/e", body).reply;
+    handler(do_post, request("POST", "/v1/d/s/e", body), want,
+            url_path(3) + outcomes("malloc realloc calloc strndup calloc strndup", NOMEM) +
+                outcomes("calloc strndup strndup calloc strndup", BAD_CONTENT) +
+                outcomes("calloc strndup strndup calloc strndup strndup", BAD_CONTENT) + listing(1) +
+                outcomes("asprintf", NOMEM) + outcomes("calloc calloc", ERROR) +
+                outcomes("malloc malloc", BAD));  // the values of each condition
+}
+TEST_F(ServerFault, MetaFailsWithItsStatuses) {
+    const auto want = [](int64_t nrow, int64_t nrowgroup) {
+        return STREAM_HEAD + record(98, {total(0, nrow), total(1, nrowgroup)}) + STREAM_END;
+    };
+    // A file whose statistics cannot be read is left out.
+    handler(do_post, request("POST", "/v1/d/s/e", R"({"command":["meta"]})"), want(100, 1),
+            url_path(3) + outcomes("malloc realloc strndup", NOMEM) + listing(1) +
+                outcomes("asprintf", NOMEM) + outcomes("calloc calloc", want(0, 0)));
+}
+TEST_F(ServerFault, SamplesFailWithTheirStatusesAndLeaveNoFile) {
+    sampler();
+    write_cvn("sampled", {{"id", CVN_TYP_INT32}}, 3);
+    const std::string body = R"({"command":["sample","3"]})";
+    const std::string want = post("/v1/d/s/e", body).reply;
+    EXPECT_GT(want.size(), STREAM_HEAD.size() + STREAM_END.size());
+    // Once the head is sent, a failure shows as what is missing behind it.
+    handler(do_post, request("POST", "/v1/d/s/e", body), want,
+            url_path(3) + outcomes("malloc realloc strndup strndup", NOMEM) + listing(1) +
+                outcomes("realloc", NOMEM) + outcomes("calloc calloc", STREAM_HEAD));
     EXPECT_TRUE(fs::is_empty("tmp"));
 }
-
-using strings = std::vector<std::string>;
 
 TEST_F(ServerFault, AnUploadIsFlushedBeforeTheRenameAndItsDirectoryAfter) {
     EXPECT_EQ(nullptr, put("/v1/d/s/e/f", "x").status);
