@@ -1,8 +1,9 @@
 // Every allocation and every call that makes an upload durable fails once, by number: the n-th for n = 1, 2,
-// ... until the operation runs without a fault. The linker puts the functions below in front of the C
-// library's.
+// ... until the operation runs without a fault. So does every write of a chunk. The linker puts the functions
+// below in front of the C library's.
 #include <errno.h>
 #include <stdarg.h>
+#include <sys/uio.h>
 
 #include <sstream>
 
@@ -19,6 +20,8 @@ bool fired = false;
 const char* failed = "";         // the function whose allocation failed
 const char* fail_name = "";      // the system call that fails
 std::vector<std::string> trace;  // system calls in their order
+int fail_writev = 0;             // the number of the write of a chunk that fails, 0 for none
+int nwritev = 0;
 
 bool due(const char* name) {
     if (fail_at == 0 || ++ncall != fail_at) return false;
@@ -50,6 +53,7 @@ char* __real_strndup(const char* s, size_t n);
 int __real_fdatasync(int fd);
 int __real_fsync(int fd);
 int __real_rename(const char* from, const char* to);
+ssize_t __real_writev(int fd, const iovec* iov, int niov);
 void* __wrap_malloc(size_t n);
 void* __wrap_calloc(size_t n, size_t sz);
 void* __wrap_realloc(void* p, size_t n);
@@ -59,6 +63,7 @@ int __wrap_asprintf(char** ret, const char* fmt, ...) __attribute__((format(prin
 int __wrap_fdatasync(int fd);
 int __wrap_fsync(int fd);
 int __wrap_rename(const char* from, const char* to);
+ssize_t __wrap_writev(int fd, const iovec* iov, int niov);
 
 void* __wrap_malloc(size_t n) { return due("malloc") ? nullptr : __real_malloc(n); }
 void* __wrap_calloc(size_t n, size_t sz) { return due("calloc") ? nullptr : __real_calloc(n, sz); }
@@ -80,6 +85,11 @@ int __wrap_fdatasync(int fd) { return due("fdatasync", name_of(fd)) ? -1 : __rea
 int __wrap_fsync(int fd) { return due("fsync", name_of(fd)) ? -1 : __real_fsync(fd); }
 int __wrap_rename(const char* from, const char* to) {
     return due("rename", std::filesystem::path(to).filename()) ? -1 : __real_rename(from, to);
+}
+ssize_t __wrap_writev(int fd, const iovec* iov, int niov) {
+    if (++nwritev != fail_writev) return __real_writev(fd, iov, niov);
+    errno = EMSGSIZE;
+    return -1;
 }
 }
 
@@ -116,6 +126,7 @@ class ServerFault : public DataDir {
         fail_at = ncall = 0;
         fired = false;
         failed = fail_name = "";
+        fail_writev = nwritev = 0;
         trace.clear();
         const char* path = getenv("PATH");
         path_ = path ? path : "";
@@ -450,6 +461,71 @@ TEST_F(ServerFault, SamplesFailWithTheirStatusesAndLeaveNoFile) {
             url_path(3) + outcomes("malloc realloc strndup strndup", NOMEM) + listing(1) +
                 outcomes("realloc", NOMEM) + outcomes("calloc calloc", STREAM_HEAD));
     EXPECT_TRUE(fs::is_empty("tmp"));
+}
+
+TEST_F(ServerFault, MetaIsABadRequestWhenAnyOfItsFirstFourChunksCannotBeSent) {
+    const strings sent = {record_header(98), chunk(total(0, 100)), chunk(total(1, 1)), record_header(0),
+                          "0\r\n\r\n"};
+    std::string so_far = STREAM_HEAD;
+    for (int n = 1; n <= 6; n++) {
+        fail_writev = n;
+        nwritev = 0;
+        const result_t r = post("/v1/d/s/e", R"({"command":["meta"]})");
+        EXPECT_STREQ(n <= 4 ? BAD : nullptr, r.status) << n;  // nobody asks for the closing one
+        EXPECT_EQ(so_far, r.reply) << n;
+        EXPECT_EQ(n <= 5 ? n : 5, nwritev);  // nothing is tried behind the one that failed
+        if (n <= 5) so_far += sent[static_cast<size_t>(n) - 1];
+    }
+}
+TEST_F(ServerFault, ASamplePassesOverTheRestOfARowGroupWhosePageCannotBeSent) {
+    // Two row groups of two pages, compressed to little.
+    cvn_t* w = nullptr;
+    ASSERT_EQ(0, cvn_create(&w, "sampled"));
+    for (const char* name : {"a", "b"}) ASSERT_EQ(0, cvn_create_column(w, name, CVN_TYP_INT32, true, false));
+    const cvn_datum_t v[2] = {};
+    const bool isnull[2] = {};
+    for (int i = 0; i < CVN_MAX_ROWGROUP_NROW + 5; i++) ASSERT_EQ(0, cvn_append(w, 2, v, isnull));
+    ASSERT_EQ(0, cvn_close(w));
+    cvn_scan_t* scan = nullptr;
+    ASSERT_EQ(0, cvn_scan_open(&scan, "sampled"));
+    for (const char* name : {"a", "b"}) ASSERT_EQ(0, cvn_scan_add_required(scan, name));
+    strings head, page;
+    for (int rg = 0; rg < 2; rg++) {
+        int n = 0;
+        cvn_page_t** p = nullptr;
+        ASSERT_EQ(0, cvn_scan_rowgroup(scan, rg, &n, &p, false));
+        ASSERT_EQ(2, n);
+        size_t nbyte = 0;
+        for (int i = 0; i < n; i++) {
+            const size_t sz = static_cast<size_t>(CVN_PAGE_HEADSZ + p[i]->zbyte);
+            page.push_back(chunk({reinterpret_cast<const char*>(p[i]), sz}));
+            nbyte += sz;
+        }
+        head.push_back(record_header(static_cast<int32_t>(nbyte)));
+    }
+    cvn_scan_close(scan);
+
+    const std::string first = head[0] + page[0] + page[1], second = head[1] + page[2] + page[3];
+    const strings want = {
+        first + second + STREAM_END,    // all that there is
+        STREAM_END,                     // without a header there are no more row groups
+        head[0] + second + STREAM_END,  // a page ends its own row group alone
+        head[0] + page[0] + second + STREAM_END,
+        first + STREAM_END,
+        first + head[1] + STREAM_END,
+        first + head[1] + page[2] + STREAM_END,
+        first + second + "0\r\n\r\n",  // the end of the body is tried whatever became of the stream's
+        first + second + record_header(0),
+    };
+    sampler();
+    for (size_t n = 0; n < want.size(); n++) {
+        fail_writev = static_cast<int>(n);
+        nwritev = 0;
+        const result_t r = post("/v1/d/s/e", R"({"command":["sample","3"]})");
+        EXPECT_EQ(nullptr, r.status) << n;
+        EXPECT_TRUE(STREAM_HEAD + want[n] == r.reply) << n << ": " << r.reply.size();
+        EXPECT_TRUE(fs::is_empty("tmp")) << n;
+    }
 }
 
 TEST_F(ServerFault, AnUploadIsFlushedBeforeTheRenameAndItsDirectoryAfter) {
