@@ -142,7 +142,10 @@ class FakeServer:
                 lines = head.decode("latin-1").split("\r\n")
                 headers = dict((k.lower(), v.strip()) for k, v in (line.split(":", 1) for line in lines[1:]))
                 while len(body) < int(headers.get("content-length", 0)):
-                    body += connection.recv(65536)
+                    piece = connection.recv(65536)
+                    if not piece:
+                        return
+                    body += piece
                 method, target, _ = lines[0].split(" ")
                 self.requests.append((method, target, body))
                 answer = self._answer(method, target, body)
