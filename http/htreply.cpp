@@ -23,7 +23,7 @@ __attribute__((format(printf, 3, 4))) static int addf(char* buf, int len, const 
 }
 
 // The time by a system call: time() runs the kernel's code in user space, a page that each child would have
-// to fault in first, at ten times the price.
+// to fault in first, for one use.
 static time_t current_time() {
     struct timespec now = {};
     (void)syscall(SYS_clock_gettime, CLOCK_REALTIME_COARSE, &now);  // cannot fail

@@ -211,31 +211,27 @@ class Unprivileged(unittest.TestCase):
                 os.chown(folder, user, user)
         return kelpd
 
-    def test_what_was_removed_before_a_failure_stays_removed(self):
+    def check_denied(self, folder, kept, left):
+        """Removing `folder`, which may not be written to, fails at its entry `kept` and leaves the tree `left`."""
         kelpd = self.start()
-        os.chmod(kelpd.path("base/d"), 0o500)
+        os.chmod(kelpd.path(f"base/{folder}"), 0o500)
         try:
-            raw = kelpd.ask(delete("/v1/d"))
+            raw = kelpd.ask(delete(f"/v1/{folder}"))
             self.assertTrue(raw.endswith(b"\r\n\r\n500 Internal Server Error"), raw)
-            self.assertEqual("ERROR while remove(base/d/s): Permission denied\n"
-                             "Error rm -rf base/d: Permission denied\n"
-                             f"DELETE /v1/d -> {FAILED}\n", kelpd.take_log())
-            self.assertEqual(["d/", "d/s/"], kelpd.tree())
+            self.assertEqual(f"ERROR while remove(base/{kept}): Permission denied\n"
+                             f"Error rm -rf base/{folder}: Permission denied\n"
+                             f"DELETE /v1/{folder} -> {FAILED}\n", kelpd.take_log())
+            self.assertEqual(left, kelpd.tree())
         finally:
-            os.chmod(kelpd.path("base/d"), 0o700)
+            os.chmod(kelpd.path(f"base/{folder}"), 0o700)
+        return kelpd
+
+    def test_what_was_removed_before_a_failure_stays_removed(self):
+        self.check_denied("d", "d/s", ["d/", "d/s/"])
 
     def test_a_directory_without_permission_fails_the_request(self):
-        kelpd = self.start()
-        os.chmod(kelpd.path("base/d/s/e"), 0o500)
-        try:
-            raw = kelpd.ask(delete("/v1/d/s/e"))
-            self.assertTrue(raw.endswith(b"\r\n\r\n500 Internal Server Error"), raw)
-            self.assertEqual("ERROR while remove(base/d/s/e/p): Permission denied\n"
-                             "Error rm -rf base/d/s/e: Permission denied\n"
-                             f"DELETE /v1/d/s/e -> {FAILED}\n", kelpd.take_log())
-            self.assertEqual(b"content", kelpd.load("d/s/e/p"))
-        finally:
-            os.chmod(kelpd.path("base/d/s/e"), 0o700)
+        kelpd = self.check_denied("d/s/e", "d/s/e/p", ["d/", "d/s/", "d/s/e/", "d/s/e/p"])
+        self.assertEqual(b"content", kelpd.load("d/s/e/p"))
 
 
 class Root(unittest.TestCase):

@@ -1,4 +1,5 @@
 """POST: how a request body is read, the grammar of the request, and where each request is sent."""
+import concurrent.futures
 import json
 import os
 import struct
@@ -419,6 +420,20 @@ class Verbose(PostCase):
     def test_the_url_and_the_body_are_logged(self):
         self.check_logged('{"column":["a"]}', EMPTY)
         self.check_logged("", EMPTY, logged="{}")
+
+    def test_the_longest_bodies_of_many_clients_are_logged_each_in_one_piece(self):
+        start = '{"column":["a"]} "'  # what follows the object is not looked at
+        bodies = [start + letter * (LIMIT - 2 - len(start)) + '"' for letter in "wxyz"]
+
+        def ask(body):
+            for _ in range(25):
+                self.assert_reply(EMPTY, self.kelpd.ask(post(self.URL, body)))
+        with concurrent.futures.ThreadPoolExecutor(len(bodies)) as pool:
+            list(pool.map(ask, bodies))
+        lines = self.kelpd.await_log(4 * 25 * len(bodies)).splitlines()
+        for body in bodies:
+            self.assertEqual(25, lines.count(f"  post body: {body}"))
+        self.assertEqual(4 * 25 * len(bodies), len(lines))
 
     def test_the_status_is_logged(self):
         self.check_logged("[]", error(INVALID), f"POST returns error {INVALID}", status=INVALID)
