@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "bench/cvn_bench.h"
-#include "client/client.h"
+#include "clients/cpp/client.h"
 
 void query_url(const char* url, int njob, const std::vector<std::string>& columns) {
     kelp_error_t err;

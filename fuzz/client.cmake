@@ -3,7 +3,7 @@
 if(TARGET colvane_client)
   get_target_property(client_sources colvane_client SOURCES)
   list(FILTER client_sources EXCLUDE REGEX "arrow\\.cpp$")
-  list(TRANSFORM client_sources PREPEND ${PROJECT_SOURCE_DIR}/client/)
+  list(TRANSFORM client_sources PREPEND ${PROJECT_SOURCE_DIR}/clients/cpp/)
   add_library(fuzz_client STATIC ${client_sources})
   target_link_libraries(fuzz_client PUBLIC kelpd_strict colvane CURL::libcurl Threads::Threads PkgConfig::LZ4
     PkgConfig::XXHASH)

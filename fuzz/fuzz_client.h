@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace fuzz {
 

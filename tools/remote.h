@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "client/client.h"
+#include "clients/cpp/client.h"
 #include "tools/tool.h"
 
 // The place that an argument names: a URL, or a path, which is looked up below the one in KELPD_URL (with a

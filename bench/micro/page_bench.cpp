@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "bench/micro/micro.h"
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "client/arrow.h"
+#include "clients/cpp/arrow.h"
 #include "support.h"
 
 namespace arrow_reader {

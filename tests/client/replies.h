@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 #include "reader/order.h"
 #include "support.h"
 

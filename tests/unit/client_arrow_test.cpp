@@ -1,5 +1,5 @@
 // Arrow streams of local files and of scans, read by a consumer that checks the interface's rules.
-#include "client/arrow.h"
+#include "clients/cpp/arrow.h"
 
 #include <gtest/gtest.h>
 

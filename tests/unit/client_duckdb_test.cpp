@@ -5,8 +5,8 @@
 
 #include <cinttypes>
 
-#include "client/arrow.h"
 #include "client/fake_server.h"
+#include "clients/cpp/arrow.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <clocale>
 #include <cmath>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 #include "support.h"
 
 namespace {

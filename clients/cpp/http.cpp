@@ -14,7 +14,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 static constexpr char STREAM_HINT[] =
     "check host and port; if that is kelpd, one of its files or the connection is damaged";

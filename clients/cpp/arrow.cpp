@@ -4,7 +4,7 @@
 // its columns becomes a child array that owns the column's memory, so that a consumer may keep or move any
 // child by itself, as the interface allows.
 
-#include "client/arrow.h"
+#include "clients/cpp/arrow.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include <thread>
 #include <tuple>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 // Copies text, one line of printable characters, cut to fit.
 static void copy_line(char* dst, size_t dstsz, std::string_view s) {

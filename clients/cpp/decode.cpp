@@ -16,7 +16,7 @@
 #include <immintrin.h>
 #endif
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 static constexpr char PAGE_HINT[] =
     "verify the table's files; if they are intact, the connection or the server is not";

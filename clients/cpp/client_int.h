@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/client.h"
+#include "clients/cpp/client.h"
 
 static_assert(std::endian::native == std::endian::little);
 

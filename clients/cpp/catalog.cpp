@@ -12,7 +12,7 @@
 #include <charconv>
 #include <cstring>
 
-#include "client/client_int.h"
+#include "clients/cpp/client_int.h"
 
 namespace {
 
