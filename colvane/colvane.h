@@ -33,8 +33,12 @@
 #include "colvane/fadvise.h"
 #include "colvane/mpool.h"
 
+/* A small function in a header, for both languages. */
 #ifdef __cplusplus
+#define CVN_INLINE constexpr
 extern "C" {
+#else
+#define CVN_INLINE static inline
 #endif
 
 /* Types and values. */
@@ -59,6 +63,10 @@ enum {
     CVN_TYP_TIME_MILLIS = 0x20003,     /* stored as int32, milliseconds of the day */
     CVN_TYP_TIMESTAMP_MILLIS = 0x30004 /* stored as int64, milliseconds */
 };
+
+/* Returns the storage type of `typ`, its low 16 bits: 1 to 11 (CVN_TYP_BOOL to CVN_TYP_DEC128) in a sound
+ * type, 0 to 65535 in any. */
+CVN_INLINE int cvn_storage(cvn_typ_t typ) { return typ & 0xffff; }
 
 /* One value. It never owns memory: `t` and `a.ptr` borrow the caller's bytes. In files only the fixed-width
  * members and `raw` mean anything; all bytes that the value does not use are 0 there. */
@@ -119,14 +127,29 @@ int cvn_datum_from_string(cvn_datum_t* ret_datum, const char* s, cvn_typ_t typ);
 
 /* Records of the file. */
 
-#define CVN_HEAD_MAGIC "CVN1IX86" /* the first 8 bytes */
-#define CVN_TAIL_MAGIC "CVN1"     /* the last 4 bytes */
-#define CVN_TRAILER_SZ 16         /* int64 footer size, int32 footer hash, tail magic */
+#define CVN_FORMAT_VERSION 1      /* of the footer; there is no other */
+#define CVN_HEAD_MAGIC "CVN1IX86" /* the first bytes of a file */
+#define CVN_HEAD_SZ 8             /* how many they are */
+#define CVN_TAIL_MAGIC "CVN1"     /* the last bytes of a file */
 #define CVN_PAGE_MAGIC 0x19293949
 #define CVN_MAX_ROWGROUP_NROW 1048576
 
+/* The last 16 bytes of a file:
+ *    0  8  footersz  bytes of the footer, which ends where the trailer begins
+ *    8  4  hash      XXH32, seed 0, of the footer
+ *   12  4  magic     CVN_TAIL_MAGIC, without a NUL */
+typedef struct cvn_trailer_t {
+    int64_t footersz;
+    int32_t hash;
+    char magic[4];
+} cvn_trailer_t;
+#define CVN_TRAILER_SZ 16
+static_assert(sizeof(cvn_trailer_t) == CVN_TRAILER_SZ && offsetof(cvn_trailer_t, hash) == 8 &&
+                  offsetof(cvn_trailer_t, magic) == 12,
+              "layout of cvn_trailer_t");
+
 /* The start of the footer:
- *    0  4  version     1
+ *    0  4  version     CVN_FORMAT_VERSION
  *    4  4  ncol        columns
  *    8  8  nrow        rows of the file
  *   16  8  nrowgroup   row groups
@@ -431,6 +454,23 @@ int64_t cvn_scan_get_rowgroup_size(cvn_scan_t* scan, int64_t rg);
 /* Copy one footer record out, wherever it lies. Return 0, or -6 when there is no such column or row group. */
 int cvn_scan_colstat(cvn_scan_t* scan, int cno, colstat_t* ret_colstat);
 int cvn_scan_colmeta(cvn_scan_t* scan, int64_t rg, int cno, colmeta_t* ret_colmeta);
+
+/* Whether the stored bytes of the page that `m` describes all lie in a file of `filesz` bytes. A page without
+ * stored bytes lies in every file, wherever its offset points; a negative size or offset lies in none. */
+CVN_INLINE bool cvn_page_in_file(const colmeta_t* m, int64_t filesz) {
+    return m->zbyte >= 0 && m->file_offset >= 0 &&
+           (m->zbyte == 0 || (m->file_offset <= filesz && m->zbyte <= filesz - m->file_offset));
+}
+
+/* Says where the stored page of column `cno` in row group `rg` lies, for callers that read it themselves.
+ *
+ * ret_fd       the descriptor to read from. It belongs to the scan, which closes it (cvn_scan_close); use pread.
+ * ret_colmeta  the page's record: its `zbyte` bytes at `file_offset` were just seen to be in that file.
+ *
+ * The column need not be a required one. Both results are cleared on entry, to -1 and to zeros, and set only on
+ * success. Returns 0, -6 when there is no such column or row group, -3 when the column's file of a split
+ * directory cannot be opened (errno kept) or the page does not lie in its file (errno 0), -1 path too long. */
+int cvn_scan_locate(cvn_scan_t* scan, int64_t rg, int cno, int* ret_fd, colmeta_t* ret_colmeta);
 
 /* Names a column to be read; pages come in the order of these calls. Returns 0, or -6: no such column, a
  * column named twice, or a call after the first predicate or the start of the scan. The second form also

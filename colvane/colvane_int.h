@@ -15,9 +15,6 @@ static_assert(std::endian::native == std::endian::little);
 // The largest storage type (dec128).
 constexpr int CVN_STORAGE_MAX = 11;
 
-// The storage type of any type number, 0 to 65535.
-inline int cvn_storage(cvn_typ_t typ) { return typ & 0xffff; }
-
 // The chunk rules of the writer.
 constexpr int CVN_MAX_ROWGROUP_NBYTE = 33554432;  // value bytes after which a row group is cut
 constexpr int CVN_COLBUF_INITSZ = 1048576;        // first capacity of a column buffer
@@ -89,6 +86,48 @@ constexpr int DEC_CANNOT_COMPARE = 2;
 // Write the decimal zero that stands for NULL, 8 or 16 bytes; it is not all zero bytes.
 void cvn_dec64_zero(void* image);
 void cvn_dec128_zero(void* image);
+
+// The handle of a scan as callers see it, and what they do not.
+struct cvn_scanner_t {
+    cvn_scan_t pub;  // first: a cvn_scan_t* is a cvn_scanner_t*
+    char* slab;      // pages of the current row group, in per_rowgroup_mpool; null before the first
+    int64_t slabsz;
+    char* scratch;  // stored bytes on their way through the decompressor, in per_rowgroup_mpool
+    int64_t scratchsz;
+};
+static_assert(offsetof(cvn_scanner_t, pub) == 0);
+
+inline cvn_scanner_t* scanner_of(cvn_scan_t* scan) { return reinterpret_cast<cvn_scanner_t*>(scan); }
+
+inline bool has_rowgroup(const cvn_scan_t* scan, int64_t rg) {
+    return rg >= 0 && rg < scan->schema->nrowgroup;
+}
+
+// The column's record of a row group; both exist.
+inline void load_colmeta(colmeta_t* ret, const cvn_scan_t* scan, int64_t rg, int cno) {
+    load_record(ret, scan->rowgroup[rg], CVN_ROWGROUP_HEADSZ + cno * CVN_COLMETASZ);
+}
+
+// What a column's pages are read from; in split mode once cvn_scan_open_column has opened it.
+inline int column_fd(const cvn_scan_t* scan, int c) {
+    return scan->split_mode ? scan->split_fd[c] : scan->fd;
+}
+
+// Split mode: opens a column's file unless it is open. Returns 0, -1 path too long, -3 (errno kept).
+[[nodiscard]] int cvn_scan_open_column(cvn_scan_t* scan, int c);
+
+// Pages may lie over each other in a file that is not ours; but not so that a small file takes memory or disk
+// without end. What is stored in the pages that are taken together is at most this many times their file;
+// below CVN_OVERLAP_FREE bytes it does not matter.
+constexpr int64_t CVN_MAX_OVERLAP = 4;
+constexpr int64_t CVN_OVERLAP_FREE = 65536;
+inline bool overlap_bearable(int64_t stored, int64_t filesz) {
+    return stored <= CVN_OVERLAP_FREE || stored / CVN_MAX_OVERLAP <= filesz;
+}
+
+// Tells the kernel that a large block will be used whole, so that it is faulted in by large pages.
+void cvn_advise_large(char* block, int64_t nbyte);
+constexpr int64_t CVN_HUGE_PAGE = 2097152;
 
 // Reads exactly `nbyte` bytes at `offset`. Returns false on failure (errno says why) or at the end of the
 // file (errno 0). An interrupted read is tried again.

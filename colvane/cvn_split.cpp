@@ -17,10 +17,6 @@ namespace {
 
 constexpr size_t CVNX_SUFFIXSZ = 30;  // "/" and the longest name in the directory, with the NUL
 constexpr mode_t CVNX_DIR_MODE = 0700;
-// Pages may lie over each other in a file that is not ours; but what is written stays near the size of what
-// is read.
-constexpr int64_t CVNX_MAX_OVERLAP = 4;
-constexpr int64_t CVNX_OVERLAP_FREE = 65536;
 
 }  // namespace
 
@@ -67,8 +63,7 @@ static int create_columns(cvnx_split_t* sp, const char* dpath, char* path, size_
 
 // Reads one stored page into sp->buf. 0, -2, or -3 when it cannot be read whole.
 static int read_stored(cvnx_split_t* sp, const colmeta_t* m, int64_t filesz) {
-    if (m->zbyte < 0 || m->file_offset < 0 || m->file_offset > filesz || m->zbyte > filesz - m->file_offset)
-        return -3;
+    if (!cvn_page_in_file(m, filesz)) return -3;
     auto* bigger = static_cast<char*>(realloc(sp->buf, static_cast<size_t>(m->zbyte) + 1));
     if (!bigger) return -2;
     sp->buf = bigger;
@@ -91,7 +86,7 @@ static int copy_pages(cvnx_split_t* sp, bool* ret_complete) {
             if (rc == -3) return 0;  // Kept: the split ends here, without an error and without a meta.cvnx
             if (rc != 0) return rc;
             copied += m.zbyte;
-            if (copied > CVNX_OVERLAP_FREE && copied / CVNX_MAX_OVERLAP > st.st_size) return 0;
+            if (!overlap_bearable(copied, st.st_size)) return 0;
             const int64_t offset = ftello(sp->fp[c]);
             if (offset < 0) return -3;
             char* record = reinterpret_cast<char*>(sc->rowgroup[r]);
@@ -119,7 +114,7 @@ static int write_meta(cvnx_split_t* sp, const char* tmppath, const char* path) {
     cvn_scan_t* sc = sp->sc;
     FILE* fp = sp->fp[0] = fopen(tmppath, "wbe");
     if (!fp) return -3;
-    if (!write_item(fp, CVN_HEAD_MAGIC, strlen(CVN_HEAD_MAGIC)) ||
+    if (!write_item(fp, CVN_HEAD_MAGIC, CVN_HEAD_SZ) ||
         !write_item(fp, sc->schema_buf, static_cast<size_t>(sc->schema_bufsz)) ||
         !write_item(fp, &sc->schema_bufsz, sizeof(sc->schema_bufsz)) ||
         !write_item(fp, &sc->schema_hash, sizeof(sc->schema_hash)) ||

@@ -29,11 +29,12 @@ extern "C" {
 
 namespace {
 
-using uint128_t = unsigned __int128;
+using uint128_t = cvn_uint128_t;
 
 constexpr int DEC64_BIAS = 398;
 constexpr int DEC64_DIGITS = 16;
 constexpr int DEC128_BIAS = 6176;
+constexpr unsigned COMB_NAN = 31;  // the combination field of a NaN
 // Exponent differences that 10^16 digits can be scaled by inside 127 bits.
 constexpr int DEC64_MAX_SHIFT = 18;
 constexpr int DEC128_MAX_SHIFT = 37;
@@ -147,31 +148,52 @@ int cvn_dec64_cmp(const decDouble* a, const decDouble* b) {
     return sign_of(&result);
 }
 
-namespace {
-
-struct dec128_parts_t {
-    uint128_t coeff;
-    int exponent;
-    bool negative;
-};
-
-bool dec128_unpack(dec128_parts_t* ret, const decQuad* d) {
+// Takes a finite decimal128 apart. False, with the sign and the kind alone, for infinities and NaNs.
+static bool dec128_unpack(cvn_dec_parts_t* ret, const decQuad* d) {
     uint128_t bits;
     memcpy(&bits, d, sizeof(bits));
     unsigned exp_top, digit;
     const auto high = static_cast<uint64_t>(bits >> 64);
-    if (!split_combination(static_cast<unsigned>(high >> 58) & 31, &exp_top, &digit)) return false;
+    const unsigned comb = static_cast<unsigned>(high >> 58) & 31;
+    *ret = cvn_dec_parts_t{.nan = comb == COMB_NAN, .minus = (high >> 63) != 0};
+    if (!split_combination(comb, &exp_top, &digit)) return false;
     uint128_t coeff = digit;
     for (int shift = 100; shift >= 0; shift -= 10)
         coeff = coeff * 1000 + DECLET_TO_BIN[static_cast<size_t>(bits >> shift) & 1023];
+    ret->finite = true;
     ret->coeff = coeff;
     ret->exponent = static_cast<int>(exp_top << 12 | ((high >> 46) & 4095)) - DEC128_BIAS;
-    ret->negative = high >> 63;
     return true;
 }
 
+void cvn_dec64_unpack(cvn_dec_parts_t* ret, const decDouble* d) {
+    uint64_t bits;
+    memcpy(&bits, d, sizeof(bits));
+    dec64_parts_t parts{};
+    const bool finite = dec64_unpack(&parts, bits);
+    *ret = cvn_dec_parts_t{.coeff = static_cast<uint64_t>(parts.coeff < 0 ? -parts.coeff : parts.coeff),
+                           .exponent = parts.exponent,
+                           .finite = finite,
+                           .nan = (bits >> 58 & 31) == COMB_NAN,
+                           .minus = bits >> 63 != 0};
+}
+
+void cvn_dec128_unpack(cvn_dec_parts_t* ret, const decQuad* d) { (void)dec128_unpack(ret, d); }
+
+bool cvn_dec64_isnan(const decDouble* d) {
+    uint64_t bits;
+    memcpy(&bits, d, sizeof(bits));
+    return (bits >> 58 & 31) == COMB_NAN;
+}
+
+bool cvn_dec128_isnan(const decQuad* d) {
+    uint64_t half[2];
+    memcpy(half, d, sizeof(half));
+    return (half[1] >> 58 & 31) == COMB_NAN;
+}
+
 // Multiplies by 10^shift. False when the product leaves 127 bits.
-bool scale(uint128_t* coeff, int shift) {
+static bool scale(uint128_t* coeff, int shift) {
     uint128_t product;
     if (shift > DEC128_MAX_SHIFT ||
         __builtin_mul_overflow(*coeff, POW10[static_cast<size_t>(shift)], &product) || product >> 127)
@@ -180,15 +202,13 @@ bool scale(uint128_t* coeff, int shift) {
     return true;
 }
 
-}  // namespace
-
 int cvn_dec128_cmp(const decQuad* a, const decQuad* b) {
-    dec128_parts_t p, q;
+    cvn_dec_parts_t p, q;
     if (dec128_unpack(&p, a) && dec128_unpack(&q, b)) {
         const int shift = p.exponent - q.exponent;
         if (shift >= 0 ? scale(&p.coeff, shift) : scale(&q.coeff, -shift)) {
-            const auto x = p.negative ? -static_cast<__int128>(p.coeff) : static_cast<__int128>(p.coeff);
-            const auto y = q.negative ? -static_cast<__int128>(q.coeff) : static_cast<__int128>(q.coeff);
+            const auto x = p.minus ? -static_cast<__int128>(p.coeff) : static_cast<__int128>(p.coeff);
+            const auto y = q.minus ? -static_cast<__int128>(q.coeff) : static_cast<__int128>(q.coeff);
             return (x > y) - (x < y);
         }
     }

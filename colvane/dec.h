@@ -7,6 +7,7 @@
 #ifndef COLVANE_DEC_H
 #define COLVANE_DEC_H
 
+#include <stdbool.h>
 #include <stdint.h>
 
 /* The two types under decNumber's own names and with its layout. A program that uses decNumber as well
@@ -30,6 +31,17 @@ typedef union {
 
 /* The compiler's signed 128-bit integer, named so that strict C accepts it. */
 __extension__ typedef __int128 cvn_int128_t;
+__extension__ typedef unsigned __int128 cvn_uint128_t;
+
+/* A decimal taken apart. A finite one is coeff * 10^exponent, negated when `minus` is set; its written form
+ * is kept, so 1.0 and 1.00 differ in both numbers, and a zero has its sign and exponent. */
+typedef struct cvn_dec_parts_t {
+    cvn_uint128_t coeff; /* below 10^16 or 10^34; 0 unless finite */
+    int32_t exponent;    /* -398 to 369, or -6176 to 6111; 0 unless finite */
+    bool finite;         /* neither an infinity nor a NaN */
+    bool nan;            /* a NaN of either kind */
+    bool minus;          /* the sign bit, which infinities and NaNs have too */
+} cvn_dec_parts_t;
 
 /* Room that the text forms need, the NUL included. */
 #define CVN_DEC64_STRSZ 25
@@ -56,6 +68,14 @@ int cvn_dec128_from_string(decQuad* d, const char* buf);
 int cvn_dec64_cmp(const decDouble* a, const decDouble* b);
 int cvn_dec128_cmp(const decQuad* a, const decQuad* b);
 
+/* Take `*d` apart, whatever its bits are: every image is some decimal. */
+void cvn_dec64_unpack(cvn_dec_parts_t* ret, const decDouble* d);
+void cvn_dec128_unpack(cvn_dec_parts_t* ret, const decQuad* d);
+
+/* Whether `*d` is a NaN, quiet or signalling. */
+bool cvn_dec64_isnan(const decDouble* d);
+bool cvn_dec128_isnan(const decQuad* d);
+
 /* Writes "0x" and 32 lower-case hexadecimal digits, high half first, into `buf` of at least CVN_INT128_STRSZ
  * bytes; negative values in two's complement. Returns 0. */
 int cvn_int128_to_string(char* buf, cvn_int128_t v);
@@ -67,10 +87,13 @@ int cvn_int128_from_string(cvn_int128_t* p, const char* buf);
 #ifdef __cplusplus
 }
 
-/* The same for C++ callers that hold values rather than pointers. */
+/* The same for C++ callers that hold values rather than pointers. They are overloads, so they have C++ linkage
+ * even where this header is included inside a block of C linkage. */
+extern "C++" {
 inline int cvn_dec64_to_string(char* buf, const decDouble& d) { return cvn_dec64_to_string(buf, &d); }
 inline int cvn_dec128_to_string(char* buf, const decQuad& d) { return cvn_dec128_to_string(buf, &d); }
 inline int cvn_dec64_cmp(const decDouble& a, const decDouble& b) { return cvn_dec64_cmp(&a, &b); }
 inline int cvn_dec128_cmp(const decQuad& a, const decQuad& b) { return cvn_dec128_cmp(&a, &b); }
+}
 #endif
 #endif

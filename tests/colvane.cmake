@@ -28,12 +28,13 @@ foreach(name cvn_hostile cvn_fault)
   gtest_discover_tests(unit_${name} TEST_PREFIX ${name}. DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 endforeach()
 
-# Both dialects of the public headers: the same checks compiled as C11 and as C++17.
+# Both dialects of the public headers: the same checks compiled as C11 and as C++17; and the headers included inside
+# a block of C linkage.
 kelpd_unit(headers colvane cvn_reader)
-target_sources(unit_headers PRIVATE unit/headers_c11.c unit/headers_cxx17.cpp)
+target_sources(unit_headers PRIVATE unit/headers_c11.c unit/headers_cxx17.cpp unit/headers_extern_c.cpp)
 set_source_files_properties(unit/headers_c11.c PROPERTIES COMPILE_OPTIONS
   "-std=c11;-Wall;-Wextra;-pedantic;-Werror")
-set_source_files_properties(unit/headers_cxx17.cpp PROPERTIES COMPILE_OPTIONS
+set_source_files_properties(unit/headers_cxx17.cpp unit/headers_extern_c.cpp PROPERTIES COMPILE_OPTIONS
   "-std=c++17;-Wall;-Wextra;-pedantic;-Werror")
 
 # Golden files: their bytes come from the script, which must still make them.

@@ -537,6 +537,99 @@ TEST_F(CvnPage, CannotBeReadWhenItLiesOutsideTheFile) {
     EXPECT_EQ((codes_t{0, -1}), codes(20, static_cast<int32_t>(size) - 8));
 }
 
+// As reading goes: a file's end is no failure for 0 bytes, while a negative position is one for any number.
+TEST_F(CvnPage, IsReadableWhereverItLiesWhenNothingOfItIsStored) {
+    const int64_t size = static_cast<int64_t>(bytes_.size());
+    for (const int64_t off : {int64_t{0}, size, size + 1, int64_t{1} << 40, INT64_MAX}) {
+        std::string file = bytes_;
+        patch(file, at_.meta(0, 0), off);
+        patch(file, at_.meta(0, 0) + 16, int32_t{0});
+        patch(file, at_.meta(0, 0) + 20, int32_t{0});
+        EXPECT_EQ((codes_t{0, 0}), codes_of(file)) << off;
+        patch(file, at_.meta(0, 0) + 16, int32_t{5});
+        EXPECT_EQ((codes_t{0, -6}), codes_of(file)) << off << ": nothing decompresses to five bytes";
+        patch(file, at_.meta(0, 0) + 16, int32_t{-1});
+        EXPECT_EQ((codes_t{0, -1}), codes_of(file)) << off;
+    }
+    for (const int64_t off : {int64_t{-1}, INT64_MIN}) {
+        std::string file = bytes_;
+        patch(file, at_.meta(0, 0), off);
+        patch(file, at_.meta(0, 0) + 20, int32_t{0});
+        EXPECT_EQ((codes_t{-3, -3}), codes_of(file)) << off;
+    }
+}
+
+TEST_F(CvnPage, IsLocatedWithItsDescriptorAndItsRecord) {
+    const scan_t sc(groups_);
+    for (int rg = 0; rg < 4; rg++)
+        for (int c = 0; c < 2; c++) {
+            int fd = -1;
+            colmeta_t meta, want;
+            ASSERT_EQ(0, cvn_scan_locate(sc, rg, c, &fd, &meta)) << "no column is required";
+            ASSERT_EQ(0, cvn_scan_colmeta(sc, rg, c, &want));
+            EXPECT_EQ(sc->fd, fd);
+            EXPECT_EQ(0, memcmp(&want, &meta, sizeof(meta)));
+            EXPECT_EQ(bytes_.substr(static_cast<size_t>(meta.file_offset), static_cast<size_t>(meta.zbyte)),
+                      [&] {
+                          std::string body(static_cast<size_t>(meta.zbyte), '\0');
+                          EXPECT_EQ(meta.zbyte, pread(fd, body.data(), body.size(), meta.file_offset));
+                          return body;
+                      }());
+        }
+}
+
+TEST_F(CvnPage, IsNotLocatedWhereThereIsNone) {
+    const scan_t sc(groups_);
+    const std::pair<int64_t, int> places[] = {{-1, 0}, {4, 0}, {INT64_MAX, 0}, {0, -1}, {0, 2}, {0, INT_MAX}};
+    for (const auto& [rg, c] : places) {
+        int fd = 77;
+        colmeta_t meta;
+        memset(static_cast<void*>(&meta), 0x55, sizeof(meta));
+        EXPECT_EQ(-6, cvn_scan_locate(sc, rg, c, &fd, &meta)) << rg << " " << c;
+        EXPECT_EQ(-1, fd);
+        EXPECT_EQ(std::string(sizeof(meta), '\0'), image(meta));
+    }
+}
+
+TEST_F(CvnPage, IsNotLocatedOutsideItsFile) {
+    const int64_t size = static_cast<int64_t>(bytes_.size());
+    for (const int64_t off : {size - 12, size, int64_t{-1}, INT64_MIN, INT64_MAX}) {
+        std::string file = bytes_;
+        patch(file, at_.meta(0, 0), off);
+        write_file(path_, file);
+        const scan_t sc(path_);
+        int fd = 77;
+        colmeta_t meta;
+        memset(static_cast<void*>(&meta), 0x55, sizeof(meta));
+        errno = EIO;
+        EXPECT_EQ(-3, cvn_scan_locate(sc, 0, 0, &fd, &meta)) << off;
+        EXPECT_EQ(0, errno);
+        EXPECT_EQ(-1, fd);
+        EXPECT_EQ(std::string(sizeof(meta), '\0'), image(meta));
+        EXPECT_EQ(0, cvn_scan_locate(sc, 0, 1, &fd, &meta)) << "its neighbour is whole";
+    }
+}
+
+TEST(CvnPageInFile, CountsTheLastByteAndNoFurther) {
+    colmeta_t m{};
+    m.file_offset = 100;
+    m.zbyte = 20;
+    EXPECT_TRUE(cvn_page_in_file(&m, 120));
+    EXPECT_FALSE(cvn_page_in_file(&m, 119));
+    EXPECT_FALSE(cvn_page_in_file(&m, 0));
+    m.file_offset = INT64_MAX;
+    EXPECT_FALSE(cvn_page_in_file(&m, INT64_MAX)) << "the sum does not fit";
+    m.file_offset = INT64_MAX - 20;
+    EXPECT_TRUE(cvn_page_in_file(&m, INT64_MAX));
+    m.file_offset = -1;
+    EXPECT_FALSE(cvn_page_in_file(&m, 120));
+    m.file_offset = 100;
+    m.zbyte = -1;
+    EXPECT_FALSE(cvn_page_in_file(&m, 120));
+    m.zbyte = 0;
+    EXPECT_TRUE(cvn_page_in_file(&m, 0));
+}
+
 TEST_F(CvnPage, CannotBeReadFromAFileThatWasCutAfterItWasOpened) {
     write_file(path_, bytes_);
     const scan_t sc(path_);

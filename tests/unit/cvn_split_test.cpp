@@ -242,6 +242,25 @@ TEST_F(CvnSplit, CannotReadAPageBeyondItsColumnFile) {
     EXPECT_EQ(0, n);
 }
 
+TEST_F(CvnSplit, LocatesPagesInTheirColumnFiles) {
+    ASSERT_EQ(0, split(TESTS_DIR "/golden/groups.cvn"));
+    const std::string column = read_file(out_ + "/1.cvnx");
+    const scan_t sc(out_);
+    int fd = -1;
+    colmeta_t meta;
+    ASSERT_EQ(0, cvn_scan_locate(sc, 3, 1, &fd, &meta));
+    EXPECT_EQ(sc->split_fd[1], fd);
+    EXPECT_EQ(-1, sc->split_fd[0]) << "only the file that is needed is opened";
+    EXPECT_EQ(column.size(), static_cast<size_t>(meta.file_offset + meta.zbyte)) << "the last page";
+    fs::remove(out_ + "/0.cvnx");
+    EXPECT_EQ(-3, cvn_scan_locate(sc, 0, 0, &fd, &meta));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, fd);
+    fs::resize_file(out_ + "/1.cvnx", column.size() - 1);
+    EXPECT_EQ(-3, cvn_scan_locate(sc, 3, 1, &fd, &meta));
+    EXPECT_EQ(0, cvn_scan_locate(sc, 2, 1, &fd, &meta));
+}
+
 TEST_F(CvnSplit, ReadsThroughTheMetadataWhenTheSourceIsADirectory) {
     // Kept: pages are read at column-file offsets from meta.cvnx itself, so the column files hold its first
     // bytes.

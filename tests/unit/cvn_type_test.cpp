@@ -63,6 +63,16 @@ TEST(CvnType, CallsEveryOtherValueUnknown) {
         EXPECT_STREQ("unknown", cvn_typ_str(t)) << t;
 }
 
+TEST(CvnType, StoresByTheLowSixteenBitsWhateverTheHighOnesAre) {
+    EXPECT_EQ(CVN_TYP_INT32, cvn_storage(CVN_TYP_DATE));
+    EXPECT_EQ(CVN_TYP_INT64, cvn_storage(CVN_TYP_TIMESTAMP_MILLIS));
+    EXPECT_EQ(CVN_TYP_DEC128, cvn_storage(CVN_TYP_DEC128));
+    EXPECT_EQ(9, cvn_storage(static_cast<cvn_typ_t>(0xffff0009)));
+    EXPECT_EQ(0, cvn_storage(INT32_MIN));
+    EXPECT_EQ(0xffff, cvn_storage(-1)) << "never negative";
+    static_assert(cvn_storage(CVN_TYP_TIME_MILLIS) == CVN_TYP_INT32, "a constant where one is needed");
+}
+
 TEST(CvnType, MeasuresByTheLowSixteenBitsAlone) {
     EXPECT_EQ(4, cvn_typlen(0x10003));
     EXPECT_EQ(8, cvn_typlen(0x7fff0004));

@@ -194,6 +194,80 @@ TEST(Dec128, StoresTheDenselyPackedEncoding) {
     EXPECT_EQ(0, memcmp(&ten, bytes, 16));
 }
 
+// A decimal as digits, a point that is not written and an exponent: what the parts say in words.
+std::string parts_str(const cvn_dec_parts_t& p) {
+    if (!p.finite) return (p.minus ? "-" : "") + std::string(p.nan ? "NaN" : "Infinity");
+    std::string digits;
+    for (cvn_uint128_t c = p.coeff; c; c /= 10) digits.insert(0, 1, static_cast<char>('0' + c % 10));
+    return (p.minus ? "-" : "") + (digits.empty() ? "0" : digits) + "E" + std::to_string(p.exponent);
+}
+
+std::string parts64(const decDouble& d) {
+    cvn_dec_parts_t p;
+    memset(&p, 0x55, sizeof(p));
+    cvn_dec64_unpack(&p, &d);
+    EXPECT_EQ(p.nan, cvn_dec64_isnan(&d));
+    return parts_str(p);
+}
+
+std::string parts128(const decQuad& d) {
+    cvn_dec_parts_t p;
+    memset(&p, 0x55, sizeof(p));
+    cvn_dec128_unpack(&p, &d);
+    EXPECT_EQ(p.nan, cvn_dec128_isnan(&d));
+    return parts_str(p);
+}
+
+TEST(Dec64, ComesApartAsItWasWritten) {
+    for (const char* s :
+         {"0E0", "-0E0", "0E-3", "1E0", "-1E0", "100E-2", "7999999999999999E369", "-9999999999999999E369",
+          "8000000000000000E-398", "1E-398", "123456789012345E3", "1048577E0", "999999E0", "1000000E0"})
+        EXPECT_EQ(s, parts64(d64(s)));
+    EXPECT_EQ("100E-2", parts64(d64("1.00")));
+}
+
+TEST(Dec128, ComesApartAsItWasWritten) {
+    for (const char* s :
+         {"0E0", "-0E0", "0E-3", "1E0", "-1E0", "100E-2", "9999999999999999999999999999999999E6111",
+          "-7123456789012345678901234567890123E-6176", "1E-6176", "18446744073709551616E1"})
+        EXPECT_EQ(s, parts128(d128(s)));
+    EXPECT_EQ("100E-2", parts128(d128("1.00")));
+}
+
+TEST(Dec, TellsInfinitiesFromNaNsAndKeepsTheirSigns) {
+    for (const char* s : {"Infinity", "-Infinity", "NaN", "-NaN"}) {
+        EXPECT_EQ(s, parts64(d64(s)));
+        EXPECT_EQ(s, parts128(d128(s)));
+    }
+    EXPECT_EQ("NaN", parts64(d64("sNaN")));
+    EXPECT_EQ("-NaN", parts128(d128("-sNaN")));
+    EXPECT_EQ("NaN", parts64(d64("NaN123"))) << "a payload is no coefficient";
+    cvn_dec_parts_t p;
+    const decQuad nan = d128("NaN123");
+    cvn_dec128_unpack(&p, &nan);
+    EXPECT_TRUE(p.coeff == 0 && p.exponent == 0 && !p.finite);
+}
+
+// decNumber prints any image, canonical or not; read back, its text must come apart as the image does.
+TEST(Dec, ComesApartAsItIsPrintedWhateverItsBitsAre) {
+    std::mt19937_64 rng(31);
+    for (int i = 0; i < 20000; i++) {
+        decDouble d, d_again;
+        const uint64_t bits = rng();
+        memcpy(&d, &bits, sizeof(d));
+        char buf[CVN_DEC128_STRSZ];
+        (void)cvn_dec64_to_string(buf, &d);
+        (void)cvn_dec64_from_string(&d_again, buf);
+        ASSERT_EQ(parts64(d_again), parts64(d)) << buf;
+        decQuad q, q_again;
+        const uint64_t halves[2] = {rng(), rng()};
+        memcpy(&q, halves, sizeof(q));
+        (void)cvn_dec128_to_string(buf, &q);
+        (void)cvn_dec128_from_string(&q_again, buf);
+        ASSERT_EQ(parts128(q_again), parts128(q)) << buf;
+    }
+}
+
 TEST(Dec, HasTheSameFunctionsForValues) {
     const decDouble a = d64("1"), b = d64("2");
     EXPECT_EQ(-1, cvn_dec64_cmp(a, b));

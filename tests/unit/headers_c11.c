@@ -11,10 +11,11 @@ int c11_round_trip(const char* path) {
     cvn_t* w = NULL;
     cvn_scan_t* sc = NULL;
     cvn_page_t** page = NULL;
+    colmeta_t meta;
     cvn_datum_t datum[2];
     const bool isnull[2] = {false, false};
     int32_t n = 0;
-    int ncol = 0;
+    int ncol = 0, fd = -1;
     memset(datum, 0, sizeof(datum));
     datum[0].i = 42;
     datum[1].t = "forty-two";
@@ -24,6 +25,10 @@ int c11_round_trip(const char* path) {
     if (cvn_append(w, 2, datum, isnull) != 0) return __LINE__;
     if (cvn_close(w) != 0) return __LINE__;
     if (cvn_scan_open(&sc, path) != 0) return __LINE__;
+    if (cvn_scan_locate(sc, 0, 0, &fd, &meta) != 0 || fd != sc->fd) return __LINE__;
+    if (!cvn_page_in_file(&meta, meta.file_offset + 5) || cvn_page_in_file(&meta, meta.file_offset + 4))
+        return __LINE__;
+    if (cvn_storage(CVN_TYP_DATE) != CVN_TYP_INT32) return __LINE__;
     if (cvn_scan_add_required(sc, "n") != 0) return __LINE__;
     if (cvn_scan_next(sc, &ncol, &page, true) != 0) return __LINE__;
     memcpy(&n, page[0]->buf, sizeof(n));
@@ -47,6 +52,8 @@ size_t c11_sizes(int which) {
         case 10: return sizeof(cvnx_split_t);
         case 11: return sizeof(colbuf_t);
         case 12: return sizeof(cvn_page_t);
+        case 13: return sizeof(cvn_trailer_t);
+        case 14: return sizeof(cvn_dec_parts_t);
         default: return 0;
     }
 }

@@ -9,6 +9,6 @@ size_t cxx17_sizes(int which) {
                                 sizeof(schema_desc_t), sizeof(cvn_coldef_t),   sizeof(cvn_t),
                                 sizeof(cvn_scan_t),    sizeof(cvn_filestat_t), sizeof(lens_t),
                                 sizeof(mpool_item_t),  sizeof(cvnx_split_t),   sizeof(colbuf_t),
-                                sizeof(cvn_page_t)};
-    return which < 13 ? SIZES[which] : 0;
+                                sizeof(cvn_page_t),    sizeof(cvn_trailer_t),  sizeof(cvn_dec_parts_t)};
+    return which < 15 ? SIZES[which] : 0;
 }

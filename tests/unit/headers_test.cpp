@@ -10,6 +10,7 @@ int c11_round_trip(const char* path);
 size_t c11_sizes(int which);
 }
 size_t cxx17_sizes(int which);
+int extern_c_compares();
 
 namespace {
 
@@ -25,12 +26,14 @@ TEST(Headers, GiveEveryDialectTheSameRecords) {
                            sizeof(schema_desc_t), sizeof(cvn_coldef_t),   sizeof(cvn_t),
                            sizeof(cvn_scan_t),    sizeof(cvn_filestat_t), sizeof(lens_t),
                            sizeof(mpool_item_t),  sizeof(cvnx_split_t),   sizeof(colbuf_t),
-                           sizeof(cvn_page_t)};
-    for (int i = 0; i < 13; ++i) {
+                           sizeof(cvn_page_t),    sizeof(cvn_trailer_t),  sizeof(cvn_dec_parts_t)};
+    for (int i = 0; i < 15; i++) {
         EXPECT_EQ(here[i], c11_sizes(i)) << i;
         EXPECT_EQ(here[i], cxx17_sizes(i)) << i;
     }
 }
+
+TEST(Headers, CanBeIncludedInsideALinkageBlock) { EXPECT_EQ(-1, extern_c_compares()); }
 
 TEST(Headers, HaveTheSizesThatFilesAndPagesHave) {
     EXPECT_EQ(48u, sizeof(cvn_datum_t));
@@ -42,6 +45,7 @@ TEST(Headers, HaveTheSizesThatFilesAndPagesHave) {
     EXPECT_EQ(16u, offsetof(rowgroup_t, colmeta));
     EXPECT_EQ(40u, offsetof(cvn_page_t, buf));
     EXPECT_EQ(44u, sizeof(cvn_page_t));
+    EXPECT_EQ(16u, sizeof(cvn_trailer_t));
     EXPECT_EQ(0u, sizeof(mpool_item_t) % 16);
     EXPECT_EQ(131072u, sizeof(colbuf_t::nmap));
 }
@@ -50,6 +54,8 @@ TEST(Headers, StateTheMagicBytes) {
     EXPECT_STREQ("CVN1IX86", CVN_HEAD_MAGIC);
     EXPECT_STREQ("CVN1", CVN_TAIL_MAGIC);
     EXPECT_EQ(0x19293949, CVN_PAGE_MAGIC);
+    EXPECT_EQ(8, CVN_HEAD_SZ);
+    EXPECT_EQ(1, CVN_FORMAT_VERSION);
     EXPECT_EQ(1048576, CVN_MAX_ROWGROUP_NROW);
 }
 
