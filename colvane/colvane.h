@@ -333,7 +333,7 @@ int cvn_create_stream(cvn_t** ret, FILE* fp);
 
 /* Parses a column-definition string: definitions parted by commas, each NAME TYPE [-z] [-n], where NAME may
  * stand in double quotes (no escapes). `*ret_cdef` is one array for the caller to free(); both results are
- * set only on success. The last definition may be incomplete (empty name, type 0), and duplicate names are
+ * cleared on entry and set only on success. The last definition may be incomplete (empty name, type 0), and duplicate names are
  * not detected. Returns 0, -2, or -6 for bad syntax. */
 int cvn_coldef_parse(cvn_coldef_t** ret_cdef, int* ret_ncdef, const char* defstr);
 
@@ -344,7 +344,9 @@ int cvn_create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag, bo
 
 /* Appends one row: `ndatum` values and NULL flags in column order; the value of a NULL is not looked at. What
  * the values point at is copied. A row group is written whenever it is full: 1,048,576 rows, 32 MiB of
- * values, or a column buffer that cannot grow; a row is never cut. Returns 0, -6 wrong count, negative length
+ * values, or a column buffer that cannot grow; a row is never cut. Values are measured in column order, so a
+ * row group that the columns before a refused value fill is written all the same. A writer without columns
+ * counts a row of no values, and cannot be closed well for it. Returns 0, -6 wrong count, negative length
  * or an append after a failure, -3 write failed, -2, -1. After a failure only cvn_close remains useful; it
  * then removes the file. */
 int cvn_append(cvn_t* sp, int ndatum, const cvn_datum_t* datum, const bool* isnull);
@@ -451,7 +453,8 @@ int cvn_scan_coldef(int* ncol, const cvn_coldef_t** coldef, cvn_scan_t* sc);
 /* Returns the rows of row group `rg`, or -1 when there is no such row group. */
 int64_t cvn_scan_get_rowgroup_size(cvn_scan_t* scan, int64_t rg);
 
-/* Copy one footer record out, wherever it lies. Return 0, or -6 when there is no such column or row group. */
+/* Copy one footer record out, wherever it lies. Return 0, or -6 when there is no such column or row group; the
+ * result is then all zeros. */
 int cvn_scan_colstat(cvn_scan_t* scan, int cno, colstat_t* ret_colstat);
 int cvn_scan_colmeta(cvn_scan_t* scan, int64_t rg, int cno, colmeta_t* ret_colmeta);
 
@@ -516,8 +519,10 @@ int cvn_scan_close(cvn_scan_t* scan);
  * group's own column count leads outside the footer. */
 int cvn_filestat(cvn_filestat_t* fstat, const char* fpath);
 
-/* Stores the footer hash that the trailer holds, without reading the footer. Returns 0, -1 path too long, -3
- * cannot be opened, -7 not a colvane file. */
+/* Stores the footer hash that the trailer holds, without reading the footer. The path may name a directory that
+ * cvnx_split wrote, and is normalised as by cvn_scan_open. `*ret_hash` is cleared on entry and set only on
+ * success. Returns 0, -3 when it cannot be opened (errno kept), -7 not a colvane file, -1 when a directory's
+ * normalised path leaves no room for "/meta.cvnx" within 4095 characters. */
 int cvn_get_hash(int32_t* ret_hash, const char* orig_fpath);
 
 /* Decides whether rows with these statistics may match a predicate: 1 they may, 0 they cannot, -6 the type
@@ -531,7 +536,8 @@ typedef struct cvnx_split_t {
     cvn_scan_t* sc;             /* the source; owned */
     const cvn_coldef_t* coldef; /* its columns; borrowed from sc */
     char* buf;                  /* one page, reused; owned */
-    FILE** fp; /* ncol + 1 streams, the last always null; borrowed from sc, the streams owned */
+    /* ncol + 1 streams, at least 2, the last always null; borrowed from sc, the streams owned */
+    FILE** fp;
 } cvnx_split_t;
 
 /* Rewrites the data file `fname` as a directory: "N.cvnx" with the stored pages of column N back to back, and
@@ -542,7 +548,8 @@ int cvnx_split(const char* dpath, const char* fname);
 /* The way out of cvnx_split: closes and frees all of `*sp` and returns `ret`. */
 int cvnx_split_ret(int ret, cvnx_split_t* sp);
 
-/* Creates a directory (mode 0700) and its missing parents. Returns 0, also when it exists, or -3. */
+/* Creates a directory (mode 0700) and its missing parents; one trailing "/" is ignored. Returns 0, also when
+ * something of that name exists, or -3 (errno kept). "" and "/" name nothing that could be made: -3. */
 int mkdir_p(const char* dir);
 
 #ifdef __cplusplus

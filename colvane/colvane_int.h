@@ -117,8 +117,9 @@ inline int column_fd(const cvn_scan_t* scan, int c) {
 [[nodiscard]] int cvn_scan_open_column(cvn_scan_t* scan, int c);
 
 // Pages may lie over each other in a file that is not ours; but not so that a small file takes memory or disk
-// without end. What is stored in the pages that are taken together is at most this many times their file;
-// below CVN_OVERLAP_FREE bytes it does not matter.
+// without end. What is stored in the pages that are taken together is at most this many times their file, or
+// they are refused like a page that is not there (-3; a split ends); up to CVN_OVERLAP_FREE bytes it does not
+// matter. The writer's pages never overlap, so only damaged or hostile files meet this.
 constexpr int64_t CVN_MAX_OVERLAP = 4;
 constexpr int64_t CVN_OVERLAP_FREE = 65536;
 inline bool overlap_bearable(int64_t stored, int64_t filesz) {
@@ -140,9 +141,9 @@ constexpr int64_t CVN_HUGE_PAGE = 2097152;
 // How far LZ4 can expand a block: more than this times its size never comes out.
 constexpr int CVN_LZ4_MAX_RATIO = 255;
 
-// Copies `path` into `buf` of at least strlen(path) + 1 bytes, with "//" turned into "/" and one trailing "/"
-// removed.
-void cvn_normalise_path(char* buf, const char* path);
+// Copies `path` into `buf` with "//" turned into "/" and one trailing "/" removed. strlen(path) + 1 bytes are
+// always enough. False when the result does not fit; `buf` then holds nothing of use.
+[[nodiscard]] bool cvn_normalise_path(char* buf, size_t bufsz, const char* path);
 
 // Returns the number of the first column of that name, or -1.
 int cvn_scan_find_column(const cvn_scan_t* scan, const char* cname);

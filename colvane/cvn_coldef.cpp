@@ -83,6 +83,8 @@ static int cvn_coldef_parse_err(int code, wordlist_t* list, cvn_coldef_t* cdef) 
 }
 
 int cvn_coldef_parse(cvn_coldef_t** ret_cdef, int* ret_ncdef, const char* defstr) {
+    *ret_cdef = nullptr;
+    *ret_ncdef = 0;
     wordlist_t list;
     int rc = splitstring(&list, defstr);
     if (rc != 0) return rc;

@@ -53,12 +53,18 @@ bool cvn_pread_full(int fd, void* buf, size_t nbyte, int64_t offset) {
     return true;
 }
 
-void cvn_normalise_path(char* buf, const char* path) {
-    char* out = buf;
-    for (const char* p = path; *p; p++)
-        if (!(*p == '/' && out > buf && out[-1] == '/')) *out++ = *p;
-    if (out > buf && out[-1] == '/') out--;
-    *out = '\0';
+bool cvn_normalise_path(char* buf, size_t bufsz, const char* path) {
+    // One byte more than is kept: the last "/" needs its place before it is seen to be the last.
+    size_t len = 0;
+    for (const char* p = path; *p; p++) {
+        if (*p == '/' && len > 0 && buf[len - 1] == '/') continue;
+        if (len == bufsz) return false;
+        buf[len++] = *p;
+    }
+    if (len > 0 && buf[len - 1] == '/') len--;
+    if (len == bufsz) return false;
+    buf[len] = '\0';
+    return true;
 }
 
 void cvn_advise_large(char* block, int64_t nbyte) {
@@ -82,6 +88,10 @@ static int cvn_scan_open_err(int code, cvn_scan_t* sc) {
 
 // Proves that the footer's parts lie inside it. The sizes need not be the regular ones, as long as they add
 // up and everything that they lead to is there.
+//
+// This judges a damaged footer more strictly than finding its row groups would need: their records alone must
+// end where the footer does, but definitions and statistics are used as well, and those of a column count that
+// the footer does not bear would be read beyond it. To a caller either is a footer that is not consistent.
 static bool footer_geometry(geometry_t* ret, const schema_desc_t* schema, int64_t footersz) {
     geometry_t g{};
     int64_t end = 0, colstatsz = 0, coldefsz = 0;
@@ -214,9 +224,10 @@ int cvn_scan_open(cvn_scan_t** ret, const char* orig_fpath) {
     cvn_scan_t* sc = &scan->pub;
     sc->mpool = pool;
     sc->fd = -1;
-    sc->fpath = static_cast<char*>(mpool_alloc(pool, strlen(orig_fpath) + 1));
+    const size_t fpathsz = strlen(orig_fpath) + 1;
+    sc->fpath = static_cast<char*>(mpool_alloc(pool, fpathsz));
     if (!sc->fpath) return cvn_scan_open_err(-2, sc);
-    cvn_normalise_path(sc->fpath, orig_fpath);
+    (void)cvn_normalise_path(sc->fpath, fpathsz, orig_fpath);  // what is removed is room enough
     int rc = open_source(sc);
     if (rc == 0) rc = read_footer(sc);
     if (rc == 0) rc = map_footer(sc);
@@ -247,13 +258,19 @@ int64_t cvn_scan_get_rowgroup_size(cvn_scan_t* scan, int64_t rg) {
 }
 
 int cvn_scan_colstat(cvn_scan_t* scan, int cno, colstat_t* ret_colstat) {
-    if (cno < 0 || cno >= scan->schema->ncol) return -6;
+    if (cno < 0 || cno >= scan->schema->ncol) {
+        memset(static_cast<void*>(ret_colstat), 0, sizeof(*ret_colstat));
+        return -6;
+    }
     load_record(ret_colstat, scan->colstat, cno * CVN_COLSTATSZ);
     return 0;
 }
 
 int cvn_scan_colmeta(cvn_scan_t* scan, int64_t rg, int cno, colmeta_t* ret_colmeta) {
-    if (!has_rowgroup(scan, rg) || cno < 0 || cno >= scan->schema->ncol) return -6;
+    if (!has_rowgroup(scan, rg) || cno < 0 || cno >= scan->schema->ncol) {
+        memset(static_cast<void*>(ret_colmeta), 0, sizeof(*ret_colmeta));
+        return -6;
+    }
     load_colmeta(ret_colmeta, scan, rg, cno);
     return 0;
 }
@@ -279,7 +296,7 @@ int cvn_scan_open_column(cvn_scan_t* scan, int c) {
 
 int cvn_scan_locate(cvn_scan_t* scan, int64_t rg, int cno, int* ret_fd, colmeta_t* ret_colmeta) {
     *ret_fd = -1;
-    *ret_colmeta = colmeta_t{};
+    memset(static_cast<void*>(ret_colmeta), 0, sizeof(*ret_colmeta));
     colmeta_t meta;
     if (cvn_scan_colmeta(scan, rg, cno, &meta) != 0) return -6;
     errno = 0;
@@ -393,10 +410,12 @@ int cvn_filestat(cvn_filestat_t* fstat, const char* fpath) {
 }
 
 int cvn_get_hash(int32_t* ret_hash, const char* orig_fpath) {
+    *ret_hash = 0;
     char path[CVN_PATH_MAX];
-    const size_t len = strlen(orig_fpath);
-    if (len >= sizeof(path)) return -1;
-    cvn_normalise_path(path, orig_fpath);
+    if (!cvn_normalise_path(path, sizeof(path), orig_fpath)) {
+        errno = ENAMETOOLONG;  // as opening it would say
+        return -3;
+    }
     struct stat st;
     if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
         const size_t at = strlen(path);

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +25,8 @@ int mkdir_p(const char* dir) {
     char* path = strdup(dir);
     if (!path) return errno == EEXIST ? 0 : -3;
     const size_t len = strlen(path);
-    if (len > 1 && path[len - 1] == '/') path[len - 1] = '\0';
+    // Kept: "/" alone becomes the empty path, which cannot be made.
+    if (len > 0 && path[len - 1] == '/') path[len - 1] = '\0';
     for (char* p = path + 1; len > 0 && *p; p++) {
         if (*p != '/') continue;
         *p = '\0';
@@ -141,7 +143,9 @@ int cvnx_split(const char* dpath, const char* fname) {
     }
     mpool_t* pool = split.sc->mpool;
     const size_t pathsz = strlen(dpath) + CVNX_SUFFIXSZ;
-    split.fp = static_cast<FILE**>(mpool_calloc(pool, (static_cast<size_t>(ncol) + 1) * sizeof(FILE*)));
+    // The metadata takes the first slot while it is written, also where there is no column.
+    const size_t nslot = static_cast<size_t>(std::max(ncol, 1)) + 1;
+    split.fp = static_cast<FILE**>(mpool_calloc(pool, nslot * sizeof(FILE*)));
     auto* path = static_cast<char*>(mpool_alloc(pool, pathsz));
     auto* tmppath = static_cast<char*>(mpool_alloc(pool, pathsz));
     if (!split.fp || !path || !tmppath) return cvnx_split_ret(-2, &split);

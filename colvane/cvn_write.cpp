@@ -151,34 +151,62 @@ static int compress_chunk(cvn_t* sp, int nbyte, bool zflag, int* ret_zbyte, cons
     return 0;
 }
 
-static int flush_column(cvn_t* sp, int cno, colmeta_t* meta) {
-    colbuf_t* cb = sp->colbuf[cno];
+// Assembles the chunk of a column buffer that holds rows, and decides how it is stored: the sizes go into its
+// record, and `*ret_stored` is what to write.
+static int make_chunk(cvn_t* sp, int cno, colmeta_t* meta, const char** ret_stored) {
+    const colbuf_t* cb = sp->colbuf[cno];
     const int n = cb->nrow;
     if (n > CVN_MAX_ROWGROUP_NROW) return -1;
     const int nmapsz = cvn_nmapsz(n);
-    meta->file_offset = sp->fp_offset;
     meta->nrow = n;
     meta->nmapoff = cb->buftop;
-    meta->nbyte =
-        cb->buftop + nmapsz;  // column buffers are never as large as INT_MAX - CVN_MAX_ROWGROUP_NROW
+    // Fits: column buffers are never larger than INT_MAX - CVN_MAX_ROWGROUP_NROW.
+    meta->nbyte = cb->buftop + nmapsz;
     meta->nflag = static_cast<char>(sp->coldef[cno].nflag);
     meta->nnull = cb->nnull;
-    int rc = finalize_agg(sp, cno, meta);
-    if (rc == 0) rc = ensure_space(sp->mpool, &sp->zbuf.src, &sp->zbuf.srcsz, meta->nbyte);
+    int rc = ensure_space(sp->mpool, &sp->zbuf.src, &sp->zbuf.srcsz, meta->nbyte);
     if (rc != 0) return rc;
     memcpy(sp->zbuf.src, cb->buf, static_cast<size_t>(cb->buftop));
     memcpy(sp->zbuf.src + cb->buftop, cb->nmap, static_cast<size_t>(nmapsz));
-    const char* stored;
-    rc = compress_chunk(sp, meta->nbyte, sp->coldef[cno].zflag, &meta->zbyte, &stored);
+    rc = compress_chunk(sp, meta->nbyte, sp->coldef[cno].zflag, &meta->zbyte, ret_stored);
     if (rc != 0) return rc;
     if (meta->zbyte < 0 || meta->zbyte > meta->nbyte) return -1;
-    meta->zflag = stored == sp->zbuf.dst && sp->zbuf.dst;
+    meta->zflag = *ret_stored == sp->zbuf.dst && sp->zbuf.dst;
+    return 0;
+}
+
+static int flush_column(cvn_t* sp, int cno, colmeta_t* meta) {
+    meta->file_offset = sp->fp_offset;
+    int rc = finalize_agg(sp, cno, meta);
+    const char* stored;
+    if (rc == 0) rc = make_chunk(sp, cno, meta, &stored);
+    if (rc != 0) return rc;
     const auto zbyte = static_cast<size_t>(meta->zbyte);
     meta->hash = static_cast<int32_t>(XXH32(stored, zbyte, 0));
     rc = dowrite(sp, stored, zbyte);
-    if (rc == 0) rc = colbuf_init(cb, sp->mpool);
+    if (rc == 0) rc = colbuf_init(sp->colbuf[cno], sp->mpool);
     if (rc == 0) rc = write_padding(sp);
     return rc;
+}
+
+// Whether the row group under way can be described at all: its record has 32 bits for its size in the file.
+// Returns 0, -1 when it is too large, or -2. Hardly any row group is so large that its chunks must be made to
+// tell; those are made twice, so that nothing of one that is refused has been written.
+static int check_rowgroup_size(cvn_t* sp) {
+    int64_t raw = 0;
+    for (int c = 0; c < sp->ncol; c++)
+        raw += align8(int64_t{sp->colbuf[c]->buftop} + cvn_nmapsz(sp->colbuf[c]->nrow));
+    if (raw <= INT32_MAX) return 0;
+    int64_t stored = 0;
+    for (int c = 0; c < sp->ncol; c++) {
+        colmeta_t meta{};
+        const char* unused;
+        const int rc = make_chunk(sp, c, &meta, &unused);
+        if (rc != 0) return rc;
+        stored += align8(meta.zbyte);
+        if (stored > INT32_MAX) return -1;
+    }
+    return 0;
 }
 
 // Keeps the record of a written row group.
@@ -209,15 +237,15 @@ static int cv_flush(cvn_t* sp) {
     if (start % 8 != 0) return -1;
     rg->nrow = n;
     rg->ncol = sp->ncol;
+    int rc = check_rowgroup_size(sp);
+    if (rc != 0) return rc;
     for (int c = 0; c < sp->ncol; c++) {
         if (sp->colbuf[c]->nrow != n) return -1;
-        const int rc = flush_column(sp, c, &rg->colmeta[c]);
+        rc = flush_column(sp, c, &rg->colmeta[c]);
         if (rc != 0) return rc;
     }
-    const int64_t nbyte = sp->fp_offset - start;
-    if (nbyte > INT32_MAX) return -1;
-    rg->nbyte = static_cast<int32_t>(nbyte);
-    const int rc = keep_rowgroup(writer_of(sp), rg);
+    rg->nbyte = static_cast<int32_t>(sp->fp_offset - start);
+    rc = keep_rowgroup(writer_of(sp), rg);
     if (rc != 0) return rc;
     sp->rgcur_nbyte = 0;
     return 0;
@@ -372,8 +400,8 @@ static int make_room(cvn_t* sp, colbuf_t* cb, int64_t need) {
     return 0;
 }
 
-// The bytes that the values take whose length varies, into w->info, and those of the whole row. -6 for a
-// negative length.
+// The bytes that the values take whose length varies, into w->info, and those of the whole row. Returns how
+// many columns could be measured, in order: all of them, or those before the first negative length.
 static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull, int64_t* ret_total) {
     int64_t total = w->fixed_nbyte;
     for (int i = 0; i < w->nvarcol; i++) {
@@ -384,22 +412,23 @@ static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull
         else if (isnull[c])
             info->need = 4;
         else if (datum[c].a.len < 0)
-            return -6;
+            return c;
         else
             info->need = int64_t{datum[c].a.len} + 4;
         total += info->need;
     }
     *ret_total = total;
-    return 0;
+    return w->pub.ncol;
 }
 
 static int64_t room_of(const colbuf_t* cb) { return cb->bufmax - cb->buftop; }
 
-// Reserves the row value by value, cutting the row group before the first one that does not fit in.
-static int reserve_slowly(writer_t* w) {
+// Reserves the first `ncol` values of the row one by one, cutting the row group before the first one that does
+// not fit in.
+static int reserve_slowly(writer_t* w, int ncol) {
     cvn_t* sp = &w->pub;
     w->fixed_room = 0;  // buffers may change
-    for (int c = 0; c < sp->ncol; c++) {
+    for (int c = 0; c < ncol; c++) {
         const int64_t need = w->info[c].need;
         const int64_t sum = sp->rgcur_nbyte + need;
         sp->rgcur_nbyte = static_cast<int>(std::min<int64_t>(sum, INT_MAX));
@@ -478,43 +507,48 @@ static inline void encode_value(char* p, const colinfo_t& info, const cvn_datum_
     }
 }
 
-static void add_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull) {
-    cvn_t* sp = &w->pub;
-    const int ncol = sp->ncol;
-    for (int c = 0; c < ncol; c++) {
-        colbuf_t* cb = sp->colbuf[c];
-        const colinfo_t& info = w->info[c];
-        char* p = cb->buf + cb->buftop;
-        cb->buftop += static_cast<int>(info.need);
-        const int row = cb->nrow++;
-        if (isnull[c]) {
-            encode_null(p, info);
-            cb->nmap[row >> 3] = static_cast<char>(cb->nmap[row >> 3] | 0x80 >> (row & 7));
-            cb->nnull++;
-        } else {
-            encode_value(p, info, &datum[c]);
-        }
+// Adds one value to a column buffer that has room for it. Where the smallest and the largest value are is
+// found when the row group is written, for all rows at once.
+static inline void colbuf_add(colbuf_t* cb, const colinfo_t& info, const cvn_datum_t* datum, bool isnull) {
+    char* p = cb->buf + cb->buftop;
+    cb->buftop += static_cast<int>(info.need);
+    const int row = cb->nrow++;
+    if (isnull) {
+        encode_null(p, info);
+        cb->nmap[row >> 3] = static_cast<char>(cb->nmap[row >> 3] | 0x80 >> (row & 7));
+        cb->nnull++;
+    } else {
+        encode_value(p, info, datum);
     }
+}
+
+// Rows that have nothing to be stored.
+static int append_empty(cvn_t* sp, int ndatum) {
+    if (ndatum != sp->ncol || sp->drop_file) return cv_reterr(-6, sp);
+    // Kept: without columns a row of no values is a row; closing such a writer is what fails.
     sp->nrow++;
+    return 0;
 }
 
 int cvn_append(cvn_t* sp, int ndatum, const cvn_datum_t* datum, const bool* isnull) {
-    if (ndatum != sp->ncol || ndatum < 1 || sp->drop_file) return cv_reterr(-6, sp);
+    if (ndatum < 1) return append_empty(sp, ndatum);
+    if (ndatum != sp->ncol || sp->drop_file) return cv_reterr(-6, sp);
     writer_t* w = writer_of(sp);
     if (sp->colbuf[0]->nrow >= CVN_MAX_ROWGROUP_NROW) {
         const int rc = cv_flush(sp);
         if (rc != 0) return cv_reterr(rc, sp);
     }
-    int64_t total;
-    int rc = measure_row(w, datum, isnull, &total);
-    if (rc != 0) return cv_reterr(rc, sp);
-    if (fits_at_once(w, total)) {
+    int64_t total = 0;
+    const int measured = measure_row(w, datum, isnull, &total);
+    if (measured == ndatum && fits_at_once(w, total)) {
         sp->rgcur_nbyte += static_cast<int>(total);
     } else {
-        rc = reserve_slowly(w);
+        const int rc = reserve_slowly(w, measured);
         if (rc != 0) return rc;
+        if (measured != ndatum) return cv_reterr(-6, sp);
     }
-    add_row(w, datum, isnull);
+    for (int c = 0; c < ndatum; c++) colbuf_add(sp->colbuf[c], w->info[c], &datum[c], isnull[c]);
+    sp->nrow++;
     return 0;
 }
 

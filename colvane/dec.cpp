@@ -265,6 +265,8 @@ static bool dec64_from_digits(decDouble* d, const char* s) {
     return true;
 }
 
+// What a conversion refuses is what its status flags say, any of them: syntax, rounding, overflow, underflow.
+// A number below the normal range that needs no rounding, 1E-398 say, raises none, and so is taken.
 int cvn_dec64_from_string(decDouble* d, const char* buf) {
     if (dec64_from_digits(d, buf)) return 0;
     decContext context;

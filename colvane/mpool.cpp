@@ -73,6 +73,8 @@ void mpool_free(mpool_t* mp, void* ptr) {
 
 void* mpool_realloc(mpool_t* mp, void* ptr, size_t nb) {
     if (!ptr) return mpool_alloc(mp, nb);
+    CHECK_MAGIC(mp);
+    CHECK_MAGIC(item_of(ptr));
     const int64_t alloc_sz = item_of(ptr)->alloc_sz;
     if (alloc_sz >= static_cast<int64_t>(nb)) return ptr;
     void* bigger = mpool_alloc(mp, nb);

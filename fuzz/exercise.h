@@ -51,7 +51,7 @@ inline const char* add_predicates(cvn_scan_t* sc, const char* name, cvn_typ_t ty
     static constexpr char TEXT[] = "0x00000000000000000000000000000007";
     cvn_datum_t arg[3];
     memset(arg, 0, sizeof(arg));
-    if (cvn_datum_from_string(&arg[0], (typ & 0xffff) == CVN_TYP_INT128 ? TEXT : "7", typ) != 0)
+    if (cvn_datum_from_string(&arg[0], cvn_storage(typ) == CVN_TYP_INT128 ? TEXT : "7", typ) != 0)
         return nullptr;
     arg[2] = arg[1] = arg[0];
     for (const int op : {CVN_OP_NE + 0, CVN_OP_GE + 0, CVN_OP_ISNOTNULL + 0, CVN_OP_IN + 0}) {
@@ -122,9 +122,10 @@ inline const char* scan(const char* path, bool uncompress) {
     if (plain != 0 && code != plain) return "filestat does not pass on the code of opening";
     if (plain == 0 && !one_of(code, {0, -2, -7})) return "an unknown code of filestat";
     if (code != 0 && st.ncol != 0x55555555) return "a filestat that failed sets its result";
-    int32_t hash = 0;
+    int32_t hash = 0x55555555;
     const int tell = cvn_get_hash(&hash, path);
     if (!one_of(tell, {0, -1, -3, -7})) return "an unknown code of the hash";
+    if (tell != 0 && hash != 0) return "a hash that is not told is not cleared";
     if (plain == 0 && tell != 0) return "a file that opens does not tell its hash";
     if (code == 0 && hash != st.chksum) return "two different hashes";
     return nullptr;

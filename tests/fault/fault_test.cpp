@@ -158,8 +158,8 @@ TEST_F(Fault, ColdefParseFailsCleanlyWithoutMemory) {
             break;
         }
         ASSERT_EQ(-2, code);
-        ASSERT_EQ(reinterpret_cast<cvn_coldef_t*>(1), def);
-        ASSERT_EQ(77, ndef);
+        ASSERT_EQ(nullptr, def);
+        ASSERT_EQ(0, ndef);
         expect_no_leak(n);
     }
     EXPECT_GT(n, 2);
@@ -472,6 +472,30 @@ TEST_F(Fault, EveryFailedWriteIsReported) {
     EXPECT_LT(n, MANY);
 }
 
+// The write that a negative length's columns cause fails; the stream is a caller's, so nothing is removed.
+TEST_F(Fault, AFailedWriteComesBeforeANegativeLengthBehindIt) {
+    FILE* fp = fopen(path_.c_str(), "wb");
+    ASSERT_NE(nullptr, fp);
+    cvn_t* w = nullptr;
+    ASSERT_EQ(0, cvn_create_stream(&w, fp));
+    ASSERT_EQ(0, declare(w, {{"a", CVN_TYP_CSTR}, {"b", CVN_TYP_BYTEA}}));
+    const std::string big(20 << 20, 'x');
+    cvn_datum_t d[2] = {};
+    d[0].t = big.c_str();
+    const bool null[2] = {};
+    ASSERT_EQ(0, cvn_append(w, 2, d, null));
+    d[1].a.len = -1;
+    wrap::fail_nth(wrap::FWRITE, 1, ENOSPC);
+    EXPECT_EQ(-3, cvn_append(w, 2, d, null));
+    EXPECT_TRUE(wrap::disarm());
+    EXPECT_EQ(ENOSPC, w->os_errno);
+    EXPECT_EQ(nullptr, w->fp);
+    EXPECT_NE(0, w->drop_file);
+    EXPECT_EQ(0, cvn_close(w));
+    EXPECT_TRUE(fs::exists(path_));
+    expect_no_leak(0);
+}
+
 TEST_F(Fault, AFailedLastCloseIsReported) {
     cvn_t* w = nullptr;
     ASSERT_EQ(0, cvn_create(&w, path_.c_str()));
@@ -639,6 +663,29 @@ TEST_F(Fault, SplitReportsEveryFileThatCannotBeMadeWrittenOrClosed) {
             expect_no_leak(n);
         }
         EXPECT_EQ(row.ncall + 1, n) << row.kind;
+    }
+}
+
+// No column, so no stream but the metadata's; what is closed when writing it fails is that one alone.
+TEST_F(Fault, SplitOfAFileWithoutColumnsReportsEveryFailedWrite) {
+    const std::string foot = le32(1) + le32(0) + le64(0) + le64(0) + le32(0) + le32(0) + le64(0);
+    write_file(path_, "CVN1IX86" + foot + le64(40) + le32(0x0a0b0c0d) + "CVN1");
+    const std::string out = dir_ / "out";
+    for (const auto& [kind, ncall] : {std::pair{wrap::FOPEN, 1}, {wrap::FWRITE, 5}, {wrap::FCLOSE, 1}}) {
+        for (int n = 1; n <= ncall; n++) {
+            wrap::fail_nth(kind, n, EFBIG);
+            ASSERT_EQ(-3, cvnx_split(out.c_str(), path_.c_str())) << n;
+            ASSERT_EQ(EFBIG, errno);
+            ASSERT_TRUE(wrap::disarm());
+            ASSERT_FALSE(fs::exists(out + "/meta.cvnx"));
+            expect_no_leak(n);
+        }
+        wrap::fail_nth(kind, ncall + 1, EFBIG);
+        ASSERT_EQ(0, cvnx_split(out.c_str(), path_.c_str()));
+        ASSERT_FALSE(wrap::disarm()) << "there is one call more";
+        EXPECT_EQ(std::vector<std::string>{"meta.cvnx"}, names_in(out));
+        EXPECT_EQ(read_file(path_), read_file(out + "/meta.cvnx"));
+        fs::remove_all(out);
     }
 }
 

@@ -191,6 +191,22 @@ TEST_F(CvnHostile, RefusesRowGroupCountsThatTheFooterDoesNotBear) {
     }
 }
 
+// Without rows only the definitions can run out of the footer: it holds statistics for four columns, but
+// definitions for three.
+TEST_F(CvnHostile, RefusesColumnDefinitionsThatRunOutOfTheFooter) {
+    const layout_t at(EMPTY);
+    ASSERT_EQ(2, at.ncol);
+    ASSERT_EQ(0, load<int64_t>(EMPTY, at.foot + 16));
+    for (const auto& [ncol, code] : {std::pair{2, 0}, {3, 0}, {4, -7}}) {
+        std::string file = EMPTY;
+        patch(file, at.foot + 4, int32_t{ncol});
+        patch(file, at.foot + 24, int32_t{0});
+        patch(file, at.foot + 28, int32_t{248 * 2});
+        EXPECT_EQ(code, open_code(file)) << ncol;
+        expect_contained(file);
+    }
+}
+
 TEST_F(CvnHostile, RefusesSizesThatOnlyCompensateEachOther) {
     // The sums match, but the statistics would begin before the footer or end behind it.
     const layout_t at(GROUPS);

@@ -227,8 +227,12 @@ TEST_F(CvnScan, HandsOutTheFootersRecords) {
     ASSERT_EQ(0, cvn_scan_colmeta(sc, 3, 1, &meta));
     EXPECT_EQ(1, meta.nrow);
     for (const int c : {-1, 2, INT_MAX}) {
+        memset(static_cast<void*>(&stat), 0x55, sizeof(stat));
         EXPECT_EQ(-6, cvn_scan_colstat(sc, c, &stat));
+        EXPECT_EQ(std::string(sizeof(stat), '\0'), image(stat));
+        memset(static_cast<void*>(&meta), 0x55, sizeof(meta));
         EXPECT_EQ(-6, cvn_scan_colmeta(sc, 0, c, &meta));
+        EXPECT_EQ(std::string(sizeof(meta), '\0'), image(meta));
     }
     EXPECT_EQ(-6, cvn_scan_colmeta(sc, 4, 0, &meta));
     EXPECT_EQ(-6, cvn_scan_colmeta(sc, -1, 0, &meta));
@@ -744,23 +748,51 @@ TEST_F(CvnScan, TellsTheHashWithoutTheFooter) {
 TEST_F(CvnScan, RefusesToTellAHashWithoutTheMagics) {
     int32_t hash = 7;
     EXPECT_EQ(-3, cvn_get_hash(&hash, (dir_ / "missing").c_str()));
+    EXPECT_EQ(0, hash);
     EXPECT_EQ(-3, cvn_get_hash(&hash, dir_.str().c_str())) << "a folder without meta.cvnx";
     for (const std::string& file :
          {""s, "CVN1"s, "CVN1IX86"s, "xVN1IX86abcdCVN1"s, "CVN1IX86abcdCVN2"s, "CVN1IX86xxx"s}) {
         write_file(path_, file);
+        hash = 7;
         EXPECT_EQ(-7, cvn_get_hash(&hash, path_.c_str())) << file;
+        EXPECT_EQ(0, hash) << file;
     }
-    EXPECT_EQ(7, hash);
 }
 
-TEST_F(CvnScan, RefusesAPathThatDoesNotFit) {
+// A folder's path of 4085 characters and "/meta.cvnx" are 4095 characters, one more is too many.
+TEST_F(CvnScan, RefusesAFolderWhosePathLeavesNoRoomForTheMetadatasName) {
+    const auto path_of = [&](size_t n) {
+        std::string path = dir_.str();
+        while (path.size() + 2 <= n) path += "/.";
+        if (path.size() < n)
+            path.replace(path.size() - 2, 2, "/..");  // its parent, which is a folder as well
+        return path;
+    };
     int32_t hash = 7;
-    EXPECT_EQ(-1, cvn_get_hash(&hash, std::string(5000, 'x').c_str()));
-    // A folder whose path leaves no room for the metadata file's name.
-    std::string deep = dir_.str();
-    while (deep.size() < 4086) deep += "/.";
-    EXPECT_EQ(-1, cvn_get_hash(&hash, deep.c_str()));
-    EXPECT_EQ(7, hash);
+    errno = 0;
+    EXPECT_EQ(-3, cvn_get_hash(&hash, path_of(4085).c_str())) << "it fits, and is not there";
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, cvn_get_hash(&hash, path_of(4086).c_str()));
+    EXPECT_EQ(0, hash);
+}
+
+TEST_F(CvnScan, CannotOpenAHashsPathThatIsTooLong) {
+    for (const size_t n : {size_t{4096}, size_t{5000}, size_t{100000}}) {
+        int32_t hash = 7;
+        errno = 0;
+        EXPECT_EQ(-3, cvn_get_hash(&hash, std::string(n, 'x').c_str())) << n;
+        EXPECT_EQ(ENAMETOOLONG, errno);
+        EXPECT_EQ(0, hash);
+    }
+}
+
+TEST_F(CvnScan, JudgesTheLengthOfAPathAfterItsSlashesAreNormalised) {
+    write_file(path_, bytes_);
+    const std::string slashes(10000, '/');
+    int32_t hash = 7;
+    EXPECT_EQ(0, cvn_get_hash(&hash, (dir_.str() + slashes + "t.cvn" + slashes).c_str()));
+    EXPECT_EQ(load<int32_t>(bytes_, bytes_.size() - 8), hash);
+    EXPECT_EQ(0, open_code(dir_.str() + slashes + "t.cvn" + slashes));
 }
 
 TEST_F(CvnScan, LeavesNoDescriptorBehind) {

@@ -291,8 +291,18 @@ TEST(MkdirP, FailsWhereAFileStandsInTheWay) {
     write_file(dir / "file", "x");
     EXPECT_EQ(-3, mkdir_p((dir / "file/sub").c_str()));
     EXPECT_EQ(0, mkdir_p((dir / "file").c_str())) << "something of that name exists";
-    EXPECT_EQ(-3, mkdir_p(""));
-    EXPECT_EQ(0, mkdir_p("/"));
+}
+
+TEST(MkdirP, IgnoresOneTrailingSlashEvenWhenNothingElseIsThere) {
+    for (const char* nothing : {"", "/"}) {
+        errno = 0;
+        EXPECT_EQ(-3, mkdir_p(nothing)) << nothing;
+        EXPECT_EQ(ENOENT, errno);
+    }
+    EXPECT_EQ(0, mkdir_p("//")) << "the root, which exists";
+    const temp_dir_t dir;
+    EXPECT_EQ(0, mkdir_p((dir / "a/").c_str()));
+    EXPECT_TRUE(fs::is_directory(dir / "a"));
 }
 
 }  // namespace

@@ -170,6 +170,7 @@ TEST(Mpool, CopiesAString) {
 TEST(Mpool, CopiesAtMostNCharacters) {
     mpool_t* mp = mpool_create();
     EXPECT_STREQ("abc", mpool_strndup(mp, "abcdef", 3));
+    EXPECT_STREQ("a", mpool_strndup(mp, "abcdef", 1));
     EXPECT_STREQ("", mpool_strndup(mp, "abcdef", 0));
     EXPECT_STREQ("", mpool_strndup(mp, "abcdef", -5));
     EXPECT_STREQ("abcdef", mpool_strndup(mp, "abcdef", 6));
@@ -237,6 +238,17 @@ TEST_F(MpoolDeathTest, EndsTheProcessWhenABlockWithABrokenHeaderIsDestroyed) {
         ::testing::ExitedWithCode(1), FATAL);
 }
 
+TEST_F(MpoolDeathTest, EndsTheProcessWhenABlockWithABrokenHeaderIsResized) {
+    for (const size_t nb : {size_t{1}, size_t{8}, size_t{9}, size_t{1} << 62})
+        EXPECT_EXIT(
+            {
+                item_of(block_)->magic = 1;
+                (void)mpool_realloc(mp_, block_, nb);
+            },
+            ::testing::ExitedWithCode(1), FATAL)
+            << nb;
+}
+
 TEST_F(MpoolDeathTest, EndsTheProcessOnEveryUseOfABrokenPool) {
     EXPECT_EXIT(
         {
@@ -260,6 +272,18 @@ TEST_F(MpoolDeathTest, EndsTheProcessOnEveryUseOfABrokenPool) {
         {
             mp_->magic = 0;
             (void)mpool_realloc(mp_, block_, 100);
+        },
+        ::testing::ExitedWithCode(1), FATAL);
+    EXPECT_EXIT(
+        {
+            mp_->magic = 0;
+            (void)mpool_realloc(mp_, block_, 8);  // which would have nothing to do
+        },
+        ::testing::ExitedWithCode(1), FATAL);
+    EXPECT_EXIT(
+        {
+            mp_->magic = 0;
+            (void)mpool_realloc(mp_, nullptr, 8);
         },
         ::testing::ExitedWithCode(1), FATAL);
     EXPECT_EXIT(
