@@ -4,17 +4,25 @@
  * each row group stored as one contiguous chunk per column, then a footer that describes everything and a
  * 16-byte trailer that locates the footer. docs/format.md decodes one byte by byte.
  *
- *   writing   cvn_create, cvn_create_column for every column, cvn_append for every row, cvn_close
- *   reading   cvn_scan_open, cvn_scan_add_required for every column wanted, cvn_scan_add_lens for every
- * condition, cvn_scan_add_fragment if the scan is shared, cvn_scan_next until it returns non-zero,
- * cvn_scan_close splitting cvnx_split turns a file into a directory of one file per column; cvn_scan_open
- * opens either
+ *   writing    cvn_create, cvn_create_column for every column, cvn_append for every row, cvn_close
+ *   reading    cvn_scan_open, cvn_scan_add_required for every column wanted, cvn_scan_add_lens for every
+ *              condition, cvn_scan_add_fragment if the scan is shared, cvn_scan_next until it returns
+ *              non-zero, cvn_scan_close
+ *   splitting  cvnx_split turns a file into a directory of one file per column; cvn_scan_open opens either
  *
- * Every function returns 0 on success or one of these codes, unless its comment says otherwise. Nothing is
- * printed, but for a corrupt memory pool (mpool.h). -1   an internal inconsistency; a formatted path or a
- * size does not fit; bad decimal or int128 text -2   out of memory -3   an operating-system call failed or
- * was short; errno is kept, and in the handle's os_errno -4   end of scan -5   unsupported column type -6
- * invalid argument, syntax or state -7   not a colvane file -10  invalid predicate
+ * Every function returns 0 on success or one of these codes, unless its comment says otherwise:
+ *
+ *    -1  an internal inconsistency; a formatted path or a size does not fit; bad decimal or int128 text
+ *    -2  out of memory
+ *    -3  an operating-system call failed or was short; errno is kept, and in the handle's os_errno
+ *    -4  end of scan
+ *    -5  unsupported column type
+ *    -6  invalid argument, syntax or state
+ *    -7  not a colvane file
+ *   -10  invalid predicate
+ *
+ * Results that are named `ret` or `ret_...` are cleared on entry and set only on success, unless the comment
+ * says otherwise. Nothing is printed, but for a corrupt memory pool (mpool.h).
  *
  * A handle belongs to one thread at a time; there is no global state. Files are hostile until proved
  * otherwise: what the reading functions hand out lies inside their buffers whatever the file holds. All
@@ -119,7 +127,7 @@ int cvn_typlen(cvn_typ_t typ);
 const char* cvn_typ_str(cvn_typ_t typ);
 
 /* Fills `*ret_datum` from text as the storage type of `typ` reads it: integers in base 0 (0x and leading-0
- * octal), text behind a number ignored, empty text zero; bool as an integer; int128 and decimals as in dec.h;
+ * octal), text after a number ignored, empty text zero; bool as an integer; int128 and decimals as in dec.h;
  * cstr and bytea borrow `s` (bytea with its NUL). An int32 that overflows is truncated, an int64 clamped; an
  * int16 out of range is refused. Returns 0, -6, or -1 for bad decimal or int128 text; `*ret_datum` is written
  * only on success. */
@@ -154,9 +162,9 @@ static_assert(sizeof(cvn_trailer_t) == CVN_TRAILER_SZ && offsetof(cvn_trailer_t,
  *    8  8  nrow        rows of the file
  *   16  8  nrowgroup   row groups
  *   24  4  coldefsz    bytes of the column definitions that follow: 136 * ncol
- *   28  4  colstatsz   bytes of the column statistics behind them: 112 * ncol
- *   32  8  rowgroupsz  bytes of the row-group records behind those: nrowgroup * (16 + 144 * ncol); not
- * consulted */
+ *   28  4  colstatsz   bytes of the column statistics after them: 112 * ncol
+ *   32  8  rowgroupsz  bytes of the row-group records after those: nrowgroup * (16 + 144 * ncol); readers do
+ *                      not consult it */
 typedef struct schema_desc_t {
     int32_t version;
     int32_t ncol;
@@ -199,7 +207,7 @@ static_assert(sizeof(colstat_t) == 112 && offsetof(colstat_t, hasminmax) == 8 &&
  *   13  1  nflag        the column's nflag
  *   14  1  unused1      0
  *   15  1  hasminmax    1 when minval and maxval are valid
- *   16  4  nbyte        bytes of the chunk, uncompressed: the values, then one bit a row
+ *   16  4  nbyte        bytes of the chunk, uncompressed: the values, then one bit per row
  *   20  4  zbyte        bytes stored; below nbyte exactly when compressed
  *   24  4  nnull        NULL rows
  *   28  4  nmapoff      where the null bitmap begins in the uncompressed chunk
@@ -286,14 +294,15 @@ static_assert(offsetof(cvn_page_t, cno) == 4 && offsetof(cvn_page_t, nrow) == 12
 
 /* The values of one column in the row group under way. Owned by the writer. */
 typedef struct colbuf_t {
-    int nrow;   /* rows */
-    int nnull;  /* NULL rows among them */
-    int imax;   /* where the maximum is: element index, for cstr the text's byte offset; -1 when there is none
-                 */
-    int imin;   /* where the minimum is */
-    int bufmax; /* capacity of buf, bytes */
-    int buftop; /* bytes of buf in use */
-    char* buf;  /* encoded values; owned */
+    int nrow;  /* rows */
+    int nnull; /* NULL rows among them */
+    /* Where the maximum and the minimum are: element index, for cstr the text's byte offset; -1 when there is
+     * none. Found when the row group is written. */
+    int imax;
+    int imin;
+    int bufmax;                           /* capacity of buf, bytes */
+    int buftop;                           /* bytes of buf in use */
+    char* buf;                            /* encoded values; owned */
     char nmap[CVN_MAX_ROWGROUP_NROW / 8]; /* null bitmap */
 } colbuf_t;
 
@@ -332,9 +341,9 @@ int cvn_create(cvn_t** ret, const char* fpath);
 int cvn_create_stream(cvn_t** ret, FILE* fp);
 
 /* Parses a column-definition string: definitions parted by commas, each NAME TYPE [-z] [-n], where NAME may
- * stand in double quotes (no escapes). `*ret_cdef` is one array for the caller to free(); both results are
- * cleared on entry and set only on success. The last definition may be incomplete (empty name, type 0), and duplicate names are
- * not detected. Returns 0, -2, or -6 for bad syntax. */
+ * stand in double quotes (no escapes). `*ret_cdef` is one array for the caller to free(). The last definition
+ * may be incomplete (empty name, type 0), and duplicate names are not detected. Returns 0, -2, or -6 for bad
+ * syntax. */
 int cvn_coldef_parse(cvn_coldef_t** ret_cdef, int* ret_ncdef, const char* defstr);
 
 /* Declares the next column, before the first row. `name` is copied. Returns 0, -5 unsupported type, -6 rows
@@ -395,8 +404,8 @@ enum {
 
 /* A scan of one file or one split directory. Its fields are for reading only. The pointers into `schema_buf`
  * lead to records that are aligned when the file's sizes are the regular ones; in a damaged file they may lie
- * anywhere inside the buffer, so copy a record out (cvn_scan_colstat, cvn_scan_colmeta) before looking at it.
- */
+ * anywhere inside the buffer, so a record is copied out (cvn_scan_colstat, cvn_scan_colmeta) before it is
+ * looked at. */
 typedef struct cvn_scan_t {
     int fd;           /* the data file, or meta.cvnx in split mode; -1 once closed */
     char* fpath;      /* the path, normalised; owned */
@@ -453,8 +462,8 @@ int cvn_scan_coldef(int* ncol, const cvn_coldef_t** coldef, cvn_scan_t* sc);
 /* Returns the rows of row group `rg`, or -1 when there is no such row group. */
 int64_t cvn_scan_get_rowgroup_size(cvn_scan_t* scan, int64_t rg);
 
-/* Copy one footer record out, wherever it lies. Return 0, or -6 when there is no such column or row group; the
- * result is then all zeros. */
+/* Copy one footer record out, wherever it lies. Return 0, or -6 when there is no such column or row group;
+ * the result is then zeros. */
 int cvn_scan_colstat(cvn_scan_t* scan, int cno, colstat_t* ret_colstat);
 int cvn_scan_colmeta(cvn_scan_t* scan, int64_t rg, int cno, colmeta_t* ret_colmeta);
 
@@ -467,12 +476,12 @@ CVN_INLINE bool cvn_page_in_file(const colmeta_t* m, int64_t filesz) {
 
 /* Says where the stored page of column `cno` in row group `rg` lies, for callers that read it themselves.
  *
- * ret_fd       the descriptor to read from. It belongs to the scan, which closes it (cvn_scan_close); use pread.
+ * ret_fd       the descriptor to read from, with pread. It belongs to the scan, which closes it.
  * ret_colmeta  the page's record: its `zbyte` bytes at `file_offset` were just seen to be in that file.
  *
- * The column need not be a required one. Both results are cleared on entry, to -1 and to zeros, and set only on
- * success. Returns 0, -6 when there is no such column or row group, -3 when the column's file of a split
- * directory cannot be opened (errno kept) or the page does not lie in its file (errno 0), -1 path too long. */
+ * The column need not be a required one. The results are cleared to -1 and to zeros. Returns 0, -6 when there
+ * is no such column or row group, -3 when the column's file of a split directory cannot be opened (errno
+ * kept) or the page does not lie in its file (errno 0), -1 path too long. */
 int cvn_scan_locate(cvn_scan_t* scan, int64_t rg, int cno, int* ret_fd, colmeta_t* ret_colmeta);
 
 /* Names a column to be read; pages come in the order of these calls. Returns 0, or -6: no such column, a
@@ -516,13 +525,13 @@ int cvn_scan_page(cvn_scan_t* scan, int64_t rg, int k, cvn_page_t** ret_page, bo
 int cvn_scan_close(cvn_scan_t* scan);
 
 /* Fills `*fstat` for a file or split directory. Returns 0, the codes of cvn_scan_open, or -7 when a row
- * group's own column count leads outside the footer. */
+ * group's own column count leads outside the footer. `*fstat` is written only on success. */
 int cvn_filestat(cvn_filestat_t* fstat, const char* fpath);
 
-/* Stores the footer hash that the trailer holds, without reading the footer. The path may name a directory that
- * cvnx_split wrote, and is normalised as by cvn_scan_open. `*ret_hash` is cleared on entry and set only on
- * success. Returns 0, -3 when it cannot be opened (errno kept), -7 not a colvane file, -1 when a directory's
- * normalised path leaves no room for "/meta.cvnx" within 4095 characters. */
+/* Stores the footer hash that the trailer holds, without reading the footer. The path may name a directory
+ * that cvnx_split wrote, and is normalised as by cvn_scan_open. Returns 0, -3 when it cannot be opened (errno
+ * kept), -7 not a colvane file, -1 when a directory's normalised path leaves no room for "/meta.cvnx" within
+ * 4095 characters. */
 int cvn_get_hash(int32_t* ret_hash, const char* orig_fpath);
 
 /* Decides whether rows with these statistics may match a predicate: 1 they may, 0 they cannot, -6 the type

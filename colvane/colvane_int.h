@@ -18,7 +18,7 @@ constexpr int CVN_STORAGE_MAX = 11;
 // The chunk rules of the writer.
 constexpr int CVN_MAX_ROWGROUP_NBYTE = 33554432;  // value bytes after which a row group is cut
 constexpr int CVN_COLBUF_INITSZ = 1048576;        // first capacity of a column buffer
-constexpr int CVN_COLBUF_SLACK = 32;              // behind it, so that texts can be searched by blocks
+constexpr int CVN_COLBUF_SLACK = 32;              // after it, so that texts can be searched by blocks
 constexpr int CVN_MIN_COMPRESS_NBYTE = 4096;      // smaller chunks are stored as they are
 // The bytes of a cstr that statistics keep; a longer text is cut without a NUL.
 constexpr size_t CVN_STAT_TEXTSZ = 40;
@@ -66,7 +66,7 @@ bool cvn_value_below(int storage, const char* a, const char* b, size_t textmax);
 
 // Finds where the smallest and the largest of a column buffer's values that are not NULL lie, the first of
 // equal ones, as element index or, for cstr, as byte offset. Both are -1 when there is none, and for bytea.
-// `buf` has CVN_COLBUF_SLACK readable bytes behind its values.
+// `buf` has CVN_COLBUF_SLACK readable bytes after its values.
 void cvn_find_minmax(int* ret_imin, int* ret_imax, int storage, const char* buf, int nrow, int nnull,
                      const char* nmap);
 

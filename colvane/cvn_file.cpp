@@ -90,8 +90,8 @@ static int cvn_scan_open_err(int code, cvn_scan_t* sc) {
 // up and everything that they lead to is there.
 //
 // This judges a damaged footer more strictly than finding its row groups would need: their records alone must
-// end where the footer does, but definitions and statistics are used as well, and those of a column count that
-// the footer does not bear would be read beyond it. To a caller either is a footer that is not consistent.
+// end where the footer does, but definitions and statistics are used as well, and those of a column count
+// that the footer does not bear would be read beyond it. To a caller both are footers that do not add up.
 static bool footer_geometry(geometry_t* ret, const schema_desc_t* schema, int64_t footersz) {
     geometry_t g{};
     int64_t end = 0, colstatsz = 0, coldefsz = 0;
@@ -164,7 +164,7 @@ static int read_footer(cvn_scan_t* sc) {
     }
     if (trailer.footersz < CVN_SCHEMASZ) return -7;
     // Placed so that the records of a consistent file are aligned: its statistics lie at 16 k + 8 in the
-    // footer when it has an even number of columns, and then its size is 8 modulo 16. The NUL behind the
+    // footer when it has an even number of columns, and then its size is 8 modulo 16. The NUL after the
     // footer ends what is taken for a string in a damaged one.
     const int64_t shift = trailer.footersz % 8 == 0 ? trailer.footersz % 16 : 0;
     auto* block =
@@ -343,7 +343,7 @@ static void add_sizes(sums_t* sums, const char* colmeta) {
 
 // The sums for row groups that claim more columns than the file has. Their records run into those of later
 // row groups, so adding them up one by one could take the square of the footer's size. Instead a table holds,
-// for every place where a record can begin (multiples of 16 behind the first), the sums from there to the end
+// for every place where a record can begin (multiples of 16 after the first), the sums from there to the end
 // in steps of one record; each row group is then the difference of two entries.
 static int sum_overlapping(sums_t* ret, cvn_scan_t* scan) {
     const char* base = reinterpret_cast<const char*>(scan->rowgroup[0]);
@@ -425,14 +425,16 @@ int cvn_get_hash(int32_t* ret_hash, const char* orig_fpath) {
     }
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return -3;
-    // What cannot be read stays zero, and zero is neither magic. Of the trailer only the hash and the magic are
-    // wanted, so a file of 16 bytes has them.
+    // What cannot be read stays zero, and zero is neither magic. Of the trailer only the hash and the magic
+    // are wanted, so a file of 16 bytes has them.
     char head[CVN_HEAD_SZ] = {};
     cvn_trailer_t trailer{};
-    constexpr int64_t TAILSZ = CVN_TRAILER_SZ - offsetof(cvn_trailer_t, hash);
+    constexpr int64_t TAIL = offsetof(cvn_trailer_t, hash);
+    constexpr int64_t TAILSZ = CVN_TRAILER_SZ - TAIL;
     (void)cvn_pread_full(fd, head, sizeof(head), 0);
     const int64_t end = lseek(fd, 0, SEEK_END);
-    if (end >= TAILSZ) (void)cvn_pread_full(fd, &trailer.hash, TAILSZ, end - TAILSZ);
+    if (end >= TAILSZ)
+        (void)cvn_pread_full(fd, reinterpret_cast<char*>(&trailer) + TAIL, TAILSZ, end - TAILSZ);
     close(fd);
     if (memcmp(head, CVN_HEAD_MAGIC, sizeof(head)) != 0 ||
         memcmp(trailer.magic, CVN_TAIL_MAGIC, sizeof(trailer.magic)) != 0)

@@ -2,7 +2,7 @@
 //
 // The checked decoder decides nearly always, and is also several times faster than the other one. What it
 // refuses is put to LZ4_decompress_fast, which knows no input length and whose consumed length is what the
-// format is defined by: it accepts a few blocks more. It gets a copy of the block that is zero-filled behind
+// format is defined by: it accepts a few blocks more. It gets a copy of the block that is zero-filled after
 // the data up to the size that no block of this output size can exceed, so whatever it is led to read lies
 // inside the copy.
 
@@ -22,8 +22,7 @@ int cvn_lz4_decode(char* dst, int32_t nbyte, const char* src, int32_t zbyte) {
     if (LZ4_decompress_safe(src, dst, zbyte, nbyte) == nbyte) return 0;
 
     const int bound = LZ4_compressBound(nbyte);
-    // Length bytes run on while they are 255, so a run at the end of the data needs its zero byte behind it
-    // as well.
+    // Length bytes run on while they are 255, so a run at the end of the data needs its zero byte as well.
     const size_t copysz = static_cast<size_t>(std::max(bound, zbyte)) + LZ4_COMPRESSBOUND(0);
     auto* copy = static_cast<char*>(calloc(1, copysz));
     if (!copy) return -2;

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int CVN_READ_AHEAD = 4;  // row groups beyond the next one that the kernel is told of
-// What a page takes beside its body: the size of cvn_page_t.
+// What a page takes besides its body.
 constexpr int64_t CVN_PAGE_SLOT = sizeof(cvn_page_t);
 static_assert(CVN_PAGE_SLOT == 44);
 
@@ -54,13 +54,13 @@ static int64_t body_size(const colmeta_t* m, bool uncompress) {
     return uncompress ? std::max(m->nbyte, m->zbyte) : m->zbyte;
 }
 
-// Pages lie 8 behind a multiple of 16, so that bodies, 40 bytes on, lie on one.
+// Pages lie 8 after a multiple of 16, so that bodies, 40 bytes on, lie on one.
 static int64_t slot_size(int64_t bodysz) { return (CVN_PAGE_SLOT + bodysz + 15) & ~int64_t{15}; }
 
 // What the pages of a row group take.
 struct plan_t {
     int npage;          // pages to read, all of them unless one is refused
-    int code;           // why the page behind them is refused; 0 when none is
+    int code;           // why the page after them is refused; 0 when none is
     int64_t slabsz;     // bytes of the pages
     int64_t largest;    // bytes of the largest of them
     int64_t scratchsz;  // stored bytes of the largest compressed one

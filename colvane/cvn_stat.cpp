@@ -172,7 +172,7 @@ void minmax_dec128(int* ret_imin, int* ret_imax, const char* buf, int nrow, cons
     }
 }
 
-// The first eight bytes of a text as a number that orders like strcmp, bytes behind the NUL cleared. `*ended`
+// The first eight bytes of a text as a number that orders like strcmp, bytes after the NUL cleared. `*ended`
 // tells that the NUL is among them, so that equal keys mean equal texts.
 inline uint64_t text_key(const char* p, bool* ended) {
     uint64_t v = load<uint64_t>(p);
@@ -182,8 +182,7 @@ inline uint64_t text_key(const char* p, bool* ended) {
     return __builtin_bswap64(v);
 }
 
-// Walks the texts sixteen bytes at a time; the buffer has CVN_COLBUF_SLACK readable bytes behind its last
-// text.
+// Walks the texts sixteen bytes at a time; the buffer has CVN_COLBUF_SLACK readable bytes after its last one.
 void minmax_text(int* ret_imin, int* ret_imax, const char* buf, int nrow, int nnull, const char* nmap) {
     const __m128i nul = _mm_setzero_si128();
     uint64_t lo_key = 0, hi_key = 0;

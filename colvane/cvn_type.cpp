@@ -24,7 +24,7 @@ constexpr typ_name_t TYP_NAMES[] = {
     {"dec64", CVN_TYP_DEC64},   {"dec128", CVN_TYP_DEC128},
 };
 
-// Indexed by storage type: bytes a value takes, or the markers -1 (bytea) and -2 (cstr).
+// By storage type: how many bytes a value takes, or the markers -1 (bytea) and -2 (cstr).
 constexpr int8_t TYP_LEN[CVN_STORAGE_MAX + 1] = {0, 1, 2, 4, 8, 16, 4, 8, -1, -2, 8, 16};
 
 }  // namespace

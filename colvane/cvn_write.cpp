@@ -35,7 +35,7 @@ struct colinfo_t {
     int64_t need;   // bytes that the value of the row under way takes
 };
 
-// The handle that callers see, and what stays behind it.
+// The handle as callers see it, and what they do not.
 struct writer_t {
     cvn_t pub;             // first: a cvn_t* is a writer_t*
     colinfo_t* info;       // one per column; owned by the pool
@@ -133,9 +133,8 @@ static int ensure_space(mpool_t* pool, char** buf, int* bufsz, int nbyte) {
     return 0;
 }
 
-// Compresses the assembled chunk if that saves enough. Returns the stored size in `*ret_zbyte` and the stored
-// bytes in
-// `*ret_stored`: a fifth must be saved in columns declared with -z, half in all others.
+// Compresses the assembled chunk if that saves enough: a fifth in columns declared with -z, half in all
+// others. Returns the stored size in `*ret_zbyte` and the stored bytes in `*ret_stored`.
 static int compress_chunk(cvn_t* sp, int nbyte, bool zflag, int* ret_zbyte, const char** ret_stored) {
     *ret_zbyte = nbyte;
     *ret_stored = sp->zbuf.src;
@@ -423,8 +422,8 @@ static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull
 
 static int64_t room_of(const colbuf_t* cb) { return cb->bufmax - cb->buftop; }
 
-// Reserves the first `ncol` values of the row one by one, cutting the row group before the first one that does
-// not fit in.
+// Reserves the first `ncol` values of the row one by one, cutting the row group before the first one that
+// does not fit in.
 static int reserve_slowly(writer_t* w, int ncol) {
     cvn_t* sp = &w->pub;
     w->fixed_room = 0;  // buffers may change

@@ -234,8 +234,8 @@ static bool dec64_from_digits(decDouble* d, const char* s) {
     const bool negative = *s == '-';
     if (*s == '-' || *s == '+') s++;
     uint64_t coeff = 0;
-    int ndigit = 0;      // digits behind the leading zeros
-    int nfraction = -1;  // digits behind the point; -1 before it
+    int ndigit = 0;      // digits after the leading zeros
+    int nfraction = -1;  // digits after the point; -1 before it
     bool any = false;
     for (;; s++) {
         const unsigned digit = static_cast<unsigned>(*s) - '0';

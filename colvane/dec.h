@@ -80,15 +80,15 @@ bool cvn_dec128_isnan(const decQuad* d);
  * bytes; negative values in two's complement. Returns 0. */
 int cvn_int128_to_string(char* buf, cvn_int128_t v);
 
-/* Reads what cvn_int128_to_string writes ("0X" is accepted, and anything behind the 34th character ignored).
+/* Reads what cvn_int128_to_string writes ("0X" is accepted, and anything after the 34th character ignored).
  * Returns 0 or -1. On a failure in the low half the high half has already been stored. */
 int cvn_int128_from_string(cvn_int128_t* p, const char* buf);
 
 #ifdef __cplusplus
 }
 
-/* The same for C++ callers that hold values rather than pointers. They are overloads, so they have C++ linkage
- * even where this header is included inside a block of C linkage. */
+/* The same for C++ callers that hold values rather than pointers. They are overloads, so they have C++
+ * linkage even where this header is included inside a block of C linkage. */
 extern "C++" {
 inline int cvn_dec64_to_string(char* buf, const decDouble& d) { return cvn_dec64_to_string(buf, &d); }
 inline int cvn_dec128_to_string(char* buf, const decQuad& d) { return cvn_dec128_to_string(buf, &d); }

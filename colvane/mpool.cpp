@@ -1,4 +1,4 @@
-// mpool: a doubly linked list of blocks, each behind a header with a magic value. One system allocation a
+// mpool: a doubly linked list of blocks, each after a header with a magic value. One system allocation per
 // block and a constant-time free; the header is found by stepping back from the caller's pointer.
 
 #include "colvane/mpool.h"

@@ -22,7 +22,7 @@ extern "C" {
 typedef struct mpool_item_t mpool_item_t;
 typedef struct mpool_t mpool_t;
 
-/* The header in front of every block; the caller's bytes follow it directly. Its size is a multiple of 16, so
+/* The header before every block; the caller's bytes follow it directly. Its size is a multiple of 16, so
  * they are aligned to 16. Blocks form a doubly linked list, newest first. */
 struct mpool_item_t {
     int64_t magic;      /* MPOOL_MAGIC */
@@ -58,7 +58,7 @@ void* mpool_realloc(mpool_t* mp, void* ptr, size_t nb);
 char* mpool_strdup(mpool_t* mp, const char* str);
 
 /* Returns a pooled copy of at most `n` characters of `str`, always NUL-terminated, or null without memory.
- * Bytes behind the n-th are not looked at. */
+ * Bytes after the n-th are not looked at. */
 char* mpool_strndup(mpool_t* mp, const char* str, int n);
 
 /* Releases every block; the pool stays usable. */

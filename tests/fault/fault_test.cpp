@@ -473,7 +473,7 @@ TEST_F(Fault, EveryFailedWriteIsReported) {
 }
 
 // The write that a negative length's columns cause fails; the stream is a caller's, so nothing is removed.
-TEST_F(Fault, AFailedWriteComesBeforeANegativeLengthBehindIt) {
+TEST_F(Fault, AFailedWriteIsReportedRatherThanTheNegativeLengthAfterIt) {
     FILE* fp = fopen(path_.c_str(), "wb");
     ASSERT_NE(nullptr, fp);
     cvn_t* w = nullptr;
@@ -692,7 +692,7 @@ TEST_F(Fault, SplitOfAFileWithoutColumnsReportsEveryFailedWrite) {
 TEST_F(Fault, SplitEndsSilentlyWhenAPageCannotBeRead) {
     for (const wrap::mode_t mode : {wrap::FAIL, wrap::SHORT}) {
         const std::string out = dir_ / "out";
-        wrap::fail_nth(wrap::PREAD, 4, EIO, mode);  // the first page, behind head, trailer and footer
+        wrap::fail_nth(wrap::PREAD, 4, EIO, mode);  // the first page, after head, trailer and footer
         EXPECT_EQ(0, cvnx_split(out.c_str(), GROUPS.c_str()));
         EXPECT_TRUE(wrap::disarm());
         EXPECT_EQ((std::vector<std::string>{"0.cvnx", "1.cvnx"}), names_in(out));

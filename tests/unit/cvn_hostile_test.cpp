@@ -208,7 +208,7 @@ TEST_F(CvnHostile, RefusesColumnDefinitionsThatRunOutOfTheFooter) {
 }
 
 TEST_F(CvnHostile, RefusesSizesThatOnlyCompensateEachOther) {
-    // The sums match, but the statistics would begin before the footer or end behind it.
+    // The sums match, but the statistics would begin before the footer or end after it.
     const layout_t at(GROUPS);
     struct row_t {
         int32_t coldefsz, colstatsz;
@@ -313,7 +313,7 @@ TEST_F(CvnHostile, TakesBoundedMemoryForPagesThatAllLieOverEachOther) {
 }
 
 TEST_F(CvnHostile, AddsUpRowGroupsThatClaimEachOthersRecordsInOnePass) {
-    // 2000 row groups that each claim all records behind them: one by one that would be two million records.
+    // 2000 row groups that each claim all records after them: one by one that would be two million records.
     std::string file = "CVN1IX86", metas;
     const int32_t ngroup = 2000;
     for (int32_t g = 0; g < ngroup; ++g) {

@@ -104,7 +104,7 @@ TEST(CvnRoundTrip, GivesBackValuesLargerThanARowGroup) {
     expect_round_trip(t);
 }
 
-TEST(CvnRoundTrip, KeepsCountingBehindAFirstRowThatOverflowsAnEmptyRowGroup) {
+TEST(CvnRoundTrip, KeepsCountingAfterAFirstRowThatOverflowsAnEmptyRowGroup) {
     // Kept: there is nothing to write when the first row alone exceeds 32 MiB, so the count stays and the
     // second row cuts.
     table_t t{{{"t", CVN_TYP_CSTR}}, {{text(std::string(33 << 20, 'x')), text("a"), text("b"), text("c")}}};

@@ -278,7 +278,7 @@ TEST_F(CvnScan, RefusesAColumnTwiceOrUnknown) {
     EXPECT_EQ(2, sc->nreqcol);
 }
 
-TEST_F(CvnScan, RefusesAColumnBehindAPredicateOrTheStart) {
+TEST_F(CvnScan, RefusesAColumnAfterAPredicateOrTheStart) {
     cvn_datum_t d{};
     const scan_t sc(groups_);
     ASSERT_EQ(0, cvn_scan_add_required(sc, "n"));

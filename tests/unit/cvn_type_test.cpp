@@ -96,7 +96,7 @@ bool untouched(const cvn_datum_t& d) {
     return memcmp(&d, &pattern, sizeof(d)) == 0;
 }
 
-// The datum holds `image` and zeros behind it.
+// The datum holds `image` and zeros after it.
 template <typename T>
 bool holds(const cvn_datum_t& d, T image) {
     char want[48] = {};

@@ -360,7 +360,7 @@ TEST_F(CvnWrite, WritesTheRowGroupThatTheColumnsBeforeANegativeLengthFill) {
     d[2].a.len = -1;
     EXPECT_EQ(-6, cvn_append(w_, 4, d, null));
     EXPECT_EQ(1, w_->nrowgroup) << "the text of the refused row did not fit in";
-    EXPECT_EQ(8, w_->rgcur_nbyte) << "the number behind the cut; the text before it is forgotten";
+    EXPECT_EQ(8, w_->rgcur_nbyte) << "the number after the cut; the text before it is forgotten";
     EXPECT_EQ(1, w_->nrow);
     EXPECT_NE(0, w_->drop_file);
     const int64_t written = w_->fp_offset;
@@ -410,8 +410,8 @@ TEST_F(CvnWrite, RefusesAValueWithoutColumns) {
     }
 }
 
-// A buffer of `nbyte` bytes that takes a mebibyte of memory: the same random mebibyte again and again, which the
-// compressor, looking back 64 KiB, does not find again.
+// Many mebibytes that take one of memory: the same random one again and again. The compressor, which looks
+// back 64 KiB, does not find it again.
 class repeated_t {
  public:
     explicit repeated_t(size_t nmebibyte) : nmebibyte_(nmebibyte) {
@@ -437,8 +437,8 @@ class repeated_t {
     char* data_;
 };
 
-// Byte strings of 432 MiB put where a row's values are collected; five of them are beyond 2 GiB by a little, and
-// compress by nothing. The buffers are not the pool's, but closing only reads them.
+// Byte strings of 432 MiB put where a row's values are collected; five of them are beyond 2 GiB by a little,
+// and compress by nothing. The buffers are not the pool's, but closing only reads them.
 TEST_F(CvnWrite, RefusesARowGroupBeyond2GibibytesBeforeItWritesAChunk) {
     constexpr int NCOL = 5;
     constexpr size_t NMEBIBYTE = 432;

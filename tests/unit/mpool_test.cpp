@@ -179,7 +179,7 @@ TEST(Mpool, CopiesAtMostNCharacters) {
     mpool_destroy(mp);
 }
 
-TEST(Mpool, ReadsNoByteBehindTheNth) {
+TEST(Mpool, ReadsNoByteAfterTheNth) {
     mpool_t* mp = mpool_create();
     std::vector<char> exact = {'x', 'y', 'z'};  // no NUL; the address sanitizer watches its end
     EXPECT_STREQ("xyz", mpool_strndup(mp, exact.data(), 3));
