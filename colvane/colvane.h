@@ -467,8 +467,8 @@ int64_t cvn_scan_get_rowgroup_size(cvn_scan_t* scan, int64_t rg);
 int cvn_scan_colstat(cvn_scan_t* scan, int cno, colstat_t* ret_colstat);
 int cvn_scan_colmeta(cvn_scan_t* scan, int64_t rg, int cno, colmeta_t* ret_colmeta);
 
-/* Whether the stored bytes of the page that `m` describes all lie in a file of `filesz` bytes. A page without
- * stored bytes lies in every file, wherever its offset points; a negative size or offset lies in none. */
+/* Whether the stored bytes of the page that `m` describes all lie in a file of `filesz` bytes. A negative
+ * size or offset lies in none; a page without stored bytes lies in every file, at any offset from 0. */
 CVN_INLINE bool cvn_page_in_file(const colmeta_t* m, int64_t filesz) {
     return m->zbyte >= 0 && m->file_offset >= 0 &&
            (m->zbyte == 0 || (m->file_offset <= filesz && m->zbyte <= filesz - m->file_offset));
@@ -520,6 +520,15 @@ int cvn_scan_rowgroup(cvn_scan_t* scan, int64_t rg, int* ret_ncol, cvn_page_t***
  * (counted from 0) of a row group; it lives until the next read. Codes as cvn_scan_rowgroup. */
 int cvn_scan_next_rowgroup(cvn_scan_t* scan, int64_t* ret_rg);
 int cvn_scan_page(cvn_scan_t* scan, int64_t rg, int k, cvn_page_t** ret_page, bool uncompress);
+
+/* How far LZ4 can expand a block: more than this times its size never comes out. */
+#define CVN_LZ4_MAX_RATIO 255
+
+/* Decompresses the body of a page that is stored compressed, for callers that have only the page: one LZ4
+ * block of `zbyte` bytes at `src` into exactly `nbyte` bytes at `dst`. Neither buffer is left, whatever the
+ * block holds, and `dst` holds nothing of use after a failure. Returns 0, -6 when the block does not come out
+ * so or not 0 < zbyte < nbyte, or -2. */
+int cvn_lz4_decode(char* dst, int32_t nbyte, const char* src, int32_t zbyte);
 
 /* Closes the scan and frees all that it handed out. Returns 0. */
 int cvn_scan_close(cvn_scan_t* scan);

@@ -1,16 +1,31 @@
 // Shared by the sources of the library, never installed: arithmetic that cannot overflow, records read out of
 // unaligned footers, and the steps that one source does for another.
-#pragma once
+#ifndef COLVANE_COLVANE_INT_H
+#define COLVANE_COLVANE_INT_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
 
 #include <bit>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
+#include <type_traits>
 
 #include "colvane/colvane.h"
 
+// A namespace of its own, so that none of these names can meet one of the program that links the library.
+namespace colvane {
+
 // Files are images of these records, so the host's byte order is the format's.
 static_assert(std::endian::native == std::endian::little);
+
+// The header asserts their layout for both languages; C++ can tell more: they may be copied as bytes, and
+// initialising one of the first three leaves no byte of it to chance. The other records hold datums, whose
+// unused bytes are cleared by hand.
+static_assert(std::has_unique_object_representations_v<schema_desc_t> &&
+              std::has_unique_object_representations_v<cvn_coldef_t> &&
+              std::has_unique_object_representations_v<cvn_trailer_t>);
+static_assert(std::is_trivially_copyable_v<colstat_t> && std::is_trivially_copyable_v<colmeta_t> &&
+              std::is_trivially_copyable_v<rowgroup_t> && std::is_trivially_copyable_v<cvn_page_t>);
 
 // The largest storage type (dec128).
 constexpr int CVN_STORAGE_MAX = 11;
@@ -134,13 +149,6 @@ constexpr int64_t CVN_HUGE_PAGE = 2097152;
 // file (errno 0). An interrupted read is tried again.
 [[nodiscard]] bool cvn_pread_full(int fd, void* buf, size_t nbyte, int64_t offset);
 
-// Decompresses one stored LZ4 block of `zbyte` bytes into exactly `nbyte` bytes at `dst`, with zbyte < nbyte.
-// Returns 0, -6 when the block does not come out so, or -2. Neither buffer is left, whatever the block holds.
-[[nodiscard]] int cvn_lz4_decode(char* dst, int32_t nbyte, const char* src, int32_t zbyte);
-
-// How far LZ4 can expand a block: more than this times its size never comes out.
-constexpr int CVN_LZ4_MAX_RATIO = 255;
-
 // Copies `path` into `buf` with "//" turned into "/" and one trailing "/" removed. strlen(path) + 1 bytes are
 // always enough. False when the result does not fit; `buf` then holds nothing of use.
 [[nodiscard]] bool cvn_normalise_path(char* buf, size_t bufsz, const char* path);
@@ -151,3 +159,6 @@ int cvn_scan_find_column(const cvn_scan_t* scan, const char* cname);
 // Applies all predicates to the file's statistics, or to those of one row group. 1, 0 or a negative code.
 int qualify_file(cvn_scan_t* scan);
 int qualify_rowgroup(cvn_scan_t* scan, int rg);
+
+}  // namespace colvane
+#endif

@@ -3,12 +3,14 @@
 // The text is cut into words first, so that quotes, commas and white space mean the same wherever they stand;
 // then the words fill the definitions in order.
 
-#include <cctype>
-#include <cstdlib>
-#include <cstring>
+#include <ctype.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 

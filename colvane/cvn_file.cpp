@@ -5,20 +5,22 @@
 // function proves that its parts lie inside the buffer; records are then copied out before use wherever a
 // damaged file may have put them off alignment.
 
+#include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 
@@ -35,7 +37,7 @@ struct geometry_t {
 
 }  // namespace
 
-bool cvn_pread_full(int fd, void* buf, size_t nbyte, int64_t offset) {
+bool colvane::cvn_pread_full(int fd, void* buf, size_t nbyte, int64_t offset) {
     char* p = static_cast<char*>(buf);
     errno = 0;
     while (nbyte > 0) {
@@ -53,7 +55,7 @@ bool cvn_pread_full(int fd, void* buf, size_t nbyte, int64_t offset) {
     return true;
 }
 
-bool cvn_normalise_path(char* buf, size_t bufsz, const char* path) {
+bool colvane::cvn_normalise_path(char* buf, size_t bufsz, const char* path) {
     // One byte more than is kept: the last "/" needs its place before it is seen to be the last.
     size_t len = 0;
     for (const char* p = path; *p; p++) {
@@ -67,13 +69,13 @@ bool cvn_normalise_path(char* buf, size_t bufsz, const char* path) {
     return true;
 }
 
-void cvn_advise_large(char* block, int64_t nbyte) {
-    constexpr uintptr_t MASK = ~uintptr_t{CVN_HUGE_PAGE - 1};
-    const uintptr_t start = (reinterpret_cast<uintptr_t>(block) + CVN_HUGE_PAGE - 1) & MASK;
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + static_cast<uintptr_t>(nbyte)) & MASK;
-    if (end <= start) return;
+void colvane::cvn_advise_large(char* block, int64_t nbyte) {
+    constexpr int64_t PART = CVN_HUGE_PAGE - 1;
+    const auto before = static_cast<int64_t>(-reinterpret_cast<uintptr_t>(block) & PART);
+    const int64_t whole = (nbyte - before) & ~PART;
+    if (whole <= 0) return;
     const int saved = errno;
-    (void)madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);  // a hint
+    (void)madvise(block + before, static_cast<size_t>(whole), MADV_HUGEPAGE);  // a hint
     errno = saved;
 }
 
@@ -275,7 +277,7 @@ int cvn_scan_colmeta(cvn_scan_t* scan, int64_t rg, int cno, colmeta_t* ret_colme
     return 0;
 }
 
-int cvn_scan_find_column(const cvn_scan_t* scan, const char* cname) {
+int colvane::cvn_scan_find_column(const cvn_scan_t* scan, const char* cname) {
     const size_t len = strlen(cname);
     if (len >= CVN_NAME_SZ) return -1;  // a name that fills its field has no NUL, and equals nothing
     for (int c = 0; c < scan->schema->ncol; c++)
@@ -285,7 +287,7 @@ int cvn_scan_find_column(const cvn_scan_t* scan, const char* cname) {
 
 // Where pages lie.
 
-int cvn_scan_open_column(cvn_scan_t* scan, int c) {
+int colvane::cvn_scan_open_column(cvn_scan_t* scan, int c) {
     if (scan->split_fd[c] >= 0) return 0;
     if (snprintf(scan->split_path, static_cast<size_t>(scan->split_pathsz), "%s/%d.cvnx", scan->fpath, c) >=
         scan->split_pathsz)

@@ -1,24 +1,25 @@
 // cvn_lens: predicates, which look at statistics only and decide what need not be read.
 
-#include <algorithm>
-#include <cstring>
+#include <string.h>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 
 // How many characters of a text comparison count when the constant is longer than that.
 constexpr size_t LENS_TEXTMAX = 39;
 
+}  // namespace
+
 template <typename T>
-T load(const void* p) {
+static T load(const void* p) {
     T v;
     memcpy(&v, p, sizeof(T));
     return v;
 }
-
-}  // namespace
 
 // Registering.
 
@@ -212,7 +213,7 @@ int qualify(lens_t* ln, cvn_typ_t typ, int64_t nrow, int64_t nnull, cvn_datum_t*
     }
 }
 
-int qualify_file(cvn_scan_t* scan) {
+int colvane::qualify_file(cvn_scan_t* scan) {
     for (int i = 0; i < scan->nlens; i++) {
         const int cno = scan->lens[i].cno;
         colstat_t stat;
@@ -225,7 +226,7 @@ int qualify_file(cvn_scan_t* scan) {
     return 1;
 }
 
-int qualify_rowgroup(cvn_scan_t* scan, int rg) {
+int colvane::qualify_rowgroup(cvn_scan_t* scan, int rg) {
     for (int i = 0; i < scan->nlens; i++) {
         const int cno = scan->lens[i].cno;
         colmeta_t meta;

@@ -9,12 +9,12 @@
 // The unchecked decoder is deprecated for its missing input length; see above.
 #define LZ4_DISABLE_DEPRECATE_WARNINGS
 #include <lz4.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 
-#include "colvane/colvane_int.h"
+#include "colvane/colvane.h"
 
 int cvn_lz4_decode(char* dst, int32_t nbyte, const char* src, int32_t zbyte) {
     if (zbyte <= 0 || nbyte <= zbyte || nbyte > LZ4_MAX_INPUT_SIZE || nbyte / CVN_LZ4_MAX_RATIO > zbyte)

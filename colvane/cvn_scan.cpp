@@ -3,15 +3,15 @@
 // Pages of a row group are carved from one block that is kept between row groups and grows to the largest of
 // them, so a long scan does not return memory to the system only to fault it in again.
 
+#include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 

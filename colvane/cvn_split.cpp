@@ -3,16 +3,18 @@
 // The pages are copied as they are stored. meta.cvnx is the data file without them: head, footer with the
 // pages' new offsets, trailer. It appears last and by rename, so a directory that has it is complete.
 
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 

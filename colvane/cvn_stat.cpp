@@ -8,11 +8,15 @@
 // not the same), a NaN never displaces a value, and a NaN that comes first stays.
 
 #include <emmintrin.h>
+#include <string.h>
 
-#include <cstring>
+#include <cmath>
+#include <type_traits>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 // Loops over integers are worth a second version for wider registers; the loader picks one.
 #if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__) && !defined(__clang__)
@@ -26,20 +30,31 @@ namespace {
 // Values whose minimum and maximum are found side by side, so that the comparisons overlap.
 constexpr int LANES = 8;
 
+}  // namespace
+
 template <typename T>
-T load(const char* p, int64_t i = 0) {
+static T load(const char* p, int64_t i = 0) {
     T v;
     memcpy(&v, p + i * static_cast<int64_t>(sizeof(T)), sizeof(T));
     return v;
 }
 
-inline bool is_null(const char* nmap, int row) {
+static inline bool is_null(const char* nmap, int row) {
     return static_cast<uint8_t>(nmap[row >> 3]) & (0x80 >> (row & 7));
+}
+
+// Integers have no NaN.
+template <typename T>
+static inline bool isnan_value(T v) {
+    if constexpr (std::is_floating_point_v<T>)
+        return std::isnan(v);
+    else
+        return false;
 }
 
 // The index of the first value that equals `v`; there is one.
 template <typename T>
-inline int first_equal(const char* buf, int nrow, T v) {
+static inline int first_equal(const char* buf, int nrow, T v) {
     int i = 0;
     while (i < nrow && !(load<T>(buf, i) == v)) i++;
     return i;
@@ -48,11 +63,11 @@ inline int first_equal(const char* buf, int nrow, T v) {
 // No NULL among the values. `lo` and `hi` are replaced only by strictly smaller or larger values in every
 // lane.
 template <typename T>
-inline __attribute__((always_inline)) void minmax_dense(int* ret_imin, int* ret_imax, const char* buf,
-                                                        int nrow) {
+static inline __attribute__((always_inline)) void minmax_dense(int* ret_imin, int* ret_imax, const char* buf,
+                                                               int nrow) {
     const T seed = load<T>(buf);
     *ret_imin = *ret_imax = 0;
-    if (seed != seed) return;  // a NaN that comes first stays
+    if (isnan_value(seed)) return;  // it comes first, so it stays
     T lo[LANES], hi[LANES];
     for (int k = 0; k < LANES; k++) lo[k] = hi[k] = seed;
     int i = 0;
@@ -75,28 +90,28 @@ inline __attribute__((always_inline)) void minmax_dense(int* ret_imin, int* ret_
     *ret_imax = first_equal(buf, nrow, hi[0]);
 }
 
-CLONE_FOR_AVX2 void minmax_dense_i8(int* imin, int* imax, const char* buf, int nrow) {
+CLONE_FOR_AVX2 static void minmax_dense_i8(int* imin, int* imax, const char* buf, int nrow) {
     minmax_dense<int8_t>(imin, imax, buf, nrow);
 }
-CLONE_FOR_AVX2 void minmax_dense_i16(int* imin, int* imax, const char* buf, int nrow) {
+CLONE_FOR_AVX2 static void minmax_dense_i16(int* imin, int* imax, const char* buf, int nrow) {
     minmax_dense<int16_t>(imin, imax, buf, nrow);
 }
-CLONE_FOR_AVX2 void minmax_dense_i32(int* imin, int* imax, const char* buf, int nrow) {
+CLONE_FOR_AVX2 static void minmax_dense_i32(int* imin, int* imax, const char* buf, int nrow) {
     minmax_dense<int32_t>(imin, imax, buf, nrow);
 }
-CLONE_FOR_AVX2 void minmax_dense_i64(int* imin, int* imax, const char* buf, int nrow) {
+CLONE_FOR_AVX2 static void minmax_dense_i64(int* imin, int* imax, const char* buf, int nrow) {
     minmax_dense<int64_t>(imin, imax, buf, nrow);
 }
-CLONE_FOR_AVX2 void minmax_dense_f32(int* imin, int* imax, const char* buf, int nrow) {
+CLONE_FOR_AVX2 static void minmax_dense_f32(int* imin, int* imax, const char* buf, int nrow) {
     minmax_dense<float>(imin, imax, buf, nrow);
 }
-CLONE_FOR_AVX2 void minmax_dense_f64(int* imin, int* imax, const char* buf, int nrow) {
+CLONE_FOR_AVX2 static void minmax_dense_f64(int* imin, int* imax, const char* buf, int nrow) {
     minmax_dense<double>(imin, imax, buf, nrow);
 }
 
 // Any column: one value after the other, NULLs passed over.
 template <typename T>
-void minmax_sparse(int* ret_imin, int* ret_imax, const char* buf, int nrow, const char* nmap) {
+static void minmax_sparse(int* ret_imin, int* ret_imax, const char* buf, int nrow, const char* nmap) {
     T lo{}, hi{};
     for (int i = 0; i < nrow; i++) {
         if (is_null(nmap, i)) continue;
@@ -114,7 +129,7 @@ void minmax_sparse(int* ret_imin, int* ret_imax, const char* buf, int nrow, cons
     }
 }
 
-void minmax_dec64(int* ret_imin, int* ret_imax, const char* buf, int nrow, const char* nmap) {
+static void minmax_dec64(int* ret_imin, int* ret_imax, const char* buf, int nrow, const char* nmap) {
     dec64_parts_t lo{}, hi{};
     bool plain = true;  // both bounds are finite, and `lo` and `hi` are their parts
     uint64_t previous = 0;
@@ -154,7 +169,7 @@ void minmax_dec64(int* ret_imin, int* ret_imax, const char* buf, int nrow, const
     }
 }
 
-void minmax_dec128(int* ret_imin, int* ret_imax, const char* buf, int nrow, const char* nmap) {
+static void minmax_dec128(int* ret_imin, int* ret_imax, const char* buf, int nrow, const char* nmap) {
     decQuad lo{}, hi{};
     for (int i = 0; i < nrow; i++) {
         if (is_null(nmap, i)) continue;
@@ -174,7 +189,7 @@ void minmax_dec128(int* ret_imin, int* ret_imax, const char* buf, int nrow, cons
 
 // The first eight bytes of a text as a number that orders like strcmp, bytes after the NUL cleared. `*ended`
 // tells that the NUL is among them, so that equal keys mean equal texts.
-inline uint64_t text_key(const char* p, bool* ended) {
+static inline uint64_t text_key(const char* p, bool* ended) {
     uint64_t v = load<uint64_t>(p);
     const uint64_t zero = (v - 0x0101010101010101) & ~v & 0x8080808080808080;
     *ended = zero != 0;
@@ -183,7 +198,8 @@ inline uint64_t text_key(const char* p, bool* ended) {
 }
 
 // Walks the texts sixteen bytes at a time; the buffer has CVN_COLBUF_SLACK readable bytes after its last one.
-void minmax_text(int* ret_imin, int* ret_imax, const char* buf, int nrow, int nnull, const char* nmap) {
+static void minmax_text(int* ret_imin, int* ret_imax, const char* buf, int nrow, int nnull,
+                        const char* nmap) {
     const __m128i nul = _mm_setzero_si128();
     uint64_t lo_key = 0, hi_key = 0;
     int64_t start = 0, block = 0;
@@ -213,10 +229,8 @@ void minmax_text(int* ret_imin, int* ret_imax, const char* buf, int nrow, int nn
     }
 }
 
-}  // namespace
-
-void cvn_find_minmax(int* ret_imin, int* ret_imax, int storage, const char* buf, int nrow, int nnull,
-                     const char* nmap) {
+void colvane::cvn_find_minmax(int* ret_imin, int* ret_imax, int storage, const char* buf, int nrow, int nnull,
+                              const char* nmap) {
     int imin = -1, imax = -1;
     const bool dense = nnull == 0;
     if (nnull < nrow) switch (storage) {
@@ -266,7 +280,7 @@ void cvn_find_minmax(int* ret_imin, int* ret_imax, int storage, const char* buf,
     *ret_imax = imax;
 }
 
-bool cvn_value_below(int storage, const char* a, const char* b, size_t textmax) {
+bool colvane::cvn_value_below(int storage, const char* a, const char* b, size_t textmax) {
     switch (storage) {
         case CVN_TYP_BOOL: return load<int8_t>(a) < load<int8_t>(b);
         case CVN_TYP_INT16: return load<int16_t>(a) < load<int16_t>(b);

@@ -1,11 +1,13 @@
 // cvn_type: the closed list of column types, their names and widths, and values from text.
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 
@@ -40,7 +42,7 @@ const char* cvn_typ_str(cvn_typ_t typ) {
     return "unknown";
 }
 
-cvn_typ_t cvn_str_typ(const char* str) {
+cvn_typ_t colvane::cvn_str_typ(const char* str) {
     for (const typ_name_t& t : TYP_NAMES)
         if (strcmp(t.name, str) == 0) return t.typ;
     return 0;

@@ -8,20 +8,21 @@
 // writer, and the heads of the column buffers are spread over the cache: each buffer head lies in a large
 // block of its own, and without the spreading all of them would share one cache set.
 
+#include <errno.h>
+#include <limits.h>
 #include <lz4.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <xxhash.h>
 
 #include <algorithm>
 #include <bit>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <type_traits>
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 
@@ -46,9 +47,9 @@ struct writer_t {
     int64_t rowgroup_max;  // capacity of pub.rowgroup
 };
 
-writer_t* writer_of(cvn_t* sp) { return reinterpret_cast<writer_t*>(sp); }
-
 }  // namespace
+
+static writer_t* writer_of(cvn_t* sp) { return reinterpret_cast<writer_t*>(sp); }
 
 // Output.
 
@@ -170,7 +171,7 @@ static int make_chunk(cvn_t* sp, int cno, colmeta_t* meta, const char** ret_stor
     rc = compress_chunk(sp, meta->nbyte, sp->coldef[cno].zflag, &meta->zbyte, ret_stored);
     if (rc != 0) return rc;
     if (meta->zbyte < 0 || meta->zbyte > meta->nbyte) return -1;
-    meta->zflag = *ret_stored == sp->zbuf.dst && sp->zbuf.dst;
+    meta->zflag = *ret_stored == sp->zbuf.dst && sp->zbuf.dst ? 1 : 0;
     return 0;
 }
 
@@ -295,22 +296,26 @@ int cvn_create(cvn_t** ret, const char* fpath) {
     return 0;
 }
 
-// Lets the arrays that have one entry per column grow by one, zeroed. Their room is a power of two: the
-// columns' buffers lie between the blocks that are given up, which so could not be used again, and these
-// would add up to gigabytes at ten thousand columns.
+// Lets one of the arrays that have an entry per column grow to `n` entries, the new one zeroed. Their room is
+// a power of two: the columns' buffers lie between the blocks that are given up, which so could not be used
+// again, and these would add up to gigabytes at ten thousand columns.
+template <typename T>
+static bool grow_array(mpool_t* pool, T** array, size_t n) {
+    constexpr size_t ENTRYSZ = sizeof(T);  // NOLINT(bugprone-sizeof-expression): one T is a pointer
+    auto* bigger = static_cast<T*>(mpool_realloc(pool, *array, std::bit_ceil(n) * ENTRYSZ));
+    if (!bigger) return false;
+    *array = bigger;
+    memset(static_cast<void*>(bigger + n - 1), 0, ENTRYSZ);
+    return true;
+}
+
 static int grow_columns(writer_t* w) {
     cvn_t* sp = &w->pub;
     const auto n = static_cast<size_t>(sp->ncol) + 1;
-    const auto grow = [sp, n](auto** array) {
-        auto* bigger = mpool_realloc(sp->mpool, *array, std::bit_ceil(n) * sizeof(**array));
-        if (!bigger) return false;
-        *array = static_cast<std::remove_reference_t<decltype(*array)>>(bigger);
-        memset(static_cast<void*>(*array + n - 1), 0, sizeof(**array));
-        return true;
-    };
-    return grow(&sp->coldef) && grow(&sp->colstat) && grow(&sp->colbuf) && grow(&w->info) && grow(&w->varcol)
-               ? 0
-               : -2;
+    const bool grown = grow_array(sp->mpool, &sp->coldef, n) && grow_array(sp->mpool, &sp->colstat, n) &&
+                       grow_array(sp->mpool, &sp->colbuf, n) && grow_array(sp->mpool, &w->info, n) &&
+                       grow_array(sp->mpool, &w->varcol, n);
+    return grown ? 0 : -2;
 }
 
 static int create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag, bool nflag) {
@@ -487,7 +492,7 @@ static inline void encode_value(char* p, const colinfo_t& info, const cvn_datum_
         case CVN_TYP_BOOL: {
             uint8_t image;
             memcpy(&image, datum, 1);
-            *p = image != 0;
+            *p = image != 0 ? 1 : 0;
             break;
         }
         case CVN_TYP_INT16: memcpy(p, datum, 2); break;

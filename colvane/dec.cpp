@@ -19,13 +19,16 @@ extern "C" {
 
 #include "colvane/dec.h"
 
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
 #include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "colvane/colvane_int.h"
+
+using namespace colvane;
 
 namespace {
 
@@ -41,8 +44,10 @@ constexpr int DEC128_MAX_SHIFT = 37;
 // More fraction digits than this can meet the exponent limit; decNumber decides then.
 constexpr int DEC64_MAX_FRACTION = 300;
 
+}  // namespace
+
 // The three digits of a declet as a number 0 to 999.
-constexpr uint16_t declet_value(unsigned d) {
+static constexpr uint16_t declet_value(unsigned d) {
     const auto bit = [d](int i) { return (d >> i) & 1; };
     const unsigned pqr = d >> 7, stu = (d >> 4) & 7, y = bit(0);
     const unsigned r = bit(7), u = bit(4), pq = d >> 8, st = (d >> 5) & 3;
@@ -64,6 +69,8 @@ constexpr uint16_t declet_value(unsigned d) {
     return static_cast<uint16_t>(d2 * 100 + d1 * 10 + d0);
 }
 
+namespace {
+
 constexpr auto DECLET_TO_BIN = [] {
     std::array<uint16_t, 1024> t{};
     for (unsigned d = 0; d < 1024; d++) t[d] = declet_value(d);
@@ -84,8 +91,10 @@ constexpr auto POW10 = [] {
     return t;
 }();
 
+}  // namespace
+
 // Splits the combination field. False for infinities and NaNs.
-inline bool split_combination(unsigned comb, unsigned* exp_top, unsigned* digit) {
+static inline bool split_combination(unsigned comb, unsigned* exp_top, unsigned* digit) {
     if (comb >= 30) return false;
     const bool large = comb >= 24;
     *exp_top = large ? (comb >> 1) & 3 : comb >> 3;
@@ -93,9 +102,7 @@ inline bool split_combination(unsigned comb, unsigned* exp_top, unsigned* digit)
     return true;
 }
 
-}  // namespace
-
-bool dec64_unpack(dec64_parts_t* ret, uint64_t bits) {
+bool colvane::dec64_unpack(dec64_parts_t* ret, uint64_t bits) {
     unsigned exp_top, digit;
     if (!split_combination(static_cast<unsigned>(bits >> 58) & 31, &exp_top, &digit)) return false;
     // Most values fill one or two declets; the upper ones are then all zero.
@@ -110,7 +117,7 @@ bool dec64_unpack(dec64_parts_t* ret, uint64_t bits) {
     return true;
 }
 
-int dec64_compare_parts(const dec64_parts_t* a, const dec64_parts_t* b) {
+int colvane::dec64_compare_parts(const dec64_parts_t* a, const dec64_parts_t* b) {
     __int128 x = a->coeff, y = b->coeff;
     const int shift = a->exponent - b->exponent;
     if (shift > DEC64_MAX_SHIFT || shift < -DEC64_MAX_SHIFT) return DEC_CANNOT_COMPARE;
@@ -282,13 +289,13 @@ int cvn_dec128_from_string(decQuad* d, const char* buf) {
     return context.status & 0xffff ? -1 : 0;
 }
 
-void cvn_dec64_zero(void* image) {
+void colvane::cvn_dec64_zero(void* image) {
     decDouble zero;
     decDoubleZero(&zero);
     memcpy(image, &zero, sizeof(zero));
 }
 
-void cvn_dec128_zero(void* image) {
+void colvane::cvn_dec128_zero(void* image) {
     decQuad zero;
     decQuadZero(&zero);
     memcpy(image, &zero, sizeof(zero));

@@ -3,9 +3,9 @@
 
 #include "colvane/mpool.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 
 static_assert(sizeof(mpool_item_t) % 16 == 0, "the caller's bytes follow the header on a multiple of 16");
 

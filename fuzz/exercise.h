@@ -3,7 +3,7 @@
 #ifndef KELPD_FUZZ_EXERCISE_H
 #define KELPD_FUZZ_EXERCISE_H
 
-#include <cstring>
+#include <string.h>
 #include <string>
 
 #include "colvane/colvane.h"
@@ -25,7 +25,7 @@ inline unsigned touch(const cvn_page_t* page, bool uncompress) {
     unsigned sum = 0;
     const char* body = reinterpret_cast<const char*>(page) + CVN_PAGE_HEADSZ;
     const int32_t n = uncompress ? page->nbyte : page->zbyte;
-    for (int32_t i = 0; i < n; ++i) sum += static_cast<unsigned char>(body[i]);
+    for (int32_t i = 0; i < n; i++) sum += static_cast<unsigned char>(body[i]);
     return sum;
 }
 
@@ -37,7 +37,7 @@ inline const char* check_pages(int code, int npage, cvn_page_t** page, const cvn
         return one_of(code, {-1, -2, -3, -4, -6}) ? nullptr : "an unknown code of a row group";
     }
     if (npage != sc->nreqcol) return "a row group with a wrong number of pages";
-    for (int k = 0; k < npage; ++k) {
+    for (int k = 0; k < npage; k++) {
         if (page[k]->magic != CVN_PAGE_MAGIC || page[k]->unused != 0) return "a page without its head";
         if (page[k]->cno != sc->reqcol[k]) return "a page of another column";
         if (uncompress && page[k]->zbyte != page[k]->nbyte) return "a page that was not decompressed";
@@ -75,7 +75,7 @@ inline const char* scan_once(const char* path, bool uncompress, bool predicates,
     const cvn_coldef_t* def = nullptr;
     (void)cvn_scan_coldef(&ncol, &def, sc);
     if (ncol < 0) bad = "a negative number of columns";
-    for (int c = 0; c < ncol && c < MAX_COLUMNS && !bad; ++c) {
+    for (int c = 0; c < ncol && c < MAX_COLUMNS && !bad; c++) {
         char name[CVN_NAME_SZ + 1] = {};
         memcpy(name, def[c].name, CVN_NAME_SZ);
         const int e = cvn_scan_add_required(sc, name);
@@ -84,19 +84,19 @@ inline const char* scan_once(const char* path, bool uncompress, bool predicates,
         colstat_t stat;
         if (cvn_scan_colstat(sc, c, &stat) != 0) bad = "a column without statistics";
     }
-    for (int k = 0; k < sc->nreqcol && predicates && !bad; ++k) {
+    for (int k = 0; k < sc->nreqcol && predicates && !bad; k++) {
         char name[CVN_NAME_SZ + 1] = {};
         memcpy(name, def[sc->reqcol[k]].name, CVN_NAME_SZ);
         bad = add_predicates(sc, name, def[sc->reqcol[k]].typ);
     }
-    for (int64_t g = 0; g < MAX_GROUPS && !bad; ++g) {
+    for (int64_t g = 0; g < MAX_GROUPS && !bad; g++) {
         int npage = 77;
         cvn_page_t** page = reinterpret_cast<cvn_page_t**>(1);
         const int e = cvn_scan_next(sc, &npage, &page, uncompress);
         bad = check_pages(e, npage, page, sc, uncompress);
         if (e == -4) break;
     }
-    for (int64_t g = -1; g <= MAX_GROUPS && g <= sc->schema->nrowgroup && !bad; ++g) {
+    for (int64_t g = -1; g <= MAX_GROUPS && g <= sc->schema->nrowgroup && !bad; g++) {
         const bool there = g >= 0 && g < sc->schema->nrowgroup;
         if (!there && cvn_scan_get_rowgroup_size(sc, g) != -1)
             bad = "the size of a row group that is not there";

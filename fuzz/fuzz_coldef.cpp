@@ -1,7 +1,7 @@
 // A column-definition string. What it yields must be well-formed and must yield itself again when it is
 // written out.
-#include <cstdlib>
-#include <cstring>
+#include <stdlib.h>
+#include <string.h>
 #include <string>
 
 #include "colvane/colvane.h"

@@ -3,10 +3,10 @@
 // it.
 #include <lz4.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <stdlib.h>
+#include <string.h>
 
-#include "colvane/colvane_int.h"
+#include "colvane/colvane.h"
 #include "fuzz/fuzz_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (code == 0) {
         static volatile unsigned sink = 0;
         unsigned sum = 0;
-        for (size_t i = 0; i < room; ++i) sum += static_cast<unsigned char>(dst[i]);
+        for (size_t i = 0; i < room; i++) sum += static_cast<unsigned char>(dst[i]);
         sink = sink + sum;
         if (LZ4_decompress_safe(src, safe, zbyte, nbyte) == nbyte && memcmp(dst, safe, room) != 0)
             fuzz::demand_null("bytes that the checked decoder does not make");

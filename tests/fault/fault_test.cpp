@@ -2,7 +2,7 @@
 // is left on disk, and that nothing leaks.
 #include <gtest/gtest.h>
 
-#include "colvane/colvane_int.h"
+#include "colvane/colvane.h"
 #include "fault/wrap.h"
 #include "support.h"
 
@@ -18,7 +18,7 @@ const std::string PACKED = TESTS_DIR "/golden/compressed.cvn";
 
 table_t growing_table() {
     table_t t{{{"n", CVN_TYP_INT32}, {"t", CVN_TYP_CSTR, true}, {"b", CVN_TYP_BYTEA}}, {{}, {}, {}}};
-    for (int r = 0; r < 12; ++r) {
+    for (int r = 0; r < 12; r++) {
         t.value[0].push_back(i32(r));
         t.value[1].push_back(
             text(std::string(static_cast<size_t>(r) * 100000, 't')));           // its buffer has to grow
@@ -42,7 +42,7 @@ class Fault : public ::testing::Test {
 
 TEST_F(Fault, CreateFailsCleanlyWithoutMemory) {
     int n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_t* w = reinterpret_cast<cvn_t*>(1);
         wrap::fail_nth(wrap::ALLOC, n, ENOMEM);
         const int code = cvn_create(&w, path_.c_str());
@@ -62,7 +62,7 @@ TEST_F(Fault, CreateFailsCleanlyWithoutMemory) {
 TEST_F(Fault, CreateStreamFailsCleanlyAndLeavesTheStreamOpen) {
     FILE* fp = fopen(path_.c_str(), "wb");
     int n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_t* w = reinterpret_cast<cvn_t*>(1);
         wrap::fail_nth(wrap::ALLOC, n, ENOMEM);
         const int code = cvn_create_stream(&w, fp);
@@ -81,7 +81,7 @@ TEST_F(Fault, CreateStreamFailsCleanlyAndLeavesTheStreamOpen) {
 
 TEST_F(Fault, CreateColumnEndsTheWriterWithoutMemory) {
     int n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_t* w = nullptr;
         ASSERT_EQ(0, cvn_create(&w, path_.c_str()));
         ASSERT_EQ(0, cvn_create_column(w, "a", CVN_TYP_INT32, false, false));
@@ -107,7 +107,7 @@ TEST_F(Fault, CreateColumnEndsTheWriterWithoutMemory) {
 TEST_F(Fault, AppendAndCloseFailCleanlyWithoutMemory) {
     const table_t t = growing_table();
     int nappend = 0, nclose = 0, nrecovered = 0, n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_t* w = nullptr;
         ASSERT_EQ(0, cvn_create(&w, path_.c_str()));
         ASSERT_EQ(0, declare(w, t.column));
@@ -118,13 +118,13 @@ TEST_F(Fault, AppendAndCloseFailCleanlyWithoutMemory) {
         const bool fired = wrap::disarm();
         expect_no_leak(n);
         if (append != 0) {
-            ++nappend;
+            nappend++;
             ASSERT_TRUE(fired);
             ASSERT_EQ(-2, append);
             ASSERT_EQ(0, close) << "a writer that is dropped closes well";
             ASSERT_FALSE(fs::exists(path_));
         } else if (close != 0) {
-            ++nclose;
+            nclose++;
             ASSERT_TRUE(fired);
             ASSERT_EQ(-2, close);
             ASSERT_TRUE(fs::exists(path_)) << "an incomplete file stays";
@@ -133,7 +133,7 @@ TEST_F(Fault, AppendAndCloseFailCleanlyWithoutMemory) {
         } else {
             ASSERT_TRUE(t.value == reader::decode(read_file(path_)).value);
             if (!fired) break;
-            ++nrecovered;
+            nrecovered++;
         }
         ASSERT_EQ(append != 0, fired_early);
     }
@@ -145,7 +145,7 @@ TEST_F(Fault, AppendAndCloseFailCleanlyWithoutMemory) {
 
 TEST_F(Fault, ColdefParseFailsCleanlyWithoutMemory) {
     int n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_coldef_t* def = reinterpret_cast<cvn_coldef_t*>(1);
         int ndef = 77;
         wrap::fail_nth(wrap::ALLOC, n, ENOMEM);
@@ -169,7 +169,7 @@ TEST_F(Fault, ColdefParseFailsCleanlyWithoutMemory) {
 TEST_F(Fault, OpenFailsCleanlyWithoutMemory) {
     for (const std::string& path : {GROUPS, TESTS_DIR "/golden/groups.split"s}) {
         int n = 1;
-        for (; n < MANY; ++n) {
+        for (; n < MANY; n++) {
             cvn_scan_t* sc = reinterpret_cast<cvn_scan_t*>(1);
             wrap::fail_nth(wrap::ALLOC, n, ENOMEM);
             const int code = cvn_scan_open(&sc, path.c_str());
@@ -190,7 +190,7 @@ TEST_F(Fault, OpenFailsCleanlyWithoutMemory) {
 TEST_F(Fault, NextFailsCleanlyWithoutMemoryAndTheScanCanGoOn) {
     for (const bool uncompress : {false, true}) {
         int n = 1;
-        for (; n < MANY; ++n) {
+        for (; n < MANY; n++) {
             const scan_t sc(PACKED);
             ASSERT_EQ(0, sc.code);
             for (const char* name : {"plain", "eager", "ramp"}) ASSERT_EQ(0, cvn_scan_add_required(sc, name));
@@ -235,7 +235,7 @@ TEST_F(Fault, AddLensFailsCleanlyWithoutMemory) {
     for (const char* name : {"i", "t", "b"}) {
         for (const int op : {CVN_OP_GE + 0, CVN_OP_IN + 0}) {
             int n = 1;
-            for (; n < MANY; ++n) {
+            for (; n < MANY; n++) {
                 const scan_t sc(path_);
                 for (const char* c : {"i", "t", "b"}) ASSERT_EQ(0, cvn_scan_add_required(sc, c));
                 cvn_datum_t d{};
@@ -250,7 +250,7 @@ TEST_F(Fault, AddLensFailsCleanlyWithoutMemory) {
                 }
                 ASSERT_EQ(-2, code);
                 ASSERT_LE(sc->nlens, 1);
-                for (int k = 0; k < sc->nlens; ++k)
+                for (int k = 0; k < sc->nlens; k++)
                     EXPECT_EQ(CVN_OP_GE, sc->lens[k].op) << "earlier ones stay";
             }
             EXPECT_GT(n, 1) << name;
@@ -265,7 +265,7 @@ TEST_F(Fault, FilestatFailsCleanlyWithoutMemory) {
     patch(file, layout_t(file).group(0) + 8, int32_t{3});  // records that overlap take a table
     write_file(path_, file);
     int n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_filestat_t st;
         memset(&st, 0x55, sizeof(st));
         wrap::fail_nth(wrap::ALLOC, n, ENOMEM);
@@ -285,7 +285,7 @@ TEST_F(Fault, FilestatFailsCleanlyWithoutMemory) {
 TEST_F(Fault, SplitFailsCleanlyWithoutMemory) {
     const std::string out = dir_ / "out";
     int n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         fs::remove_all(out);
         wrap::fail_nth(wrap::ALLOC, n, ENOMEM);
         const int code = cvnx_split(out.c_str(), GROUPS.c_str());
@@ -347,7 +347,7 @@ int append_noise(cvn_t* w, int nrow) {
     d.a.ptr = noise.data();
     d.a.len = 1 << 20;
     const bool null = false;
-    for (int r = 0; r < nrow; ++r)
+    for (int r = 0; r < nrow; r++)
         if (const int code = cvn_append(w, 1, &d, &null)) return code;
     return 0;
 }
@@ -437,7 +437,7 @@ TEST_F(Fault, CreateFailsWithoutAStream) {
 TEST_F(Fault, EveryFailedWriteIsReported) {
     const table_t t = growing_table();
     int nappend = 0, nclose = 0, n = 1;
-    for (; n < MANY; ++n) {
+    for (; n < MANY; n++) {
         cvn_t* w = nullptr;
         ASSERT_EQ(0, cvn_create(&w, path_.c_str()));
         ASSERT_EQ(0, declare(w, t.column));
@@ -450,7 +450,7 @@ TEST_F(Fault, EveryFailedWriteIsReported) {
             ASSERT_EQ(0, cvn_close(w));
             ASSERT_TRUE(wrap::disarm());
             ASSERT_FALSE(fs::exists(path_));
-            ++nappend;
+            nappend++;
         } else {
             const int code = cvn_close(w);
             const int seen = errno;
@@ -463,7 +463,7 @@ TEST_F(Fault, EveryFailedWriteIsReported) {
             cvn_scan_t* sc = nullptr;
             const int refused = cvn_scan_open(&sc, path_.c_str());
             ASSERT_TRUE(refused == -7 || refused == -3) << refused;
-            ++nclose;
+            nclose++;
         }
         expect_no_leak(n);
     }
@@ -519,7 +519,7 @@ int64_t peak_of_writing(const std::string& path, int ngroup) {
     EXPECT_EQ(0, declare(w, {{"n", CVN_TYP_INT32}}));
     const bool null = false;
     int failed = 0;
-    for (int r = 0; r < ngroup * CVN_MAX_ROWGROUP_NROW; ++r) {
+    for (int r = 0; r < ngroup * CVN_MAX_ROWGROUP_NROW; r++) {
         cvn_datum_t d{};
         d.i = static_cast<int32_t>(static_cast<uint32_t>(r) * 7919u);
         failed |= cvn_append(w, 1, &d, &null);
@@ -563,7 +563,7 @@ TEST_F(Fault, AScanTakesTheFooterAndOneRowGroup) {
 TEST_F(Fault, OpenReportsEveryFailedOrShortRead) {
     for (const wrap::mode_t mode : {wrap::FAIL, wrap::SHORT}) {
         int n = 1;
-        for (; n < MANY; ++n) {
+        for (; n < MANY; n++) {
             cvn_scan_t* sc = reinterpret_cast<cvn_scan_t*>(1);
             wrap::fail_nth(wrap::PREAD, n, EIO, mode);
             const int code = cvn_scan_open(&sc, GROUPS.c_str());
@@ -583,7 +583,7 @@ TEST_F(Fault, OpenReportsEveryFailedOrShortRead) {
 }
 
 TEST_F(Fault, AnInterruptedReadIsTriedAgain) {
-    for (int n = 1; n <= 3; ++n) {
+    for (int n = 1; n <= 3; n++) {
         wrap::fail_nth(wrap::PREAD, n, EINTR, wrap::INTERRUPT);
         cvn_filestat_t st;
         EXPECT_EQ(0, cvn_filestat(&st, GROUPS.c_str())) << n;
@@ -594,7 +594,7 @@ TEST_F(Fault, AnInterruptedReadIsTriedAgain) {
 TEST_F(Fault, APageThatCannotBeReadIsReported) {
     for (const wrap::mode_t mode : {wrap::FAIL, wrap::SHORT}) {
         for (const bool uncompress : {false, true}) {
-            for (int n = 1; n <= 3; ++n) {
+            for (int n = 1; n <= 3; n++) {
                 const scan_t sc(PACKED);
                 for (const char* name : {"plain", "eager", "ramp"})
                     ASSERT_EQ(0, cvn_scan_add_required(sc, name));
@@ -619,7 +619,7 @@ TEST_F(Fault, TheFifthRowGroupAheadIsAnnouncedToTheKernel) {
     const scan_t sc(path_);
     ASSERT_EQ(0, cvn_scan_add_required(sc, "n"));
     (void)wrap::take_hints();
-    for (int64_t g = 0; g < 10; ++g) {
+    for (int64_t g = 0; g < 10; g++) {
         int npage;
         cvn_page_t** page;
         ASSERT_EQ(0, cvn_scan_next(sc, &npage, &page, false));
@@ -647,7 +647,7 @@ TEST_F(Fault, SplitReportsEveryFileThatCannotBeMadeWrittenOrClosed) {
     };
     for (const row_t row : {row_t{wrap::FOPEN, 3}, row_t{wrap::FWRITE, 13}, row_t{wrap::FCLOSE, 3}}) {
         int n = 1;
-        for (; n < MANY; ++n) {
+        for (; n < MANY; n++) {
             const std::string out = dir_ / "out";
             fs::remove_all(out);
             wrap::fail_nth(row.kind, n, ENOSPC);

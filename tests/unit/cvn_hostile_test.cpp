@@ -2,10 +2,10 @@
 // may crash, hang, read outside its buffers or take memory beyond a small multiple of the file.
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <limits.h>
 #include <functional>
 
-#include "colvane/colvane_int.h"
+#include "colvane/colvane.h"
 #include "fault/wrap.h"
 #include "fuzz/exercise.h"
 #include "support.h"
@@ -65,14 +65,14 @@ std::vector<field_t> fields_of(const std::string& file) {
     std::vector<field_t> f = {{file.size() - 16, 8}, {file.size() - 8, 4}, {file.size() - 4, 4}};
     for (const size_t o : {0, 4, 24, 28}) f.push_back({at.foot + o, 4});
     for (const size_t o : {8, 16, 32}) f.push_back({at.foot + o, 8});
-    for (int c = 0; c < at.ncol; ++c) {
+    for (int c = 0; c < at.ncol; c++) {
         for (const size_t o : {0, 124, 128, 132}) f.push_back({at.coldef(c) + o, 4});
         f.push_back({at.colstat(c), 8});
         for (const size_t o : {8, 12, 16, 64}) f.push_back({at.colstat(c) + o, 4});
     }
-    for (int g = 0; g < ngroup; ++g) {
+    for (int g = 0; g < ngroup; g++) {
         for (const size_t o : {0, 4, 8, 12}) f.push_back({at.group(g) + o, 4});
-        for (int c = 0; c < at.ncol; ++c) {
+        for (int c = 0; c < at.ncol; c++) {
             f.push_back({at.meta(g, c), 8});
             for (const size_t o : {8, 12, 16, 20, 24, 28, 32, 36, 48, 96})
                 f.push_back({at.meta(g, c) + o, 4});
@@ -116,7 +116,7 @@ TEST_F(CvnHostile, ContainsEveryPatchedFieldOfAFileWithoutRows) {
 
 TEST_F(CvnHostile, ContainsPatchedTypesAndBoundsOfAllTypes) {
     const layout_t at(TYPES);
-    for (int c = 0; c < at.ncol; ++c) {
+    for (int c = 0; c < at.ncol; c++) {
         for (const int32_t typ : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0x10000, -1}) {
             std::string file = TYPES;
             patch(file, at.coldef(c) + 128, typ);
@@ -131,14 +131,14 @@ TEST_F(CvnHostile, ContainsPatchedTypesAndBoundsOfAllTypes) {
 
 TEST_F(CvnHostile, ContainsEveryTruncation) {
     for (const std::string& file : {GROUPS, EMPTY}) {
-        for (size_t n = 0; n < file.size(); ++n) expect_contained(file.substr(0, n));
+        for (size_t n = 0; n < file.size(); n++) expect_contained(file.substr(0, n));
         for (size_t n = 1; n < file.size(); n += 7) expect_contained(file.substr(n));
     }
 }
 
 TEST_F(CvnHostile, ContainsRandomBitFlips) {
     std::mt19937_64 rng(2026);
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 3000; i++) {
         const std::string* source[4] = {&GROUPS, &PACKED, &TYPES, &EMPTY};
         std::string file = *source[i % 4];
         const layout_t at(file);
@@ -157,7 +157,7 @@ TEST_F(CvnHostile, ContainsRandomBitFlips) {
 TEST_F(CvnHostile, ContainsFootersMadeOfRandomWords) {
     std::mt19937_64 rng(7);
     static constexpr int32_t WORDS[] = {0, 1, -1, 2, 8, 16, 136, 144, 112, 4096, INT32_MAX, INT32_MIN};
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 2000; i++) {
         std::string file = GROUPS;
         const layout_t at(file);
         for (uint64_t k = 1 + rng() % 8; k > 0; --k)
@@ -280,7 +280,7 @@ TEST_F(CvnHostile, TakesNoMemoryForPagesTheFileDoesNotHave) {
 TEST_F(CvnHostile, TakesBoundedMemoryForPagesThatAllLieOverEachOther) {
     // 2000 columns whose pages are all the same 100 KB would be 200 MB.
     table_t t;
-    for (int c = 0; c < 2000; ++c) {
+    for (int c = 0; c < 2000; c++) {
         t.column.push_back({std::to_string(c), CVN_TYP_BYTEA});
         t.value.push_back({text("x")});
     }
@@ -288,7 +288,7 @@ TEST_F(CvnHostile, TakesBoundedMemoryForPagesThatAllLieOverEachOther) {
     t.value[0][0] = text(body);
     std::string file = reader::encode(t.column, t.value);
     const layout_t at(file);
-    for (int c = 0; c < 2000; ++c) {
+    for (int c = 0; c < 2000; c++) {
         patch(file, at.meta(0, c), int64_t{8});
         patch(file, at.meta(0, c) + 16, int32_t{100005});
         patch(file, at.meta(0, c) + 20, int32_t{100005});
@@ -316,7 +316,7 @@ TEST_F(CvnHostile, AddsUpRowGroupsThatClaimEachOthersRecordsInOnePass) {
     // 2000 row groups that each claim all records after them: one by one that would be two million records.
     std::string file = "CVN1IX86", metas;
     const int32_t ngroup = 2000;
-    for (int32_t g = 0; g < ngroup; ++g) {
+    for (int32_t g = 0; g < ngroup; g++) {
         const int64_t room = int64_t{ngroup - g} * 160 - 16;
         metas += le32(0) + le32(1) + le32(static_cast<int32_t>(room / 144)) + le32(0);
         metas += le64(8) + le32(1) + le32(0) + le32(g) + le32(2 * g) + std::string(24, '\0') +
@@ -330,10 +330,10 @@ TEST_F(CvnHostile, AddsUpRowGroupsThatClaimEachOthersRecordsInOnePass) {
     // The same sums, record by record.
     int64_t want_n = 0, want_z = 0;
     const size_t base = 40 + 136 + 112;
-    for (int32_t g = 0; g < ngroup; ++g) {
+    for (int32_t g = 0; g < ngroup; g++) {
         const size_t at = base + 160 * static_cast<size_t>(g);
         const int32_t ncol = load<int32_t>(foot, at + 8);
-        for (int32_t c = 0; c < ncol; ++c) {
+        for (int32_t c = 0; c < ncol; c++) {
             want_n += load<int32_t>(foot, at + 16 + 144 * static_cast<size_t>(c) + 16);
             want_z += load<int32_t>(foot, at + 16 + 144 * static_cast<size_t>(c) + 20);
         }
@@ -401,7 +401,7 @@ TEST(CvnLz4Decode, StaysInsideItsBuffersOnDamagedBlocks) {
     const layout_t at(PACKED);
     const size_t zbyte = static_cast<size_t>(load<int32_t>(PACKED, at.meta(0, 0) + 20));
     const int32_t nbyte = load<int32_t>(PACKED, at.meta(0, 0) + 16);
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000; i++) {
         // Exact allocations, so that the address sanitizer watches both ends.
         std::vector<char> block(PACKED.begin() + 8, PACKED.begin() + 8 + static_cast<long>(zbyte));
         for (uint64_t k = 1 + rng() % 4; k > 0; --k) block[rng() % zbyte] = static_cast<char>(rng());

@@ -2,7 +2,7 @@
 // type.
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <limits.h>
 #include <cmath>
 
 #include "support.h"
@@ -74,7 +74,7 @@ TEST_F(CvnLens, RefusesUnknownCodes) {
 }
 
 TEST_F(CvnLens, RefusesAWrongNumberOfArguments) {
-    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op) {
+    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++) {
         EXPECT_EQ(-10, add("int32", op, {})) << op;
         EXPECT_EQ(-10, add("int32", op, {zero_, zero_})) << op;
         cvn_datum_t d{};
@@ -304,15 +304,15 @@ TEST(CvnQualify, FollowsTheTableForEveryOrderedType) {
             {0, 0, 1, 1, 1},  // less
             {0, 1, 1, 1, 1},  // less or equal
         };
-        for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op)
-            for (int i = 0; i < 5; ++i)
+        for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++)
+            for (int i = 0; i < 5; i++)
                 EXPECT_EQ(WANT[op][i], decide(k.typ, op, *v[i], k.lo, k.hi)) << op << " " << i;
         // Both bounds equal: only then can "not equal" rule a chunk out.
         static constexpr int ONE[7][3] = {{},        {0, 1, 0}, {1, 0, 1}, {1, 0, 0},
                                           {1, 1, 0}, {0, 0, 1}, {0, 1, 1}};
         const value_t* u[3] = {&k.lo, &k.mid, &k.hi};
-        for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op)
-            for (int i = 0; i < 3; ++i)
+        for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++)
+            for (int i = 0; i < 3; i++)
                 EXPECT_EQ(ONE[op][i], decide(k.typ, op, *u[i], k.mid, k.mid)) << op << " " << i;
     }
 }
@@ -352,7 +352,7 @@ TEST(CvnQualify, AnswersTheNullTestsFromTheCounts) {
 
 TEST(CvnQualify, QualifiesWithoutBounds) {
     lens_t ln{};
-    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op) {
+    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++) {
         ln.op = op;
         for (const int32_t typ : {0, 1, 8, 9, 11, 12})
             EXPECT_EQ(1, qualify(&ln, typ, 10, 0, nullptr, nullptr));
@@ -362,7 +362,7 @@ TEST(CvnQualify, QualifiesWithoutBounds) {
 TEST(CvnQualify, RefusesTypesWithoutAnOrder) {
     lens_t ln{};
     cvn_datum_t d{};
-    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op) {
+    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++) {
         ln.op = op;
         for (const int32_t typ : {0, CVN_TYP_BYTEA + 0, 12, 0x10000, 0x10008, 0xffff, -1})
             EXPECT_EQ(-6, qualify(&ln, typ, 10, 0, &d, &d)) << typ;
@@ -381,7 +381,7 @@ TEST(CvnQualify, QualifiesCodesAboveSix) {
 
 TEST(CvnQualify, ComparesNaNsByTheRulesOfFloats) {
     const double nan = std::nan("");
-    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op) {
+    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++) {
         const int want = op == CVN_OP_NE;
         EXPECT_EQ(want, decide(CVN_TYP_DOUBLE, op, f64(nan), f64(1), f64(2))) << op;
         EXPECT_EQ(want, decide(CVN_TYP_DOUBLE, op, f64(1), f64(nan), f64(nan))) << op;
@@ -415,13 +415,13 @@ TEST(CvnQualify, ComparesLongTextsOnTheirFirst39Characters) {
     for (const char* tail : {"a", "m", "z", "zzzz"}) {
         const value_t v = text(head + tail);
         ASSERT_GT(v.bytes.size(), 39u);
-        for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op)
+        for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++)
             EXPECT_EQ(1, decide(CVN_TYP_CSTR, op, v, bound, bound)) << op << " " << tail;
     }
     const value_t low = text(std::string(40, 'j')), high = text(std::string(40, 'l'));
     static constexpr int WANT_LOW[7] = {0, 0, 1, 1, 1, 0, 0};
     static constexpr int WANT_HIGH[7] = {0, 0, 1, 0, 0, 1, 1};
-    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; ++op) {
+    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++) {
         EXPECT_EQ(WANT_LOW[op], decide(CVN_TYP_CSTR, op, low, bound, bound)) << op;
         EXPECT_EQ(WANT_HIGH[op], decide(CVN_TYP_CSTR, op, high, bound, bound)) << op;
     }

@@ -36,7 +36,7 @@ TEST(CvnRoundTrip, GivesBackAllTypesWithNulls) {
 TEST(CvnRoundTrip, GivesBackAllTypesWithoutRows) { expect_round_trip(all_types_table(1, 0)); }
 
 TEST(CvnRoundTrip, GivesBackRandomSchemas) {
-    for (uint64_t seed = 1; seed <= 120; ++seed) {
+    for (uint64_t seed = 1; seed <= 120; seed++) {
         SCOPED_TRACE(seed);
         expect_round_trip(random_table(seed));
     }
@@ -45,7 +45,7 @@ TEST(CvnRoundTrip, GivesBackRandomSchemas) {
 TEST(CvnRoundTrip, GivesBackManyColumns) {
     std::mt19937_64 rng(8);
     table_t t;
-    for (int c = 0; c < 300; ++c) {
+    for (int c = 0; c < 300; c++) {
         t.column.push_back({std::to_string(c), reader::ALL_TYPES[c % 14]});
         t.value.push_back(random_values(rng, t.column.back().typ, 20, 10));
     }
@@ -56,7 +56,7 @@ TEST(CvnRoundTrip, CutsAt1048576RowsAsTheModelDoes) {
     std::mt19937_64 rng(21);
     const size_t nrow = 1048576 + 1000;
     table_t t{{{"a", CVN_TYP_INT32}, {"b", CVN_TYP_BOOL, true}, {"c", CVN_TYP_CSTR}}, {{}, {}, {}}};
-    for (size_t r = 0; r < nrow; ++r) {
+    for (size_t r = 0; r < nrow; r++) {
         const uint64_t v = rng();
         t.value[0].push_back(v % 9 == 0 ? null_value() : i32(static_cast<int32_t>(v >> 32)));
         t.value[1].push_back(v % 8 == 0 ? null_value() : boolean(v & 64));
@@ -79,7 +79,7 @@ TEST(CvnRoundTrip, CutsAt32MebibytesOverSeveralColumnsAsTheModelDoes) {
     std::mt19937_64 rng(34);
     table_t t{{{"n", CVN_TYP_INT64}, {"t", CVN_TYP_CSTR, true}, {"m", CVN_TYP_DEC128}, {"b", CVN_TYP_BYTEA}},
               {{}, {}, {}, {}}};
-    for (int r = 0; r < 60; ++r) {
+    for (int r = 0; r < 60; r++) {
         t.value[0].push_back(i64(r));
         t.value[1].push_back(text(std::string(rng() % (2 << 20), static_cast<char>('a' + r % 26))));
         t.value[2].push_back(dec128("1.5"));
@@ -167,7 +167,7 @@ TEST(CvnGolden, WritesAndReadsAllTypesWithNulls) { expect_golden("types.cvn", go
 TEST(CvnGolden, WritesAndReadsCompressedChunks) {
     // All three are LZ4 blocks only where that pays: a ramp does not compress by a fifth.
     values_t zeros(2048, i32(0)), ramp;
-    for (int r = 0; r < 2048; ++r) ramp.push_back(i16(static_cast<int16_t>(r)));
+    for (int r = 0; r < 2048; r++) ramp.push_back(i16(static_cast<int16_t>(r)));
     expect_golden("compressed.cvn",
                   {{{"plain", CVN_TYP_INT32}, {"eager", CVN_TYP_INT32, true}, {"ramp", CVN_TYP_INT16, true}},
                    {zeros, zeros, ramp}});

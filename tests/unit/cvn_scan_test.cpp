@@ -2,7 +2,7 @@
 // questions.
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <limits.h>
 
 #include "support.h"
 
@@ -57,7 +57,7 @@ TEST_F(CvnScan, CannotOpenWhatIsNotThere) {
 }
 
 TEST_F(CvnScan, RefusesAWrongHeadMagic) {
-    for (size_t i = 0; i < 8; ++i) {
+    for (size_t i = 0; i < 8; i++) {
         std::string file = bytes_;
         file[i] = static_cast<char>(file[i] ^ 1);
         EXPECT_EQ(-7, open_patched(file)) << i;
@@ -65,7 +65,7 @@ TEST_F(CvnScan, RefusesAWrongHeadMagic) {
 }
 
 TEST_F(CvnScan, RefusesAWrongTailMagic) {
-    for (size_t i = 1; i <= 4; ++i) {
+    for (size_t i = 1; i <= 4; i++) {
         std::string file = bytes_;
         file[file.size() - i] = static_cast<char>(file[file.size() - i] ^ 1);
         EXPECT_EQ(-7, open_patched(file)) << i;
@@ -73,7 +73,7 @@ TEST_F(CvnScan, RefusesAWrongTailMagic) {
 }
 
 TEST_F(CvnScan, RefusesATrailerLengthOf0To39AndNegativeOnes) {
-    for (int64_t n = 0; n < 40; ++n) {
+    for (int64_t n = 0; n < 40; n++) {
         std::string file = bytes_;
         patch(file, file.size() - 16, n);
         EXPECT_EQ(-7, open_patched(file)) << n;
@@ -158,7 +158,7 @@ TEST_F(CvnScan, TakesAnOddColdefszLiterallyWhenTheSumsMatch) {
 }
 
 TEST_F(CvnScan, RefusesToOpenEveryTruncation) {
-    for (size_t n = 0; n < bytes_.size(); ++n) {
+    for (size_t n = 0; n < bytes_.size(); n++) {
         const int code = open_patched(bytes_.substr(0, n));
         // Up to 15 bytes there is no room for head or trailer; later the last bytes are no trailer.
         if (n < 16) {
@@ -239,9 +239,9 @@ TEST_F(CvnScan, HandsOutTheFootersRecords) {
 }
 
 TEST_F(CvnScan, AlignsTheRecordsOfConsistentFiles) {
-    for (size_t ncol = 1; ncol <= 4; ++ncol) {
+    for (size_t ncol = 1; ncol <= 4; ncol++) {
         table_t t;
-        for (size_t c = 0; c < ncol; ++c) {
+        for (size_t c = 0; c < ncol; c++) {
             t.column.push_back({"c"s.append(std::to_string(c)), CVN_TYP_INT128});
             t.value.push_back({i128(1), i128(2)});
         }
@@ -372,9 +372,9 @@ TEST_F(CvnScan, SeesRowGroups1And4And7AsFragment1Of3) {
 
 TEST_F(CvnScan, CoversEveryQualifyingRowGroupOnceOverAllFragments) {
     write_file(path_, ten_groups());
-    for (int nfrag = 1; nfrag <= 12; ++nfrag) {
+    for (int nfrag = 1; nfrag <= 12; nfrag++) {
         std::vector<int64_t> all;
-        for (int id = 0; id < nfrag; ++id) {
+        for (int id = 0; id < nfrag; id++) {
             const scan_t sc(path_);
             ASSERT_EQ(0, cvn_scan_add_required(sc, "n"));
             cvn_datum_t d{};
@@ -403,7 +403,7 @@ TEST_F(CvnScan, TakesTheLargestFragmentCount) {
 
 TEST_F(CvnScan, CountsRowGroupsWithoutPagesWhenNoColumnIsRequired) {
     const scan_t sc(groups_);
-    for (int g = 0; g < 4; ++g) {
+    for (int g = 0; g < 4; g++) {
         int n = -1;
         cvn_page_t** page = nullptr;
         ASSERT_EQ(0, cvn_scan_next(sc, &n, &page, g % 2 == 0));
@@ -435,7 +435,7 @@ TEST_F(CvnScan, ReturnsStoredPagesByteForByte) {
     cvn_page_t** page;
     ASSERT_EQ(0, cvn_scan_next(sc, &n, &page, false));
     ASSERT_EQ(3, n);
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 3; c++) {
         colmeta_t m;
         ASSERT_EQ(0, cvn_scan_colmeta(sc, 0, c, &m));
         const std::string want =
@@ -501,7 +501,7 @@ class CvnPage : public CvnScan {
     std::pair<int, int> codes_of(const std::string& file) {
         write_file(path_, file);
         int code[2] = {99, 99};
-        for (int mode = 0; mode < 2; ++mode) {
+        for (int mode = 0; mode < 2; mode++) {
             const scan_t sc(path_);
             EXPECT_EQ(0, sc.code);
             if (sc.code != 0) return {77, 77};

@@ -21,8 +21,8 @@ std::string expected_meta(const std::string& file) {
     const int64_t ngroup = load<int64_t>(file, at.foot + 16);
     std::string meta = file.substr(0, 8) + file.substr(at.foot);
     std::vector<int64_t> offset(static_cast<size_t>(at.ncol), 0);
-    for (int g = 0; g < ngroup; ++g) {
-        for (int c = 0; c < at.ncol; ++c) {
+    for (int g = 0; g < ngroup; g++) {
+        for (int c = 0; c < at.ncol; c++) {
             patch(meta, at.meta(g, c) - at.foot + 8, offset[static_cast<size_t>(c)]);
             offset[static_cast<size_t>(c)] += load<int32_t>(file, at.meta(g, c) + 20);
         }
@@ -42,9 +42,9 @@ TEST_F(CvnSplit, WritesOneFileOfStoredPagesPerColumn) {
     ASSERT_EQ(2, ngroup);
     ASSERT_EQ(0, split(source_));
     EXPECT_EQ(16u, names_in(out_).size());
-    for (int c = 0; c < at.ncol; ++c) {
+    for (int c = 0; c < at.ncol; c++) {
         std::string want;
-        for (int g = 0; g < ngroup; ++g)
+        for (int g = 0; g < ngroup; g++)
             want += file.substr(static_cast<size_t>(load<int64_t>(file, at.meta(g, c))),
                                 static_cast<size_t>(load<int32_t>(file, at.meta(g, c) + 20)));
         EXPECT_TRUE(want == read_file(out_ + "/" + std::to_string(c) + ".cvnx")) << c;
@@ -67,7 +67,7 @@ TEST_F(CvnSplit, GivesTheSamePagesAsTheSource) {
         while ((e = cvn_scan_next(a, &na, &pa, uncompress)) == 0) {
             ASSERT_EQ(0, cvn_scan_next(b, &nb, &pb, uncompress));
             ASSERT_EQ(na, nb);
-            for (int k = 0; k < na; ++k)
+            for (int k = 0; k < na; k++)
                 EXPECT_EQ(0, memcmp(pa[k], pb[k], 40 + static_cast<size_t>(pa[k]->zbyte))) << k;
         }
         EXPECT_EQ(-4, e);

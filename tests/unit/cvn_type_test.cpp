@@ -1,10 +1,10 @@
 // Type codes, names and widths, and values from text.
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <errno.h>
+#include <stdint.h>
+#include <string.h>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
 #include <string>
 
 #include "colvane/colvane.h"

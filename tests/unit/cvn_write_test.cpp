@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <climits>
+#include <limits.h>
 #include <cmath>
 
 #include "support.h"
@@ -475,9 +475,9 @@ TEST_F(CvnWrite, RefusesToCloseWithoutColumnsAndRemovesTheFile) {
 }
 
 TEST_F(CvnWrite, MakesAFileOfZeroRowGroupsOutOfColumnsAlone) {
-    for (int ncol = 1; ncol <= 4; ++ncol) {
+    for (int ncol = 1; ncol <= 4; ncol++) {
         std::vector<column_t> column;
-        for (int c = 0; c < ncol; ++c)
+        for (int c = 0; c < ncol; c++)
             column.push_back({"c"s.append(std::to_string(c)), reader::ALL_TYPES[c]});
         const reader::file_t f = written({column, std::vector<values_t>(static_cast<size_t>(ncol))});
         EXPECT_EQ(0u, f.group.size());
@@ -549,7 +549,7 @@ TEST_F(CvnWrite, KeepsNoBoundsOfByteStringsAndOfColumnsFlaggedSo) {
     const reader::file_t f =
         written({{{"a", CVN_TYP_BYTEA}, {"b", CVN_TYP_INT32, false, true}, {"c", CVN_TYP_CSTR, true, true}},
                  {{text("x"), text("y")}, {i32(1), i32(2)}, {text("p"), text("q")}}});
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 3; c++) {
         EXPECT_FALSE(f.group[0].chunk[static_cast<size_t>(c)].bounds.has);
         EXPECT_FALSE(f.bounds[static_cast<size_t>(c)].has);
     }
@@ -653,7 +653,7 @@ TEST_F(CvnWrite, CompressesZeroBytesWithoutTheFlagAndStoresRandomOnesRawWithIt) 
     std::mt19937_64 rng(3);
     // 3855 rows of two bytes and their bitmap are 8192 bytes.
     values_t zeros(3855, i16(0)), noise;
-    for (int i = 0; i < 3855; ++i) noise.push_back(i16(static_cast<int16_t>(rng())));
+    for (int i = 0; i < 3855; i++) noise.push_back(i16(static_cast<int16_t>(rng())));
     const reader::file_t f =
         written({{{"zeros", CVN_TYP_INT16}, {"noise", CVN_TYP_INT16, true}}, {zeros, noise}});
     EXPECT_EQ(8192, f.group[0].chunk[0].nbyte);
@@ -686,7 +686,7 @@ TEST_F(CvnWrite, CompressesForAFifthWithTheFlagAndOnlyForHalfWithoutIt) {
 std::vector<int> group_rows(const std::string& path) {
     const scan_t sc(path);
     std::vector<int> rows;
-    for (int64_t g = 0; cvn_scan_get_rowgroup_size(sc, g) >= 0; ++g)
+    for (int64_t g = 0; cvn_scan_get_rowgroup_size(sc, g) >= 0; g++)
         rows.push_back(static_cast<int>(cvn_scan_get_rowgroup_size(sc, g)));
     return rows;
 }
@@ -694,7 +694,7 @@ std::vector<int> group_rows(const std::string& path) {
 TEST_F(CvnWrite, CutsTwoRowGroupsOutOf1048577Rows) {
     create({{"a", CVN_TYP_INT32}});
     const bool null = false;
-    for (int r = 0; r < 1048577; ++r) {
+    for (int r = 0; r < 1048577; r++) {
         cvn_datum_t d{};
         d.i = r;
         ASSERT_EQ(0, cvn_append(w_, 1, &d, &null));
@@ -713,7 +713,7 @@ void append_text_rows(cvn_t* w, const std::string& s, int n) {
     cvn_datum_t d{};
     d.t = s.c_str();
     const bool null = false;
-    for (int r = 0; r < n; ++r) ASSERT_EQ(0, cvn_append(w, 1, &d, &null));
+    for (int r = 0; r < n; r++) ASSERT_EQ(0, cvn_append(w, 1, &d, &null));
 }
 
 TEST_F(CvnWrite, CutsTextsOfOneMebibyteIntoGroupsOf32And33And33Rows) {

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <stdint.h>
+#include <string.h>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
 #include <random>
 #include <string>
 
@@ -148,7 +148,7 @@ TEST(Dec64, FindsANaNEqualToEverything) {
 // The text of a decimal is exact, so doubles with few digits order as their decimals do.
 TEST(Dec64, OrdersRandomNumbersAsDoublesDo) {
     std::mt19937_64 rng(11);
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000; i++) {
         const int a = static_cast<int>(rng() % 2001) - 1000, b = static_cast<int>(rng() % 2001) - 1000;
         const int ea = static_cast<int>(rng() % 9) - 4, eb = static_cast<int>(rng() % 9) - 4;
         const std::string x = std::to_string(a) + "E" + std::to_string(ea);
@@ -301,7 +301,7 @@ TEST(Int128, PrintsThirtyTwoLowerCaseDigits) {
 
 TEST(Int128, ReadsBackWhatItPrints) {
     std::mt19937_64 rng(5);
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 1000; i++) {
         const cvn_int128_t v = make128(i % 3 == 0 ? 0 : i % 3 == 1 ? ~uint64_t{0} : rng(), rng());
         cvn_int128_t back = 0;
         ASSERT_EQ(0, cvn_int128_from_string(&back, str(v).c_str()));

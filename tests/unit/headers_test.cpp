@@ -1,7 +1,7 @@
 // The public headers as C11, C++17 and C++20 see them: one layout, C linkage, the documented sizes.
 #include <gtest/gtest.h>
 
-#include <cstddef>
+#include <stddef.h>
 
 #include "support.h"
 

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
 #include <string>
 #include <vector>
 
@@ -21,7 +21,7 @@ mpool_item_t* item_of(void* ptr) {
 
 size_t count(const mpool_t* mp) {
     size_t n = 0;
-    for (const mpool_item_t* it = mp->head; it && n < 1000000; it = it->next) ++n;
+    for (const mpool_item_t* it = mp->head; it && n < 1000000; it = it->next) n++;
     return n;
 }
 
@@ -188,7 +188,7 @@ TEST(Mpool, ReadsNoByteAfterTheNth) {
 
 TEST(Mpool, StaysUsableAfterAReset) {
     mpool_t* mp = mpool_create();
-    for (int i = 0; i < 100; ++i) ASSERT_NE(nullptr, mpool_alloc(mp, 50));
+    for (int i = 0; i < 100; i++) ASSERT_NE(nullptr, mpool_alloc(mp, 50));
     mpool_reset(mp);
     EXPECT_EQ(nullptr, mp->head);
     mpool_reset(mp);
