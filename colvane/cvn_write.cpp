@@ -4,9 +4,10 @@
 // values and bitmap are assembled, summarised, compressed if that pays, hashed and written. The records of
 // the row groups stay in memory for the footer that cvn_close writes.
 //
-// The hot path is cvn_append. What it needs of a column in every row (type, width) stands packed in the
-// writer, and the heads of the column buffers are spread over the cache: each buffer head lies in a large
-// block of its own, and without the spreading all of them would share one cache set.
+// The hot path is cvn_append; its rare ways are marked cold, so that they do not stand between its steps. What
+// it needs of a column in every row (type, width) stands packed in the writer, and the heads of the column
+// buffers are spread over the cache: each buffer head lies in a large block of its own, and without the
+// spreading all of them would share one cache set.
 
 #include <errno.h>
 #include <limits.h>
@@ -404,8 +405,8 @@ static int make_room(cvn_t* sp, colbuf_t* cb, int64_t need) {
     return 0;
 }
 
-// The bytes that the values take whose length varies, into w->info, and those of the whole row. Returns how
-// many columns could be measured, in order: all of them, or those before the first negative length.
+// The bytes that the values take whose length varies, into w->info, and those of the whole row. Returns the
+// first column whose length is negative, with those before it measured, or -1 when there is none.
 static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull, int64_t* ret_total) {
     int64_t total = w->fixed_nbyte;
     for (int i = 0; i < w->nvarcol; i++) {
@@ -422,14 +423,14 @@ static int measure_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull
         total += info->need;
     }
     *ret_total = total;
-    return w->pub.ncol;
+    return -1;
 }
 
 static int64_t room_of(const colbuf_t* cb) { return cb->bufmax - cb->buftop; }
 
 // Reserves the first `ncol` values of the row one by one, cutting the row group before the first one that
 // does not fit in.
-static int reserve_slowly(writer_t* w, int ncol) {
+[[gnu::cold]] static int reserve_slowly(writer_t* w, int ncol) {
     cvn_t* sp = &w->pub;
     w->fixed_room = 0;  // buffers may change
     for (int c = 0; c < ncol; c++) {
@@ -526,33 +527,44 @@ static inline void colbuf_add(colbuf_t* cb, const colinfo_t& info, const cvn_dat
     }
 }
 
-// Rows that have nothing to be stored.
-static int append_empty(cvn_t* sp, int ndatum) {
+static void add_row(writer_t* w, const cvn_datum_t* datum, const bool* isnull) {
+    cvn_t* sp = &w->pub;
+    const int ncol = sp->ncol;
+    for (int c = 0; c < ncol; c++) colbuf_add(sp->colbuf[c], w->info[c], &datum[c], isnull[c]);
+    sp->nrow++;
+}
+
+// A row of no values, or of more or fewer than there are columns, or one after a failure.
+[[gnu::cold]] static int append_other(cvn_t* sp, int ndatum) {
     if (ndatum != sp->ncol || sp->drop_file) return cv_reterr(-6, sp);
     // Kept: without columns a row of no values is a row; closing such a writer is what fails.
     sp->nrow++;
     return 0;
 }
 
+// A row whose value `cno` is refused. Those before it take their room all the same, whatever that writes.
+[[gnu::cold]] static int append_refused(writer_t* w, int cno) {
+    const int rc = reserve_slowly(w, cno);
+    return rc != 0 ? rc : cv_reterr(-6, &w->pub);
+}
+
 int cvn_append(cvn_t* sp, int ndatum, const cvn_datum_t* datum, const bool* isnull) {
-    if (ndatum < 1) return append_empty(sp, ndatum);
-    if (ndatum != sp->ncol || sp->drop_file) return cv_reterr(-6, sp);
+    if (ndatum != sp->ncol || ndatum < 1 || sp->drop_file) return append_other(sp, ndatum);
     writer_t* w = writer_of(sp);
     if (sp->colbuf[0]->nrow >= CVN_MAX_ROWGROUP_NROW) {
         const int rc = cv_flush(sp);
         if (rc != 0) return cv_reterr(rc, sp);
     }
     int64_t total = 0;
-    const int measured = measure_row(w, datum, isnull, &total);
-    if (measured == ndatum && fits_at_once(w, total)) {
+    const int refused = measure_row(w, datum, isnull, &total);
+    if (refused >= 0) return append_refused(w, refused);
+    if (fits_at_once(w, total)) {
         sp->rgcur_nbyte += static_cast<int>(total);
     } else {
-        const int rc = reserve_slowly(w, measured);
+        const int rc = reserve_slowly(w, ndatum);
         if (rc != 0) return rc;
-        if (measured != ndatum) return cv_reterr(-6, sp);
     }
-    for (int c = 0; c < ndatum; c++) colbuf_add(sp->colbuf[c], w->info[c], &datum[c], isnull[c]);
-    sp->nrow++;
+    add_row(w, datum, isnull);
     return 0;
 }
 
