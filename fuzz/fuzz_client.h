@@ -17,6 +17,8 @@
 
 namespace fuzz {
 
+using namespace kelp;
+
 inline void demand(bool good, const char* promise) {
     if (good) return;
     fprintf(stderr, "BROKEN PROMISE: %s\n", promise);

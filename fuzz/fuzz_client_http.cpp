@@ -12,6 +12,8 @@
 
 #include "fuzz/fuzz_client.h"
 
+using namespace kelp;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {

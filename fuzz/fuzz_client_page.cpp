@@ -1,13 +1,17 @@
 // Any bytes as a page, and any page through a condition.
 //
 //   byte 0      the column's type
-//   byte 1      1: the rest is the uncompressed body, and the sizes are computed; 2: so is the number of
-//   NULLs byte 2      the condition's operator byte 3      the condition's value 16 bytes    nrow, nnull,
-//   nmapoff, nbyte the rest    the stored body
+//   byte 1      1: the rest is the uncompressed body, and the sizes are computed; 2: so is the number of NULLs
+//   byte 2      the condition's operator
+//   byte 3      the condition's value
+//   16 bytes    nrow, nnull, nmapoff, nbyte
+//   the rest    the stored body
 #include <algorithm>
 #include <cmath>
 
 #include "fuzz/fuzz_client.h"
+
+using namespace rows;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -28,14 +32,16 @@ void count_nulls(page_head_t* head, const char* body) {
         head->nnull += (static_cast<uint8_t>(body[head->nmapoff + r / 8]) & (0x80 >> (r % 8))) != 0;
 }
 
-std::vector<uint8_t> rows_that_meet(const kelp_vec_t& vec, int op, const char* value, bool* ret_read) {
-    kelp_cond_t cond{.column = "c", .op = op, .value = {}};
-    if (op != CVN_OP_ISNULL && op != CVN_OP_ISNOTNULL) cond.value.assign(1, value);
-    bound_cond_t bound;
-    kelp_error_t err{};
-    *ret_read = cond_bind(&bound, cond, 0, vec.typ, &err) == 0;
-    std::vector<uint8_t> keep(static_cast<size_t>(vec.nrow), 1);
-    if (*ret_read) cond_apply(keep.data(), vec, bound);
+// What becomes of the rows by one comparison; `*ret_read` tells whether the value is one of the type.
+std::vector<uint8_t> rows_that_meet(const column_t& col, int op, const char* value, bool* ret_read) {
+    cond_t cond;
+    cond_fault_t fault;
+    const std::vector<std::string> values(op == CVN_OP_ISNULL || op == CVN_OP_ISNOTNULL ? 0 : 1, value);
+    const cond_column_t column[] = {{"c", col.vec.typ}};
+    fuzz::demand(cond_add(&cond, "c", op, values, &fault), "a comparison is refused");
+    *ret_read = cond_bind(&cond, column, &fault);
+    std::vector<uint8_t> keep(static_cast<size_t>(col.vec.nrow), 1);
+    if (*ret_read) cond_decide(keep.data(), cond, {&col, 1});
     return keep;
 }
 
@@ -43,12 +49,10 @@ std::vector<uint8_t> rows_that_meet(const kelp_vec_t& vec, int op, const char* v
 void filter(column_t* col, const int (&op)[2], const char* value) {
     const kelp_vec_t& vec = col->vec;
     bool read;
-    const std::vector<uint8_t> yes = rows_that_meet(vec, op[0], value, &read);
+    const std::vector<uint8_t> yes = rows_that_meet(*col, op[0], value, &read);
     if (!read) return;
-    const std::vector<uint8_t> no = rows_that_meet(vec, op[1], value, &read);
-    const int storage = vec.typ & 0xffff;
-    const bool may_be_nan = storage == CVN_TYP_FLOAT || storage == CVN_TYP_DOUBLE ||
-                            storage == CVN_TYP_DEC64 || storage == CVN_TYP_DEC128;
+    const std::vector<uint8_t> no = rows_that_meet(*col, op[1], value, &read);
+    const bool may_be_nan = value_has_nan(vec.typ);
     std::vector<int32_t> row;
     std::string expected;
     for (int64_t r = 0; r < vec.nrow; r++) {
@@ -73,24 +77,24 @@ void filter(column_t* col, const int (&op)[2], const char* value) {
     fuzz::demand(got == expected, "a filter changes the rows that it keeps");
 }
 
-void decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string_view body, cvn_typ_t typ) {
-    kelp_error_t err{};
-    if (page_check(head, typ, "c", &err) != 0) return (void)fuzz::error_text(err.code, err);
+// Returns whether the page became a column.
+bool decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string_view body) {
+    if (const char* why = page_check(head)) {
+        fuzz::demand(*why != '\0', "a page is refused without a reason");
+        return false;
+    }
     buf_t stored = buf_get(pool, body.size());
-    if (!stored.p) return;
+    if (!stored.p) return false;
     memcpy(stored.p, body.data(), body.size());
     if (head.zbyte == head.nbyte) {
         col->value = stored;
         stored = buf_t{};
     }
-    const char* from = head.zbyte == head.nbyte ? col->value.p : stored.p;
-    int code = page_unpack(pool, &col->value, head, from, "c", &err);
+    const char* why =
+        page_unpack(pool, &col->value, head, head.zbyte == head.nbyte ? col->value.p : stored.p);
     buf_put(pool, stored);
-    if (code == 0) code = page_view(pool, col, head, "c", &err);
-    if (code != 0) {
-        (void)fuzz::error_text(code, err);
-        col->vec.nrow = -1;
-    }
+    if (!why) why = page_view(pool, col, head, "c");
+    return !why;
 }
 
 }  // namespace
@@ -116,9 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     bufpool_t pool;
     column_t col;
-    col.vec.nrow = -1;
-    decode(&pool, &col, head, body, typ);
-    if (col.vec.nrow >= 0) {
+    if (decode(&pool, &col, head, body)) {
         std::string values;
         fuzz::put_column(&values, col.vec);
         filter(&col, OPS[data[2] % std::size(OPS)], VALUES[data[3] % std::size(VALUES)]);

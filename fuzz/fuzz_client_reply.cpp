@@ -11,6 +11,8 @@
 
 #include "fuzz/fuzz_client.h"
 
+using namespace kelp;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
@@ -128,7 +130,7 @@ std::string ask(uint8_t what, uint8_t how) {
 
 }  // namespace
 
-int answer_http(http_t* http, kelp_error_t* err) asm("__wrap__Z8http_runP6http_tP12kelp_error_t");
+int answer_http(http_t* http, kelp_error_t* err) asm("__wrap__ZN4kelp8http_runEPNS_6http_tEP12kelp_error_t");
 
 int answer_http(http_t* http, kelp_error_t* err) {
     if (server.next >= server.body.size()) return kelp_fail(err, KELP_ECONNECT, nullptr, "no reply is left");

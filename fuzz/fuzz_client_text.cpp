@@ -7,6 +7,8 @@
 
 #include "fuzz/fuzz_client.h"
 
+using namespace kelp;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 static void url(std::string_view text) {
@@ -66,22 +68,34 @@ static void condition(std::string_view text) {
 }
 
 static void value(std::string_view text, cvn_typ_t typ) {
-    const kelp_cond_t cond{.column = "c", .op = CVN_OP_EQ, .value = {std::string(text)}};
-    bound_cond_t bound;
-    kelp_error_t err{};
-    if (const int code = cond_bind(&bound, cond, 0, typ, &err)) {
-        (void)fuzz::error_text(code, err);
+    rows::value_t value;
+    if (const char* why = rows::value_from_text(&value, text, typ)) {
+        fuzz::demand(*why != '\0', "a value is refused without a reason");
         return;
     }
-    const std::vector<pushed_t> pushed = cond_push(bound, true);
-    // A text may be cut short, and a bool becomes a comparison with 0.
-    if ((typ & 0xffff) == CVN_TYP_CSTR || (typ & 0xffff) == CVN_TYP_BOOL || pushed.empty()) return;
-    cvn_datum_t again;
-    std::string bytes;
-    fuzz::demand(pushed.size() == 1 && pushed[0].has_value, "a comparison is sent without its value");
-    fuzz::demand(value_parse(&again, &bytes, pushed[0].value, typ, "c", &err) == 0,
-                 "a value sent is not read");
-    fuzz::demand(memcmp(&again, &bound.arg[0], sizeof(again)) == 0, "a value sent is another");
+    // What is written is read as the same value, bit for bit but for the kind of a NaN.
+    std::string written;
+    rows::value_append_text(&written, value.datum, typ);
+    rows::value_t again;
+    fuzz::demand(rows::value_from_text(&again, written, typ) == nullptr, "a written value is not read");
+    const bool nan = rows::value_is_nan(value.datum, typ);
+    fuzz::demand(
+        nan ? rows::value_is_nan(again.datum, typ) : rows::value_cmp(value.datum, again.datum, typ) == 0,
+        "a written value is read as another");
+
+    // And what the server is asked with it is no more than a comparison.
+    plan_t plan;
+    rows::cond_fault_t fault;
+    kelp_error_t err{};
+    const std::vector<std::string> values = {std::string(text)};
+    fuzz::demand(rows::cond_add(&plan.cond, "c", CVN_OP_EQ, values, &fault), "a comparison is refused");
+    const rows::cond_t cond = plan.cond;
+    fuzz::demand(query_plan(&plan, {{"c", typ}}, {}, false, cond, &err) == 0,
+                 "a value that is read is refused");
+    std::string body;
+    fuzz::demand(query_request(&body, plan, true, 0, 1, &err) == 0, "a comparison is not sent");
+    fuzz::demand(body.starts_with(R"({"column": ["c"])") && body.ends_with(R"(, "fragment": [0, 1]})"),
+                 "a request of another form");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

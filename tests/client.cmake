@@ -1,8 +1,8 @@
 # The tests of the client library.
 if(TARGET colvane_client)
   set(client_test_libs colvane_client cvn_reader PkgConfig::LZ4 PkgConfig::XXHASH CURL::libcurl ${CMAKE_DL_LIBS})
-  foreach(name client_text client_stream client_scan client_arrow)
-    kelpd_unit(${name} ${client_test_libs})
+  foreach(name rows_decode client_filter client_text client_stream client_scan client_arrow)
+    kelpd_unit(${name} ${client_test_libs} colvane_rows)
   endforeach()
 
   # Arrow streams in a real consumer: a database's shared library, as an npm package carries it.
@@ -35,7 +35,7 @@ if(TARGET colvane_client)
   endif()
 
   # GCC 12 takes a text literal added to a string for an overlapping copy (its bug 105651).
-  foreach(name client_text client_stream client_scan client_arrow client_duckdb client_kelpd)
+  foreach(name rows_decode client_filter client_text client_stream client_scan client_arrow client_duckdb client_kelpd)
     if(TARGET unit_${name})
       target_compile_options(unit_${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
     endif()

@@ -1,8 +1,6 @@
 # The command-line tool: its parts one by one, and the program from outside.
 if(TARGET cvn)
   kelpd_unit(tool_csv cvn_tool)
-  kelpd_unit(tool_value cvn_tool)
-  kelpd_unit(tool_where cvn_tool)
   kelpd_unit(tool_schema cvn_tool)
   foreach(name create read verify)
     add_test(NAME tools.${name}

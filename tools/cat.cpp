@@ -1,14 +1,13 @@
-// cvn cat: the rows of a file, filtered exactly. Statistics skip row groups first; the rows of the others are
-// decided one by one.
+// cvn cat: the rows of files, filtered exactly. Statistics skip row groups first; the rows of the others are
+// decided.
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <map>
+#include <memory>
 
 #include "tools/commands.h"
 #include "tools/format.h"
-#include "tools/rows.h"
-#include "tools/schema.h"
 #include "tools/source.h"
 #include "tools/tool.h"
 #include "tools/where.h"
@@ -31,77 +30,89 @@ struct cat_head_t {
     std::vector<cvn_typ_t> typ;
 };
 
-int find_column(const cvn_scan_t* scan, const std::string& name) {
-    for (int c = 0; c < scan->schema->ncol; ++c)
-        if (schema_name(scan->coldef[c]) == name) return c;
+int find_column(const rows::file_t& file, const std::string& name) {
+    for (size_t c = 0; c < file.column.size(); c++)
+        if (file.column[c].name == name) return static_cast<int>(c);
     return -1;
 }
 
-std::string column_list(const cvn_scan_t* scan) {
+std::string column_list(const rows::file_t& file) {
     std::string out;
-    for (int c = 0; c < scan->schema->ncol && c < 50; ++c)
-        out += (c ? ", " : "") + format_cell(schema_name(scan->coldef[c]), CVN_NAME_SZ);
-    return out + (scan->schema->ncol > 50 ? ", ..." : "");
+    for (size_t c = 0; c < file.column.size() && c < 50; c++)
+        out += (c ? ", " : "") + format_cell(file.column[c].name, CVN_NAME_SZ);
+    return out + (file.column.size() > 50 ? ", ..." : "");
 }
 
-// Writes the rows of one file. Returns false when the limit is reached.
-bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector<std::string>& names,
-              const std::vector<where_term_t>& term, cat_head_t* head, format_t* format, tool_out_t* out,
-              int64_t* left) {
-    const source_scan_t open(path);
-    cvn_scan_t* const scan = open.scan;
-    const int ncol = scan->schema->ncol;
-    if (!head->known) {
-        if (opts.columns_given) {
-            head->name = names;
-        } else {
-            for (int c = 0; c < ncol; ++c) head->name.push_back(schema_name(scan->coldef[c]));
-        }
-    } else if (!opts.columns_given && size_t(ncol) != head->name.size()) {
-        throw tool_error(
-            fmt::format("{}: has {}, the files before it {}; use --columns to choose common ones", path,
-                        tool_counted(ncol, "column", "columns"), head->name.size()));
-    }
-    // What is printed comes first among the required columns; what only a condition needs, behind it.
-    std::vector<int> required, shown;
-    const auto require = [&](int cno) {
-        const auto it = std::find(required.begin(), required.end(), cno);
-        if (it != required.end()) return int(it - required.begin());
-        const std::string name = schema_name(scan->coldef[cno]);
-        if (cvn_scan_add_required(scan, name.c_str()) != 0)
-            throw tool_error(
-                fmt::format("{}: column {} cannot be read; 'cvn verify' tells more", path, tool_quote(name)));
-        required.push_back(cno);
-        return int(required.size()) - 1;
-    };
-    const auto missing = [&](const std::string& name) {
-        return tool_error(fmt::format("{}: there is no column {}; its columns are {}", path, tool_quote(name),
-                                      column_list(scan)));
-    };
-    for (size_t i = 0; i < head->name.size(); ++i) {
-        // By name; without --columns also by position, as a damaged file may have one name twice.
-        const int cno = !head->known && !opts.columns_given ? int(i) : find_column(scan, head->name[i]);
-        if (cno < 0) throw missing(head->name[i]);
-        const cvn_typ_t typ = scan->coldef[cno].typ;
+[[noreturn]] void fail_missing(const rows::file_t& file, const std::string& name) {
+    throw tool_error(fmt::format("{}: there is no column {}; its columns are {}", file.path, tool_quote(name),
+                                 column_list(file)));
+}
+
+// Finds the columns of the output in a file, and settles them by the first one.
+std::vector<int> shown_columns(const rows::file_t& file, bool chosen, cat_head_t* head) {
+    if (!head->known && !chosen)
+        for (const rows::file_column_t& c : file.column) head->name.push_back(c.name);
+    if (head->known && !chosen && file.column.size() != head->name.size())
+        throw tool_error(fmt::format(
+            "{}: has {}, the files before it {}; use --columns to choose common ones", file.path,
+            tool_counted(static_cast<int64_t>(file.column.size()), "column", "columns"), head->name.size()));
+    std::vector<int> shown;
+    for (size_t i = 0; i < head->name.size(); i++) {
+        const int cno = find_column(file, head->name[i]);
+        if (cno < 0) fail_missing(file, head->name[i]);
+        const cvn_typ_t typ = file.column[static_cast<size_t>(cno)].typ;
         if (!head->known) {
             head->typ.push_back(typ);
         } else if (head->typ[i] != typ) {
-            throw tool_error(fmt::format("{}: column {} is {}, in the files before it {}", path,
+            throw tool_error(fmt::format("{}: column {} is {}, in the files before it {}", file.path,
                                          tool_quote(head->name[i]), cvn_typ_str(typ),
                                          cvn_typ_str(head->typ[i])));
         }
-        shown.push_back(require(cno));
+        shown.push_back(cno);
     }
-    for (const where_term_t& t : term)
-        if (find_column(scan, t.name) < 0) throw missing(t.name);
-    std::vector<where_cond_t> cond;
-    try {
-        cond = where_bind(term, scan->coldef, ncol);
-    } catch (const tool_error& error) {
-        throw tool_error(path + ": " + error.what());
+    return shown;
+}
+
+// Binds the conditions to the columns of a file.
+rows::cond_t bind(const rows::file_t& file, const rows::cond_t& where) {
+    rows::cond_t cond = where;
+    std::vector<rows::cond_column_t> column;
+    for (const rows::file_column_t& c : file.column) column.push_back({c.name, c.typ});
+    rows::cond_fault_t fault;
+    if (rows::cond_bind(&cond, column, &fault)) return cond;
+    if (fault.code == rows::COND_COLUMN) fail_missing(file, fault.name);
+    if (fault.code == rows::COND_TYPE)
+        throw tool_error(
+            fmt::format("{}: column {} is of an unknown type", file.path, tool_quote(fault.name)));
+    throw tool_error(fmt::format("{}: condition on column {} ({}): {} {}", file.path, tool_quote(fault.name),
+                                 cvn_typ_str(fault.typ), tool_quote(fault.text), fault.what));
+}
+
+// Prints the rows of one row group, `limit` at most (negative: all). Returns how many.
+int64_t print_rows(const std::vector<rows::column_t>& column, const std::vector<size_t>& shown, int64_t limit,
+                   format_t* format) {
+    int64_t nrow = column.empty() ? 0 : column[0].vec.nrow;
+    if (limit >= 0) nrow = std::min(nrow, limit);
+    std::vector<cvn_datum_t> datum(shown.size());
+    const std::unique_ptr<bool[]> isnull(new bool[shown.size() + 1]());
+    for (int64_t row = 0; row < nrow; row++) {
+        for (size_t i = 0; i < shown.size(); i++) {
+            const cvn_vec_t& vec = column[shown[i]].vec;
+            isnull[i] = cvn_vec_isnull(vec, row);
+            if (!isnull[i]) cvn_vec_datum(vec, row, &datum[i]);
+        }
+        format_row(format, datum.data(), isnull.get());
     }
-    std::vector<int> cond_page;
-    for (const where_cond_t& c : cond) cond_page.push_back(require(c.cno));
+    return nrow;
+}
+
+// Prints the rows of one file. Returns false when the limit is reached.
+bool cat_file(const std::string& path, const cat_opts_t& opts, const rows::cond_t& where, cat_head_t* head,
+              format_t* format, tool_out_t* out, int64_t* left) {
+    rows::file_t file;
+    source_open(&file, path);
+    const std::vector<int> cno = shown_columns(file, opts.columns_given, head);
+    rows::cond_t cond = bind(file, where);
     if (!head->known) {
         head->known = true;
         const std::map<std::string, format_kind_t> kind = {
@@ -109,64 +120,60 @@ bool cat_file(const std::string& path, const cat_opts_t& opts, const std::vector
         format_begin(format, kind.at(opts.format), out, head->name, head->typ);
     }
     if (*left == 0) return false;
-    where_push_down(scan, cond);
 
-    std::vector<rows_column_t> column(required.size());
-    std::vector<cvn_datum_t> datum(shown.size());
-    const std::unique_ptr<bool[]> isnull(new bool[shown.size() + 1]());
-    for (;;) {
-        tool_check_signals();
-        int npage = 0;
-        cvn_page_t** page = nullptr;
-        errno = 0;
-        const int code = cvn_scan_next(scan, &npage, &page, true);
-        if (code == -4) return true;
-        if (code != 0) throw tool_error(tool_code_text(code, errno, path));
-        const int64_t nrow = npage > 0 ? page[0]->nrow : 0;
-        for (int p = 0; p < npage; ++p) {
-            const char* why =
-                page[p]->nrow != nrow ? "it has another number of rows than its neighbours" : nullptr;
-            if (!why)
-                why = rows_decode(&column[size_t(p)], page[p]->typ, nrow, page[p]->buf, page[p]->nbyte,
-                                  page[p]->nmapoff);
-            if (why)
-                throw tool_error(
-                    fmt::format("{}: a page of column {} is damaged: {}; 'cvn verify' tells more", path,
-                                tool_quote(schema_name(scan->coldef[required[size_t(p)]])), why));
+    // Each column is read once, however often it is printed. What only a condition needs comes last.
+    std::vector<int> want, place(file.column.size(), -1);
+    std::vector<size_t> shown;
+    const auto add = [&](int c) {
+        int& at = place[static_cast<size_t>(c)];
+        if (at < 0) {
+            at = static_cast<int>(want.size());
+            want.push_back(c);
         }
-        for (int64_t row = 0; row < nrow; ++row) {
-            bool match = true;
-            for (size_t i = 0; i < cond.size() && match; ++i) {
-                const rows_column_t& col = column[size_t(cond_page[i])];
-                cvn_datum_t value;
-                const bool null = rows_isnull(col, row);
-                if (!null) rows_datum(col, row, &value);
-                match = where_match(cond[i], value, null);
-            }
-            if (!match) continue;
-            for (size_t i = 0; i < shown.size(); ++i) {
-                const rows_column_t& col = column[size_t(shown[i])];
-                isnull[i] = rows_isnull(col, row);
-                if (!isnull[i]) rows_datum(col, row, &datum[i]);
-            }
-            format_row(format, datum.data(), isnull.get());
-            if (*left > 0 && --*left == 0) return false;
+        return static_cast<size_t>(at);
+    };
+    for (const int c : cno) shown.push_back(add(c));
+    const size_t nresult = want.size();
+    std::vector<int> used;
+    rows::cond_columns(&used, cond);
+    for (const int c : used) (void)add(c);
+    rows::file_fault_t fault;
+    if (!rows::file_want(&file, want, &fault) || !rows::file_push(&file, cond, &fault)) source_fail(fault);
+    rows::cond_renumber(&cond, place);
+
+    std::vector<rows::column_t> column;
+    const auto give_back = [&] {
+        for (rows::column_t& c : column) rows::column_free(file.pool.get(), &c);
+    };
+    try {
+        for (;;) {
+            tool_check_signals();
+            int64_t rg;
+            if (!rows::file_next(&file, &rg, &fault)) source_fail(fault);
+            if (rg < 0) break;
+            if (!rows::file_read(&file, rg, &column, &fault)) source_fail(fault);
+            if (!cond.kid.empty() && rows::cond_filter(column, nresult, cond) == 0) continue;
+            const int64_t n = print_rows(column, shown, *left, format);
+            if (*left > 0 && (*left -= n) == 0) break;
         }
+    } catch (...) {
+        give_back();
+        throw;
     }
+    give_back();
+    return *left != 0;
 }
 
 int cat_run(const cat_opts_t& opts) {
-    std::vector<where_term_t> term;
-    for (const std::string& text : opts.where) where_parse(&term, text);
-    std::vector<std::string> names;
-    for (const std::string& text : opts.columns) where_parse_names(&names, text);
-    const source_t source = source_find(opts.path);
+    const rows::cond_t where = where_parse(opts.where);
+    cat_head_t head;
+    head.name = where_names(opts.columns);
+    const rows::file_list_t source = source_find(opts.path);
     tool_out_t out;
     format_t format;
-    cat_head_t head;
     int64_t left = opts.limit;
     for (const std::string& path : source.path)
-        if (!cat_file(path, opts, names, term, &head, &format, &out, &left)) break;
+        if (!cat_file(path, opts, where, &head, &format, &out, &left)) break;
     format_end(&format);
     return 0;
 }

@@ -18,13 +18,13 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "rows/value.h"
 #include "tools/commands.h"
 #include "tools/csv.h"
 #include "tools/format.h"
 #include "tools/progress.h"
 #include "tools/schema.h"
 #include "tools/tool.h"
-#include "tools/value.h"
 
 namespace {
 
@@ -390,7 +390,8 @@ struct convert_t {
 [[gnu::noinline]] void convert_slow(convert_t* convert, size_t c, const csv_field_t& field,
                                     const std::string& file, int64_t line) {
     const std::string before(field.ptr, field.len);  // bytea is decoded in place
-    const char* const why = value_parse(&convert->datum[c], field.ptr, field.len, (*convert->coldef)[c].typ);
+    const char* const why =
+        rows::value_parse(&convert->datum[c], field.ptr, field.len, (*convert->coldef)[c].typ);
     if (why) bad_field(*convert, c, file, line, before, why);
 }
 
@@ -417,27 +418,27 @@ void convert_row(convert_t* convert, const csv_field_t* fields, const int* field
                 datum[c].t = field.ptr;
                 continue;
             case CVN_TYP_INT64:
-                if (value_fast_int(field.ptr, field.len, &datum[c].I)) [[likely]]
+                if (rows::value_fast_int(field.ptr, field.len, &datum[c].I)) [[likely]]
                     continue;
                 break;
             case CVN_TYP_INT32:
-                if (value_fast_int(field.ptr, field.len, &v) && int32_t(v) == v) [[likely]] {
+                if (rows::value_fast_int(field.ptr, field.len, &v) && int32_t(v) == v) [[likely]] {
                     datum[c].i = int32_t(v);
                     continue;
                 }
                 break;
             case CVN_TYP_INT16:
-                if (value_fast_int(field.ptr, field.len, &v) && int16_t(v) == v) [[likely]] {
+                if (rows::value_fast_int(field.ptr, field.len, &v) && int16_t(v) == v) [[likely]] {
                     datum[c].s = int16_t(v);
                     continue;
                 }
                 break;
             case CVN_TYP_DOUBLE:
-                if (value_fast_double(field.ptr, field.len, &datum[c].F)) [[likely]]
+                if (rows::value_fast_double(field.ptr, field.len, &datum[c].F)) [[likely]]
                     continue;
                 break;
             case CVN_TYP_DATE:
-                if (value_fast_date(field.ptr, field.len, &datum[c].i)) [[likely]]
+                if (rows::value_fast_date(field.ptr, field.len, &datum[c].i)) [[likely]]
                     continue;
                 break;
             case CVN_TYP_DEC64:

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "tools/value.h"
+#include "rows/value.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ void csv_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
         if ((format->typ[i] & 0xffff) == CVN_TYP_CSTR)
             format_csv_text(out, datum[i].t);
         else
-            value_append_text(out, datum[i], format->typ[i]);
+            rows::value_append_text(out, datum[i], format->typ[i]);
     }
     *out += '\n';
 }
@@ -40,12 +40,12 @@ void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
             case CVN_TYP_BOOL:
             case CVN_TYP_INT16:
             case CVN_TYP_INT32:
-            case CVN_TYP_INT64: value_append_text(out, datum[i], typ); continue;
+            case CVN_TYP_INT64: rows::value_append_text(out, datum[i], typ); continue;
             case CVN_TYP_FLOAT:
             case CVN_TYP_DOUBLE: {
                 const double v = typ == CVN_TYP_FLOAT ? double(datum[i].f) : datum[i].F;
                 if (v - v == 0) {  // finite
-                    value_append_text(out, datum[i], typ);
+                    rows::value_append_text(out, datum[i], typ);
                     continue;
                 }
                 break;
@@ -57,7 +57,7 @@ void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
         if ((typ & 0xffff) == CVN_TYP_CSTR)
             text = datum[i].t;
         else
-            value_append_text(&text, datum[i], typ);
+            rows::value_append_text(&text, datum[i], typ);
         format_json_text(out, text);
     }
     *out += format->typ.empty() ? "{}\n" : "}\n";
@@ -69,9 +69,9 @@ void table_line(format_t* format, const std::vector<std::string>& cell) {
         if (i > 0) *out += "  ";
         const size_t width = format_width(cell[i]);
         const size_t pad = format->width[i] > width ? format->width[i] - width : 0;
-        if (value_is_number(format->typ[i])) out->append(pad, ' ');
+        if (rows::value_is_number(format->typ[i])) out->append(pad, ' ');
         *out += cell[i];
-        if (!value_is_number(format->typ[i]) && i + 1 < cell.size()) out->append(pad, ' ');
+        if (!rows::value_is_number(format->typ[i]) && i + 1 < cell.size()) out->append(pad, ' ');
     }
     *out += '\n';
 }
@@ -100,7 +100,7 @@ void table_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
             continue;
         }
         std::string text;
-        value_append_text(&text, datum[i], format->typ[i]);
+        rows::value_append_text(&text, datum[i], format->typ[i]);
         cell.push_back(format_cell(text, TABLE_CELL));
     }
     if (format->wide_known) return table_line(format, cell);

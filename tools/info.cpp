@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "rows/value.h"
 #include "tools/commands.h"
 #include "tools/format.h"
 #include "tools/schema.h"
 #include "tools/source.h"
 #include "tools/tool.h"
-#include "tools/value.h"
 
 namespace {
 
@@ -67,13 +67,14 @@ bound_t bound_of(const cvn_datum_t& datum, cvn_typ_t typ) {
             bound.text.assign(datum.raw, strnlen(datum.raw, sizeof(datum.raw)));
             break;
         case CVN_TYP_BYTEA: bound.known = false; break;
-        default: value_append_text(&bound.text, datum, typ);
+        default: rows::value_append_text(&bound.text, datum, typ);
     }
     return bound;
 }
 
 file_t read_file(const std::string& path, bool rowgroups) {
-    const source_scan_t open(path);
+    rows::file_t open;
+    source_open(&open, path);
     cvn_scan_t* const scan = open.scan;
     file_t file;
     file.path = path;
@@ -242,7 +243,7 @@ void print_file(std::string* out, const file_t& file) {
 }
 
 int info_run(const info_opts_t& opts) {
-    const source_t source = source_find(opts.path);
+    const rows::file_list_t source = source_find(opts.path);
     tool_out_t out;
     json files = json::array();
     file_t total;

@@ -15,7 +15,6 @@
 #include "tools/progress.h"
 #include "tools/remote.h"
 #include "tools/schema.h"
-#include "tools/value.h"
 #include "tools/where.h"
 
 namespace {
@@ -57,66 +56,15 @@ struct batch_t {
     ~batch_t() { kelp_batch_free(batch); }
 };
 
-// Writes a constant so that the client library reads the same value, whatever the spelling on the command
-// line was.
-std::string value_for_client(const cvn_datum_t& datum, cvn_typ_t typ) {
-    switch (typ) {
-        case CVN_TYP_DATE:
-        case CVN_TYP_TIME_MILLIS: return fmt::format("{}", datum.i);
-        case CVN_TYP_TIMESTAMP_MILLIS: return fmt::format("{}", datum.I);
-        default: break;
-    }
-    std::string text;
-    value_append_text(&text, datum, typ);
-    return text;
-}
-
-std::string column_list(const std::vector<kelp_column_t>& column) {
-    std::string out;
-    for (size_t c = 0; c < column.size() && c < 50; ++c)
-        out += (c ? ", " : "") + format_cell(column[c].name, CVN_NAME_SZ);
-    return out;
-}
-
-// Reads the conditions as the columns of the table want them. A table without files has none, which fails
-// unless `ret_empty` is there to be told.
-std::vector<kelp_cond_t> bind_conditions(const std::vector<where_term_t>& term, const kelp_url_t& url,
-                                         const kelp_opt_t& opt, bool* ret_empty) {
-    kelp_error_t err;
-    std::vector<kelp_column_t> column;
-    const int code = kelp_table_columns(&column, url, opt, &err);
-    if (code == KELP_EEMPTY && ret_empty) {
-        *ret_empty = true;
-        return {};
-    }
-    remote_check(code, url, err);
-    for (const where_term_t& t : term)
-        if (std::none_of(column.begin(), column.end(), [&](const auto& c) { return c.name == t.name; }))
-            throw tool_error(fmt::format("{}: there is no column {}; the table has {}", remote_name(url),
-                                         tool_quote(t.name), column_list(column)));
-    std::vector<cvn_coldef_t> coldef;
-    for (const kelp_column_t& c : column) coldef.push_back(schema_column(c.name, c.typ));
-    std::vector<kelp_cond_t> out;
-    for (const where_cond_t& bound : where_bind(term, coldef.data(), int(coldef.size()))) {
-        kelp_cond_t cond = {column[size_t(bound.cno)].name, bound.op, {}};
-        for (const value_t& value : bound.value)
-            cond.value.push_back(value_for_client(value.datum, bound.typ));
-        out.push_back(std::move(cond));
-    }
-    return out;
-}
-
-// The query that the options describe. Mistakes in conditions are found before anything is asked. `ret_empty`
-// as above.
-kelp_query_t make_query(const query_opts_t& opts, const kelp_opt_t& opt, bool* ret_empty) {
-    std::vector<where_term_t> term;
-    for (const std::string& text : opts.where) where_parse(&term, text);
+// The query that the options describe. Mistakes in the conditions are found before anything is asked.
+kelp_query_t make_query(const query_opts_t& opts) {
+    (void)where_parse(opts.where);
     kelp_query_t query;
-    for (const std::string& text : opts.columns) where_parse_names(&query.column, text);
+    query.column = where_names(opts.columns);
+    query.where = opts.where;
     query.url = remote_url(opts.url, 3, 3, "a table");
     query.njob = opts.jobs;
     query.no_nan = opts.no_nan;
-    if (!term.empty()) query.cond = bind_conditions(term, query.url, opt, ret_empty);
     return query;
 }
 
@@ -153,25 +101,6 @@ bool scan_next(scan_t* scan, batch_t* batch) {
     return true;
 }
 
-// Fills `*ret` with the value of a row. It borrows the batch.
-inline void vec_datum(const kelp_vec_t& vec, int64_t row, cvn_datum_t* ret) {
-    if ((vec.typ & 0xffff) == CVN_TYP_BOOL) {
-        ret->b = vec.value[row] != 0;  // the byte may be any, a bool may not
-        return;
-    }
-    if (vec.width > 0) {
-        memcpy(ret, vec.value + row * vec.width, size_t(vec.width));
-        return;
-    }
-    const std::string_view text = kelp_vec_text(vec, row);
-    if ((vec.typ & 0xffff) == CVN_TYP_CSTR) {
-        ret->t = text.data();
-    } else {
-        ret->a.ptr = text.data();
-        ret->a.len = int32_t(text.size());
-    }
-}
-
 // Calls `take(datum, isnull)` for each row until `limit` of them are taken (negative: all).
 template <typename F>
 void scan_rows(scan_t* scan, int64_t limit, F take) {
@@ -190,7 +119,7 @@ void scan_rows(scan_t* scan, int64_t limit, F take) {
             if ((row & 0xfff) == 0) tool_check_signals();
             for (size_t c = 0; c < ncol; ++c) {
                 isnull[c] = kelp_vec_isnull(col[c], row);
-                if (!isnull[c]) vec_datum(col[c], row, &datum[c]);
+                if (!isnull[c]) cvn_vec_datum(col[c], row, &datum[c]);
             }
             take(datum.data(), isnull.get());
         }
@@ -265,7 +194,7 @@ void print_rows(scan_t* scan, const query_opts_t& opts) {
 
 int query_run(const query_opts_t& opts) {
     const kelp_opt_t opt = remote_opt(opts.remote);
-    const kelp_query_t query = make_query(opts, opt, nullptr);
+    const kelp_query_t query = make_query(opts);
     scan_t scan;
     scan_begin(&scan, query, opt);
     print_rows(&scan, opts);
@@ -273,24 +202,37 @@ int query_run(const query_opts_t& opts) {
     return 0;
 }
 
+// The rows of a query with conditions.
+int64_t count_scanned(kelp_query_t query, const kelp_opt_t& opt, bool stats) {
+    query.rows_only = true;
+    scan_t scan;
+    scan.url = query.url;
+    kelp_error_t err;
+    const int code = kelp_scan_open(&scan.scan, query, opt, &err);
+    if (code == KELP_EEMPTY) {  // a table without files has no rows
+        if (stats) print_count_stats(query.url, opt, 0);
+        return 0;
+    }
+    remote_check(code, query.url, err);
+    scan_show_progress(&scan, -1);
+    int64_t nrow = 0;
+    batch_t batch;
+    while (scan_next(&scan, &batch)) nrow = tool_add(nrow, batch.batch->nrow);
+    progress_end(&scan.progress);
+    if (stats) print_stats(scan);
+    return nrow;
+}
+
 int count_run(const query_opts_t& opts) {
     const kelp_opt_t opt = remote_opt(opts.remote);
-    bool empty = false;
-    kelp_query_t query = make_query(opts, opt, &empty);
+    const kelp_query_t query = make_query(opts);
     int64_t nrow = 0;
-    if (query.cond.empty() || empty) {
+    if (query.where.empty()) {
         kelp_error_t err;
-        if (!empty) remote_check(kelp_count(&nrow, query, opt, &err), query.url, err);
+        remote_check(kelp_count(&nrow, query, opt, &err), query.url, err);
         if (opts.stats) print_count_stats(query.url, opt, nrow);
     } else {
-        query.rows_only = true;
-        scan_t scan;
-        scan_begin(&scan, query, opt);
-        scan_show_progress(&scan, -1);
-        batch_t batch;
-        while (scan_next(&scan, &batch)) nrow = tool_add(nrow, batch.batch->nrow);
-        progress_end(&scan.progress);
-        if (opts.stats) print_stats(scan);
+        nrow = count_scanned(query, opt, opts.stats);
     }
     tool_out_t out;
     out.buf = fmt::format("{}\n", nrow);
@@ -325,7 +267,7 @@ int get_run(query_opts_t opts) {
         throw tool_usage("OUT.cvn must be the name of a file");
     tool_check_target(path, "cvn get URL OUT.cvn");
     const kelp_opt_t opt = remote_opt(opts.remote);
-    const kelp_query_t query = make_query(opts, opt, nullptr);
+    const kelp_query_t query = make_query(opts);
     scan_t scan;
     scan_begin(&scan, query, opt);
     remote_target_t target;

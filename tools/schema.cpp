@@ -10,8 +10,9 @@
 #include <charconv>
 #include <set>
 
+#include "rows/file.h"
+#include "rows/value.h"
 #include "tools/tool.h"
-#include "tools/value.h"
 
 const char* const SCHEMA_SYNTAX =
     "a schema is NAME TYPE [-z] [-n], ... with the types bool, int16, int32, int64, int128, float, double, "
@@ -123,17 +124,28 @@ bool fits(std::string_view text, cvn_typ_t typ) {
         case CVN_TYP_DEC128:
             if (!is_canonical_number(text)) return false;
             break;
+        // These are also read from other texts, which do not come back as they were.
+        case CVN_TYP_DATE:
+            if (text.find('-', 1) == text.npos) return false;
+            break;
+        case CVN_TYP_TIME_MILLIS:
+            if (text.find(':') == text.npos && !text.ends_with("ms")) return false;
+            break;
+        case CVN_TYP_TIMESTAMP_MILLIS:
+            if (text.find(':') == text.npos) return false;
+            break;
+        case CVN_TYP_BYTEA:
+            if (!text.starts_with("\\x") && !text.starts_with("\\X")) return false;
+            break;
         default: break;
     }
-    value_t value;
-    return value_from_text(&value, text, typ) == nullptr;
+    rows::value_t value;
+    return rows::value_from_text(&value, text, typ) == nullptr;
 }
 
 }  // namespace
 
-std::string schema_name(const cvn_coldef_t& coldef) {
-    return {coldef.name, strnlen(coldef.name, CVN_NAME_SZ)};
-}
+std::string schema_name(const cvn_coldef_t& coldef) { return rows::file_column_name(coldef); }
 
 const char* schema_name_fault(std::string_view name) {
     static_assert(CVN_NAME_SZ == 128);  // the number below

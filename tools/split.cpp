@@ -66,7 +66,8 @@ void check_pages(const std::string& path, cvn_scan_t* scan) {
 
 // Proves that the file can be split, and returns the number of its columns.
 int check_file(const std::string& path) {
-    const source_scan_t open(path);
+    rows::file_t open;
+    source_open(&open, path);
     cvn_scan_t* const scan = open.scan;
     std::set<std::string> names;
     for (int c = 0; c < scan->schema->ncol; ++c) {

@@ -13,13 +13,13 @@
 #include <algorithm>
 #include <set>
 
+#include "rows/value.h"
 #include "tools/commands.h"
 #include "tools/progress.h"
 #include "tools/rows.h"
 #include "tools/schema.h"
 #include "tools/source.h"
 #include "tools/tool.h"
-#include "tools/value.h"
 
 namespace {
 
@@ -246,7 +246,7 @@ int stat_cmp(const cvn_datum_t& a, const cvn_datum_t& b, cvn_typ_t typ) {
         case CVN_TYP_DEC64: return cvn_dec64_cmp(a.dec64, b.dec64);
         case CVN_TYP_DEC128: return cvn_dec128_cmp(a.dec128, b.dec128);
         default: {
-            const int order = value_cmp(a, b, typ);
+            const int order = rows::value_cmp(a, b, typ);
             return order == 2 ? 0 : order;
         }
     }
@@ -282,7 +282,7 @@ std::string image_text(const cvn_datum_t& image, cvn_typ_t typ) {
     if ((typ & 0xffff) == CVN_TYP_CSTR)
         text.assign(image.raw, strnlen(image.raw, sizeof(image.raw)));
     else
-        value_append_text(&text, image, typ);
+        rows::value_append_text(&text, image, typ);
     return tool_quote(text);
 }
 
@@ -601,7 +601,7 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
 namespace {
 
 int verify_run(const std::string& path) {
-    const source_t source = source_find(path);
+    const rows::file_list_t source = source_find(path);
     const auto nfile = int64_t(source.path.size());
     tool_out_t out;
     out.optional = true;  // the status is what scripts ask for

@@ -1,6 +1,6 @@
-// From a received page to a column that can be read, as the client does it: its checks, its hash, the
+// From a stored page to a column that can be read, as all readers do it: its checks, its hash, the
 // decompression and the view, beside LZ4_decompress_safe and XXH32 alone on the same bytes. Memory is in use
-// already on both sides: the client takes pages from its pool, the bare calls write into one buffer.
+// already on both sides: pages are taken from a pool, the bare calls write into one buffer.
 #include <lz4.h>
 #include <xxhash.h>
 
@@ -9,9 +9,13 @@
 #include <vector>
 
 #include "bench/micro/micro.h"
-#include "clients/cpp/client_int.h"
+#include "rows/page.h"
+
+using namespace rows;
 
 namespace {
+
+void must_be_good(const char* why, const char* what) { must(why ? -1 : 0, what); }
 
 constexpr int32_t NROW = 262144;
 
@@ -85,7 +89,7 @@ void count(benchmark::State& state, const stored_t& page) {
 }
 
 void must_view(bufpool_t* pool, column_t* col, const stored_t& page) {
-    must(page_view(pool, col, page.head, "c", nullptr), "page_view");
+    must_be_good(page_view(pool, col, page.head, "c"), "page_view");
     benchmark::DoNotOptimize(col->vec.value);
 }
 
@@ -95,8 +99,8 @@ void page_decode(benchmark::State& state, cvn_typ_t typ, bool nulls) {
     bufpool_t pool;
     for (auto _ : state) {
         column_t col;
-        must(page_check(page.head, typ, "c", nullptr), "page_check");
-        must(page_unpack(&pool, &col.value, page.head, page.body.data(), "c", nullptr), "page_unpack");
+        must_be_good(page_check(page.head), "page_check");
+        must_be_good(page_unpack(&pool, &col.value, page.head, page.body.data()), "page_unpack");
         must_view(&pool, &col, page);
         column_free(&pool, &col);
     }
@@ -108,11 +112,11 @@ void page_view_only(benchmark::State& state, cvn_typ_t typ, bool nulls) {
     const stored_t page = page_of(typ, nulls);
     bufpool_t pool;
     column_t first;
-    must(page_unpack(&pool, &first.value, page.head, page.body.data(), "c", nullptr), "page_unpack");
+    must_be_good(page_unpack(&pool, &first.value, page.head, page.body.data()), "page_unpack");
     column_free(&pool, &first);
     for (auto _ : state) {
         column_t col;
-        must(page_check(page.head, typ, "c", nullptr), "page_check");
+        must_be_good(page_check(page.head), "page_check");
         col.value = buf_get(&pool, static_cast<size_t>(page.head.nbyte));  // the same bytes as before
         must_view(&pool, &col, page);
         column_free(&pool, &col);

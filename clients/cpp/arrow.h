@@ -99,19 +99,20 @@ struct kelp_arrow_opt_t {
 
 // Makes a stream of a scan. The stream is the caller's: its release callback ends the scan. What `opt.cancel`
 // points at must outlive it. `*ret_stream` is written only on success. Finding a scale, the scan itself and
-// the look at the catalogue in front of them have `opt.total_timeout_ms` each; when the table's columns
+// the look at the catalogue before them have `opt.total_timeout_ms` each; when the table's columns
 // change in between, that is KELP_ECHANGED.
 [[nodiscard]] int kelp_arrow_scan(struct ArrowArrayStream* ret_stream, const kelp_query_t& query,
                                   const kelp_arrow_opt_t& arrow, const kelp_opt_t& opt, kelp_error_t* err);
 
 // Makes a stream of a data file or of a directory that cvnx_split wrote: of the columns named, or of all when
-// none is. Every page's hash is checked.
+// none is. Every page that is read is checked.
 [[nodiscard]] int kelp_arrow_file(struct ArrowArrayStream* ret_stream, const char* fpath,
                                   const std::vector<std::string>& column, const kelp_arrow_opt_t& arrow,
                                   kelp_error_t* err);
 
-// The same with conditions: of `query`, the columns, the conditions and `exact` are used. All row groups are
-// read, and without `exact` all are handed out.
+// The same with conditions: of `query`, the columns, the conditions and `exact` are used. Row groups that, by the
+// file's statistics, cannot hold a row that meets the conditions are not read; without `exact` the others are
+// handed out whole.
 [[nodiscard]] int kelp_arrow_file_query(struct ArrowArrayStream* ret_stream, const char* fpath,
                                         const kelp_query_t& query, const kelp_arrow_opt_t& arrow,
                                         kelp_error_t* err);

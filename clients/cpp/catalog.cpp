@@ -14,6 +14,8 @@
 
 #include "clients/cpp/client_int.h"
 
+using namespace kelp;
+
 namespace {
 
 // A catalogue larger than this is not believed: a quarter of a million files, as the server describes them.
@@ -130,8 +132,8 @@ int kelp_list(std::vector<std::string>* ret_name, const kelp_url_t& url, const k
     });
 }
 
-int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const call_t& call,
-               kelp_error_t* err) {
+int kelp::list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const call_t& call,
+                     kelp_error_t* err) {
     ret_file->clear();
     if (const int code = want_depth(url, 3, 3, "a table", err)) return code;
     std::string text;
@@ -222,8 +224,8 @@ int kelp_list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksu
     return kelp_guard(err, [&] { return list_columns(ret_column, ret_chksum, url, {.opt = &opt}, err); });
 }
 
-int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
-                  const kelp_url_t& table, const call_t& call, kelp_error_t* err) {
+int kelp::table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
+                        const kelp_url_t& table, const call_t& call, kelp_error_t* err) {
     for (const kelp_file_t& f : file) {
         // Of the files that the catalogue lists, a scan reads those of this name only.
         if (!f.name.ends_with(".cvn")) continue;
@@ -422,7 +424,7 @@ static int count_scanned(int64_t* ret_nrow, const kelp_query_t& query, const kel
 int kelp_count(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt, kelp_error_t* err) {
     return kelp_guard(err, [&] {
         *ret_nrow = 0;
-        if (!query.cond.empty()) return count_scanned(ret_nrow, query, opt, err);
+        if (!query.cond.empty() || !query.where.empty()) return count_scanned(ret_nrow, query, opt, err);
         totals_t t{.is_meta = false};
         if (const int code = get_totals(&t, query.url, opt, err)) return code;
         *ret_nrow = t.value[0];

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "colvane/colvane.h"
+#include "colvane/vec.h"
 
 // Codes.
 enum kelp_code_t : int {
@@ -60,9 +61,9 @@ struct kelp_error_t {
 
 // A place in a server's catalogue.
 struct kelp_url_t {
-    std::string base;  // "http://host:port" or "https://host:port", a user name and password in front of the
-                       // host kept as they were
-    std::string database, schema, entity, partition;  // decoded; those behind the last one named are empty
+    std::string base;  // "http://host:port" or "https://host:port", a user name and password before the host
+                       // kept as they were
+    std::string database, schema, entity, partition;  // decoded; those after the last one named are empty
 };
 
 // Parses "kelp://host:port/database/schema/entity/partition" or "http://host:port/v1/database/..." (also
@@ -149,20 +150,20 @@ struct kelp_meta_t {
 
 // Conditions.
 
-// One condition on one column. The values are texts that are read strictly as the column's type when a scan
-// is opened:
-//   bool                true, false, 1, 0
-//   int16 to int64      decimal, or hexadecimal behind 0x; out of range is an error
-//   int128              decimal, or 0x and up to 32 digits, two's complement
-//   float, double       a number with a point, whatever the locale, inf, nan, or hexadecimal behind 0x; one
-//                       too large or too small for the type is an error
+// One condition on one column. The values are texts that are read as the column's type when a scan is opened:
+//   bool                true, false, 1, 0 and the like
+//   int16 to int128     decimal, or hexadecimal after 0x; out of range is an error
+//   float, double       a number with a point, whatever the locale, inf, NaN, or hexadecimal after 0x; too large
+//                       for the type is an error
 //   cstr                the text itself
-//   bytea               the text's bytes, or "\x" and pairs of hexadecimal digits
+//   bytea               "\\x" and pairs of digits, or any other text: its bytes
 //   dec64, dec128       a number of at most 16 or 34 digits
 //   date                2021-07-04, or days since 1970-01-01
 //   time_millis         12:34:56.789 (seconds and their fraction may be left out), or milliseconds
-//   timestamp_millis    a date and a time with a blank or T between and perhaps Z behind, a date,
-//                       or milliseconds since 1970-01-01
+//   timestamp_millis    a date, or a date and a time with a blank or T between and perhaps a zone (Z, +01:00)
+//                       after it, or milliseconds since 1970-01-01T00:00Z
+// A number that could as well be a year, a day or a time without separators (2021, 20210704, of a time 1230) is
+// an error; with a sign (+2021) it is a number.
 struct kelp_cond_t {
     std::string column;
     int op;  // CVN_OP_...
@@ -170,9 +171,10 @@ struct kelp_cond_t {
 };
 
 // Parses "COLUMN OP VALUE" with the operators = == != <> > >= < <=, "COLUMN is [not] null", "COLUMN isnull",
-// "COLUMN isnotnull", and "COLUMN in (VALUE, ...)". A column or value may stand in double quotes, a value
-// also in single quotes; inside, the quote itself is doubled. A value that begins with one of = ! < >, or
-// that holds the word "and" between blanks, must stand in quotes. Words are matched without regard to case.
+// "COLUMN isnotnull", and "COLUMN in (VALUE, ...)". A column may stand in double quotes, a value in single or
+// double ones; inside, the quote itself is doubled. A value needs quotes when it begins with one of = ! < >, or
+// holds a comma, a parenthesis or one of the words and, or, not, in, is, like, between, null after its first.
+// Words are matched without regard to case. Several conditions with "and" between are for kelp_query_t::where.
 // KELP_EARG.
 [[nodiscard]] int kelp_cond_parse(kelp_cond_t* ret_cond, std::string_view text, kelp_error_t* err);
 
@@ -181,9 +183,13 @@ struct kelp_cond_t {
 struct kelp_query_t {
     kelp_url_t url;                   // an entity
     std::vector<std::string> column;  // in the order wanted; empty: all
-    bool rows_only = false;         // hand out batches without columns, only row counts; `column` is ignored,
-                                    // and there must be a condition
-    std::vector<kelp_cond_t> cond;  // all must hold; on any columns of the entity
+    // Hand out batches without columns, only row counts; `column` is ignored, and there must be a condition.
+    bool rows_only = false;
+    // Conditions on any columns of the entity, as records and as texts; all of both must hold. A text is what
+    // kelp_cond_parse reads, or several of those with "and" between; a value in double quotes must not be the
+    // name of a column.
+    std::vector<kelp_cond_t> cond;
+    std::vector<std::string> where;
     // True: exactly the rows for which all conditions are true (a comparison with NULL is not). Of floating
     // and decimal numbers, a NaN is unequal to everything, itself included, and neither above nor below.
     // False: whole row groups, of which only those that cannot hold such a row may be missing.
@@ -198,39 +204,13 @@ struct kelp_query_t {
     int64_t max_flight_nbyte = int64_t{96} << 20;
 };
 
-// A column of a batch. Everything is borrowed from the batch.
-//
-// A value of fixed width r lies at `value` + r * `width`; `value` is aligned to 64 bytes, and a NULL row
-// holds what the file held for it (zero). A bool is a byte, 0 or 1 (another value than 0 also means true). Of
-// varying width (`width` 0), kelp_vec_text(vec, r) gives the bytes. A cstr also has its NUL behind them.
-struct kelp_vec_t {
-    const char* name;
-    cvn_typ_t typ;
-    int width;
-    int64_t nrow;
-    int64_t nnull;
-    const char* value;
-    const int32_t* offset;  // varying width: nrow + 1 positions in `value`; null otherwise
-    int gap;  // bytes between the end of one value and the beginning of the next: 1 cstr, 4 bytea
-    const uint8_t* nullmap;  // row r is NULL when bit 0x80 >> (r % 8) of byte r / 8 is set; never null
-};
-
-inline bool kelp_vec_isnull(const kelp_vec_t& vec, int64_t row) {
-    return vec.nullmap[row / 8] & (0x80 >> (row % 8));
-}
-
-// The bytes of a bytea or cstr value; empty for NULL.
-inline std::string_view kelp_vec_text(const kelp_vec_t& vec, int64_t row) {
-    const int32_t* at = vec.offset + row;
-    return {vec.value + at[0], static_cast<size_t>(at[1] - at[0] - vec.gap)};
-}
-
-// A value of fixed width; T is the type that colvane.h names for it.
+// A column of a batch, borrowed from it: see vec.h.
+using kelp_vec_t = cvn_vec_t;
+inline bool kelp_vec_isnull(const kelp_vec_t& vec, int64_t row) { return cvn_vec_isnull(vec, row); }
+inline std::string_view kelp_vec_text(const kelp_vec_t& vec, int64_t row) { return cvn_vec_text(vec, row); }
 template <typename T>
 inline T kelp_vec_get(const kelp_vec_t& vec, int64_t row) {
-    T v;
-    memcpy(&v, vec.value + row * static_cast<int64_t>(sizeof(T)), sizeof(T));
-    return v;
+    return cvn_vec_get<T>(vec, row);
 }
 
 // Rows from one row group. Lives until kelp_batch_free, also after its scan was closed.

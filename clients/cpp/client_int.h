@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "clients/cpp/client.h"
+#include "rows/cond.h"
+#include "rows/page.h"
 
 static_assert(std::endian::native == std::endian::little);
 
@@ -37,6 +39,9 @@ int kelp_guard(kelp_error_t* err, F f) noexcept {
         return kelp_nomem(err);
     }
 }
+
+// What follows has names of no prefix, and so a namespace.
+namespace kelp {
 
 // HTTP (http.cpp).
 
@@ -90,21 +95,7 @@ struct chunk_t {
 constexpr int32_t RECORD_MAGIC = 0x71727374;
 constexpr size_t RECORD_HEADSZ = 8;
 
-// The 40 bytes in front of every page body.
-struct page_head_t {
-    int32_t magic;
-    int32_t cno;
-    cvn_typ_t typ;
-    int32_t nrow;
-    int32_t nnull;
-    int32_t nmapoff;
-    int32_t nbyte;
-    int32_t zbyte;
-    int32_t hash;
-    int32_t unused;
-};
-static_assert(sizeof(page_head_t) == CVN_PAGE_HEADSZ &&
-              offsetof(page_head_t, hash) == offsetof(cvn_page_t, hash));
+using rows::page_head_t;
 
 // What a stream's user does with its parts. A code other than 0 ends the stream with it.
 struct stream_user_t {
@@ -120,7 +111,7 @@ struct stream_user_t {
 };
 
 // Cuts a reply body into records and pages, wherever it is cut into pieces. It checks magics and that the
-// sizes add up; what a page's numbers mean together is the user's to check (page_check).
+// sizes add up; what a page's numbers mean together is the user's to check (rows::page_check).
 struct stream_t {
     stream_user_t user;
     int64_t max_record_nbyte;
@@ -139,106 +130,21 @@ struct stream_t {
 // What to report when the body is over: 0 when the end record was seen.
 [[nodiscard]] int stream_end(const stream_t* st, kelp_error_t* err);
 
-// Decoding (decode.cpp), shared by remote scans and local files.
-
-// Memory for pages: aligned to 64, with 64 bytes behind that may be read, and kept for the next row group
-// when a page is done with, since fresh memory costs as much as the decompression into it.
-struct buf_t {
-    char* p = nullptr;
-    size_t cap = 0;
-};
-struct bufpool_t {
-    std::mutex mutex;
-    std::vector<buf_t> idle;
-    size_t idlesz = 0;
-    ~bufpool_t();
-};
-constexpr size_t BUF_SLACK = 64;
-buf_t buf_get(bufpool_t* pool, size_t nbyte);  // `p` is null without memory
-void buf_put(bufpool_t* pool, buf_t buf);
-
-// Checks what the head of a page says of a column of type `typ`, before a byte of it is used.
-[[nodiscard]] int page_check(const page_head_t& head, cvn_typ_t typ, const char* name, kelp_error_t* err);
-
-// A decoded column: the view and the memory behind it.
-struct column_t {
-    kelp_vec_t vec{};
-    buf_t value;
-    buf_t offset;
-};
-
-// Checks the hash of the stored body and, unless it is stored as it is, decompresses it. `stored` is the body
-// of `head.zbyte` bytes; `*raw` takes the body of `head.nbyte` bytes, or is the stored one already when the
-// sizes are equal.
-[[nodiscard]] int page_unpack(bufpool_t* pool, buf_t* raw, const page_head_t& head, const char* stored,
-                              const char* name, kelp_error_t* err);
-
-// Makes a view of a decompressed page, whose memory `col->value` holds. Nothing is copied; for varying widths
-// the positions are found and stored in `col->offset`.
-[[nodiscard]] int page_view(bufpool_t* pool, column_t* col, const page_head_t& head, const char* name,
-                            kelp_error_t* err);
-
-void column_free(bufpool_t* pool, column_t* col);
-
-// Finds the ends of `nrow` NUL-terminated texts in `valuesz` bytes: offset[r] is where text r begins,
-// offset[nrow] is valuesz. False when there are not exactly that many. BUF_SLACK readable bytes lie behind
-// the values.
-bool find_texts(int32_t* offset, const char* value, int32_t valuesz, int32_t nrow);
-
 // A batch and what it owns.
 struct batch_t {
     kelp_batch_t pub{};
-    std::vector<column_t> column;
+    std::vector<rows::column_t> column;
     std::vector<kelp_vec_t> vec;
-    std::shared_ptr<bufpool_t> pool;
+    std::shared_ptr<rows::bufpool_t> pool;
     std::shared_ptr<const std::vector<kelp_column_t>> schema;  // owns the names
     batch_t() = default;
     batch_t(const batch_t&) = delete;
     batch_t& operator=(const batch_t&) = delete;
     ~batch_t() {
-        for (column_t& c : column) column_free(pool.get(), &c);
+        for (rows::column_t& c : column) rows::column_free(pool.get(), &c);
     }
 };
 inline batch_t* batch_of(kelp_batch_t* pub) { return reinterpret_cast<batch_t*>(pub); }
-
-// Conditions (cond.cpp).
-
-// A condition whose values have been read as their column's type.
-struct bound_cond_t {
-    int col;  // index among the columns that are requested
-    int op;
-    cvn_typ_t typ;
-    std::vector<cvn_datum_t> arg;   // borrow from `text`
-    std::vector<std::string> text;  // the bytes of cstr and bytea values
-};
-
-// Reads one value strictly. `*text` keeps the bytes that the datum borrows.
-[[nodiscard]] int value_parse(cvn_datum_t* ret, std::string* text, std::string_view s, cvn_typ_t typ,
-                              const std::string& column, kelp_error_t* err);
-[[nodiscard]] int cond_bind(bound_cond_t* ret, const kelp_cond_t& cond, int col, cvn_typ_t typ,
-                            kelp_error_t* err);
-
-// A predicate for the server: operator and, unless it has none, the value's text.
-struct pushed_t {
-    int op;
-    bool has_value;
-    std::string value;
-};
-// What the server may be asked without losing a row that meets the condition. Possibly nothing.
-std::vector<pushed_t> cond_push(const bound_cond_t& cond, bool no_nan);
-
-// Whether no row at all can meet it (an empty list).
-inline bool cond_is_empty(const bound_cond_t& cond) { return cond.op == CVN_OP_IN && cond.arg.empty(); }
-
-// Clears keep[r] for every row that does not meet the condition.
-void cond_apply(uint8_t* keep, const kelp_vec_t& vec, const bound_cond_t& cond);
-
-// Removes all rows but those listed (ascending), in place.
-void column_compact(column_t* col, std::span<const int32_t> row);
-
-// Filters the columns of a row group: the first `nresult` are the result, the rest is only for conditions.
-// Returns the rows that are left.
-int64_t filter_columns(std::vector<column_t>& column, size_t nresult, const std::vector<bound_cond_t>& cond);
 
 // Requests (catalog.cpp).
 
@@ -261,13 +167,38 @@ struct call_t {
 [[nodiscard]] int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
                                 const kelp_url_t& table, const call_t& call, kelp_error_t* err);
 
-// Finds the columns that a query reads and returns: result columns first, then those only conditions need.
+// Queries (query.cpp).
+
+// The columns that a query reads and returns: result columns first, then those only conditions need.
 struct plan_t {
     std::vector<kelp_column_t> column;
     size_t nresult = 0;
-    std::vector<bound_cond_t> cond;
-    bool empty = false;  // no row can match
+    rows::cond_t cond;  // bound to `column`
+    // Whether rows are to be decided at all.
+    [[nodiscard]] bool has_cond() const { return !cond.kid.empty(); }
 };
+
+// Reads the conditions of a query, before anything is known of its table.
+[[nodiscard]] int query_cond(rows::cond_t* ret, const kelp_query_t& query, kelp_error_t* err);
+
+// Plans a query with those conditions of a table with the columns `have`.
 [[nodiscard]] int query_plan(plan_t* ret, const std::vector<kelp_column_t>& have,
-                             const std::vector<std::string>& column, bool rows_only,
-                             const std::vector<kelp_cond_t>& cond, kelp_error_t* err);
+                             const std::vector<std::string>& column, bool rows_only, const rows::cond_t& cond,
+                             kelp_error_t* err);
+
+// A predicate as the server is asked it: a column of the plan, an operator and, unless it has none, the value's
+// text.
+struct pushed_t {
+    int col;
+    int op;
+    bool has_value;
+    std::string value;
+};
+// What may be asked without losing a row that meets the conditions; without what no request can say.
+std::vector<pushed_t> query_push(const plan_t& plan, bool no_nan);
+
+// The body of a request for one fragment. Conditions that do not fit into it are left to the filter.
+[[nodiscard]] int query_request(std::string* ret, const plan_t& plan, bool no_nan, int id, int nfrag,
+                                kelp_error_t* err);
+
+}  // namespace kelp

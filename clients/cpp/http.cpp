@@ -16,6 +16,8 @@
 
 #include "clients/cpp/client_int.h"
 
+using namespace kelp;
+
 namespace {
 
 constexpr long RECEIVE_BUFSZ = 512 * 1024;  // the most that libcurl takes
@@ -46,7 +48,7 @@ struct transfer_t {
 
 }  // namespace
 
-int64_t now_ms() {
+int64_t kelp::now_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
@@ -87,9 +89,9 @@ static int bad_chunk(const chunk_t* ck, kelp_error_t* err) {
     return code;
 }
 
-int chunk_feed(chunk_t* ck, const char* p, size_t n,
-               int (*sink)(void* arg, const char* p, size_t n, kelp_error_t* err), void* sink_arg,
-               kelp_error_t* err) {
+int kelp::chunk_feed(chunk_t* ck, const char* p, size_t n,
+                     int (*sink)(void* arg, const char* p, size_t n, kelp_error_t* err), void* sink_arg,
+                     kelp_error_t* err) {
     while (n > 0) {
         switch (ck->state) {
             case chunk_t::DATA: {
@@ -140,7 +142,7 @@ int chunk_feed(chunk_t* ck, const char* p, size_t n,
     return 0;
 }
 
-int chunk_end(const chunk_t* ck, kelp_error_t* err) {
+int kelp::chunk_end(const chunk_t* ck, kelp_error_t* err) {
     if (ck->state == chunk_t::DONE) return 0;
     if (ck->state == chunk_t::SIZE_LINE && ck->linesz > 0) return bad_chunk(ck, err);
     return kelp_fail(err, KELP_ECUT, "look into the server's log, and try again",
@@ -432,7 +434,7 @@ static int http_run_ret(int code, CURL* easy, CURLM* multi, CURLM* own, curl_sli
     return code;
 }
 
-int http_run(http_t* http, kelp_error_t* err) {
+int kelp::http_run(http_t* http, kelp_error_t* err) {
     static const CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (global != CURLE_OK) return kelp_nomem(err);
     http->status = 0;

@@ -25,12 +25,15 @@
 
 #include "clients/cpp/client_int.h"
 
+using namespace kelp;
+using rows::buf_t;
+using rows::column_t;
+
 namespace {
 
 constexpr int JOB_DEFAULT_MAX = 4;
 constexpr int JOB_MAX = 64;
-constexpr size_t REQUEST_MAX = 32768;  // what the server accepts as a request's body
-constexpr int64_t FILTER_NBYTE = 5;    // of memory that filtering takes for each row, by filter_columns
+constexpr int64_t FILTER_NBYTE = 5;  // of memory that filtering takes for each row, by rows::cond_filter
 
 struct worker_t {
     kelp_scan_t* scan;
@@ -66,7 +69,7 @@ struct kelp_scan_t {
     int64_t start_ms = 0;
     std::shared_ptr<const std::vector<kelp_column_t>> requested;  // all columns of the request
     std::vector<kelp_column_t> result;                            // those handed out
-    std::shared_ptr<bufpool_t> pool;
+    std::shared_ptr<rows::bufpool_t> pool;
     std::vector<std::unique_ptr<worker_t>> worker;
 
     std::atomic<bool> stop{false};
@@ -144,6 +147,14 @@ static int admit(worker_t* w, kelp_error_t* err) {
     return 0;
 }
 
+// Words what the room for pages says of one.
+static int fail_page(kelp_error_t* err, const char* name, const char* why) {
+    if (why == rows::PAGE_NOMEM) return kelp_nomem(err);
+    return kelp_fail(err, KELP_EDAMAGED,
+                     "verify the table's files; if they are intact, the connection or the server is not",
+                     "a page of column %s is damaged: %s", name, why);
+}
+
 static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err) {
     auto* w = static_cast<worker_t*>(arg);
     kelp_scan_t* scan = w->scan;
@@ -154,7 +165,12 @@ static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret
                          "the files of the table may have different columns: query them apart",
                          "the server sends more than the %zu columns that were asked for", requested.size());
     const char* name = requested[at].name.c_str();
-    if (const int code = page_check(head, requested[at].typ, name, err)) return code;
+    const cvn_typ_t typ = requested[at].typ;
+    if (head.typ != typ)
+        return kelp_fail(err, KELP_EPROTO, "the files of the table have different columns: query them apart",
+                         "column %s is of type %s in one file and %s in another", name, cvn_typ_str(typ),
+                         cvn_typ_str(head.typ));
+    if (const char* why = rows::page_check(head)) return fail_page(err, name, why);
     if (k > 0 && head.nrow != w->column[0].vec.nrow)
         return kelp_fail(err, KELP_EDAMAGED, "verify the table's files",
                          "a row group has %lld rows of column %s and %d of column %s",
@@ -172,12 +188,12 @@ static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret
     buf_t* buf = head.zbyte == head.nbyte ? &col->value : &w->stored;
     const auto want = static_cast<size_t>(head.zbyte);
     w->need_nbyte += nbyte;
-    if (k == 0 && scan->exact && !scan->plan.cond.empty()) w->need_nbyte += head.nrow * FILTER_NBYTE;
+    if (k == 0 && scan->exact && scan->plan.has_cond()) w->need_nbyte += head.nrow * FILTER_NBYTE;
     if (buf == &w->stored && want > buf->cap) w->need_nbyte += static_cast<int64_t>(want - buf->cap);
     if (const int code = admit(w, err)) return code;
-    if (buf->cap < want + BUF_SLACK) {
-        buf_put(scan->pool.get(), *buf);
-        *buf = buf_get(scan->pool.get(), want);
+    if (buf->cap < want + rows::BUF_SLACK) {
+        rows::buf_put(scan->pool.get(), *buf);
+        *buf = rows::buf_get(scan->pool.get(), want);
         if (!buf->p) return kelp_nomem(err);
     }
     *ret_dst = buf->p;
@@ -191,10 +207,12 @@ static int scan_page_end(void* arg, int k, const page_head_t& head, kelp_error_t
     const char* name = (*scan->requested)[at].name.c_str();
     column_t* col = &w->column[at];
     const char* stored = head.zbyte == head.nbyte ? col->value.p : w->stored.p;
-    if (const int code = page_unpack(scan->pool.get(), &col->value, head, stored, name, err)) return code;
+    if (const char* why = rows::page_unpack(scan->pool.get(), &col->value, head, stored))
+        return fail_page(err, name, why);
     scan->zbyte += head.zbyte;
     scan->nbyte += head.nbyte;
-    return page_view(scan->pool.get(), col, head, name, err);
+    const char* why = rows::page_view(scan->pool.get(), col, head, name);
+    return why ? fail_page(err, name, why) : 0;
 }
 
 static std::unique_ptr<batch_t> make_batch(worker_t* w, int64_t nrow) {
@@ -233,15 +251,15 @@ static int scan_record_end(void* arg, int npage, kelp_error_t* err) {
     int64_t nrow = w->column.empty() ? 0 : w->column[0].vec.nrow;
     scan->nrowgroup += 1;
     scan->nrow += nrow;
-    if (scan->exact && !scan->plan.cond.empty())
-        nrow = filter_columns(w->column, scan->plan.nresult, scan->plan.cond);
+    if (scan->exact && scan->plan.has_cond())
+        nrow = rows::cond_filter(w->column, scan->plan.nresult, scan->plan.cond);
     scan->nrow_out += nrow;
     queued_t done{.batch = nrow > 0 ? make_batch(w, nrow) : nullptr, .nbyte = 1, .is_oversized = false};
     if (done.batch)
         for (const column_t& c : done.batch->column)
             done.nbyte += static_cast<int64_t>(c.value.cap + c.offset.cap);
     // What is left are the columns of conditions, and of a row group without a match all.
-    for (column_t& c : w->column) column_free(scan->pool.get(), &c);
+    for (column_t& c : w->column) rows::column_free(scan->pool.get(), &c);
     {
         const std::lock_guard lock(scan->mutex);
         scan->largest_nbyte = std::max(scan->largest_nbyte, w->need_nbyte);
@@ -281,8 +299,8 @@ static void worker_main(worker_t* w) {
     if (code == KELP_ECUT && scan->is_sample && w->err.said[0] == '\0')
         kelp_fail(&w->err, KELP_ECUT, "the server needs cvnsamp on its search path: look into its log",
                   "the server's sampler failed");
-    for (column_t& c : w->column) column_free(scan->pool.get(), &c);
-    buf_put(scan->pool.get(), w->stored);
+    for (column_t& c : w->column) rows::column_free(scan->pool.get(), &c);
+    rows::buf_put(scan->pool.get(), w->stored);
     w->stored = buf_t{};
     bool first = false;
     {
@@ -302,43 +320,6 @@ static void worker_main(worker_t* w) {
 }
 
 // Opening.
-
-static std::string json_string(std::string_view s) { return "\"" + std::string(s) + "\""; }
-
-// The request of one fragment; conditions that do not fit into it are left to the filter.
-static int make_request(std::string* ret, const plan_t& plan, bool no_nan, int id, int nfrag,
-                        kelp_error_t* err) {
-    static constexpr const char* OPS[] = {"", "==", "!=", ">", ">=", "<", "<=", "isnull", "isnotnull"};
-    for (const kelp_column_t& c : plan.column)
-        // Strings of a request are taken as they stand, so what would need an escape cannot be said.
-        if (std::any_of(c.name.begin(), c.name.end(), [](char ch) {
-                return ch == '"' || ch == '\\' || static_cast<unsigned char>(ch) < ' ';
-            }))
-            return kelp_fail(err, KELP_EARG, "rename the column in its file",
-                             "the name of column %.100s cannot be put into a request", c.name.c_str());
-    std::string body = R"({"column": [)";
-    for (size_t c = 0; c < plan.column.size(); c++)
-        body += (c ? ", " : "") + json_string(plan.column[c].name);
-    body += "]";
-    const std::string tail = R"(, "fragment": [)" + std::to_string(id) + ", " + std::to_string(nfrag) + "]}";
-    std::string cond;
-    for (const bound_cond_t& c : plan.cond)
-        for (const pushed_t& p : cond_push(c, no_nan)) {
-            std::string one = "[" + json_string(plan.column[static_cast<size_t>(c.col)].name) + ", " +
-                              json_string(OPS[p.op]);
-            if (p.has_value) one += ", " + json_string(p.value);
-            one += "]";
-            if (body.size() + cond.size() + one.size() + tail.size() + 32 > REQUEST_MAX) continue;
-            cond += (cond.empty() ? "" : ", ") + one;
-        }
-    if (!cond.empty()) body += R"(, "condition": [)" + cond + "]";
-    body += tail;
-    if (body.size() > REQUEST_MAX)
-        return kelp_fail(err, KELP_EARG, "name fewer columns",
-                         "the request for %zu columns exceeds %zu bytes", plan.column.size(), REQUEST_MAX);
-    *ret = body;
-    return 0;
-}
 
 static int open_err(int code, kelp_scan_t* scan) {
     kelp_scan_close(scan);
@@ -371,7 +352,7 @@ static int prepare(kelp_scan_t* scan, std::vector<kelp_column_t>* have, const ke
                              kelp_url_format(url, true).c_str());
     }
     scan->url = kelp_url_format(url, false);
-    scan->pool = std::make_shared<bufpool_t>();
+    scan->pool = std::make_shared<rows::bufpool_t>();
     const call_t call{.opt = &scan->opt, .start_ms = scan->start_ms};
     const int code = table_columns(have, *file, url, call, err);
     std::sort(file->begin(), file->end(),
@@ -425,15 +406,16 @@ static int start(kelp_scan_t* scan, const std::vector<std::string>& body, kelp_e
 
 static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t* err) {
     if (const int code = want_depth(query.url, 3, 3, "a table", err)) return code;
-    if (query.rows_only && query.cond.empty())
+    rows::cond_t cond;
+    if (const int code = query_cond(&cond, query, err)) return code;
+    if (query.rows_only && cond.kid.empty())
         return kelp_fail(err, KELP_EARG, "use kelp_count",
                          "rows without columns are wanted, but without a condition");
     if (query.njob < 0 || query.njob > JOB_MAX)
         return kelp_fail(err, KELP_EARG, nullptr, "%d jobs are not between 1 and %d", query.njob, JOB_MAX);
     std::vector<kelp_column_t> have;
     if (const int code = prepare(scan, &have, query.url, err)) return code;
-    if (const int code = query_plan(&scan->plan, have, query.column, query.rows_only, query.cond, err))
-        return code;
+    if (const int code = query_plan(&scan->plan, have, query.column, query.rows_only, cond, err)) return code;
     scan->exact = query.exact;
     scan->max_flight_nbyte = query.max_flight_nbyte;
     int njob = query.njob;
@@ -443,11 +425,11 @@ static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t*
     int64_t longest = 1;
     for (const kelp_file_t& f : scan->file) longest = std::max(longest, f.nrowgroup);
     njob = static_cast<int>(std::min<int64_t>(njob, longest));
-    std::vector<std::string> body(scan->plan.empty || scan->plan.column.empty() ? 0
-                                                                                : static_cast<size_t>(njob));
+    const bool is_empty = rows::cond_is_never(scan->plan.cond) || scan->plan.column.empty();
+    std::vector<std::string> body(is_empty ? 0 : static_cast<size_t>(njob));
     for (int id = 0; id < static_cast<int>(body.size()); id++)
         if (const int code =
-                make_request(&body[static_cast<size_t>(id)], scan->plan, query.no_nan, id, njob, err))
+                query_request(&body[static_cast<size_t>(id)], scan->plan, query.no_nan, id, njob, err))
             return code;
     return start(scan, body, err);
 }

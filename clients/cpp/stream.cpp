@@ -11,6 +11,8 @@
 
 #include "clients/cpp/client_int.h"
 
+using namespace kelp;
+
 static constexpr char STREAM_HINT[] =
     "check host and port; if that is kelpd, one of its files or the connection is damaged";
 
@@ -77,7 +79,7 @@ static int begin_page(stream_t* st, kelp_error_t* err) {
     return st->body_left == 0 ? end_page(st, err) : 0;
 }
 
-int stream_feed(stream_t* st, const char* p, size_t n, kelp_error_t* err) {
+int kelp::stream_feed(stream_t* st, const char* p, size_t n, kelp_error_t* err) {
     while (n > 0) {
         int code = 0;
         switch (st->state) {
@@ -117,7 +119,7 @@ int stream_feed(stream_t* st, const char* p, size_t n, kelp_error_t* err) {
     return 0;
 }
 
-int stream_end(const stream_t* st, kelp_error_t* err) {
+int kelp::stream_end(const stream_t* st, kelp_error_t* err) {
     if (st->state == stream_t::ENDED) return 0;
     return kelp_fail(err, KELP_ECUT, "look into the server's log, and try again",
                      "the reply ends without its end record");

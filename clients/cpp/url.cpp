@@ -6,6 +6,8 @@
 
 #include "clients/cpp/client_int.h"
 
+using namespace kelp;
+
 // Copies text, one line of printable characters, cut to fit.
 static void copy_line(char* dst, size_t dstsz, std::string_view s) {
     const size_t n = std::min(s.size(), dstsz - 1);
@@ -63,7 +65,7 @@ static std::string decode(std::string_view s) {
     return out;
 }
 
-std::string percent_encode(std::string_view s) {
+std::string kelp::percent_encode(std::string_view s) {
     static constexpr char DIGIT[] = "0123456789abcdef";
     std::string out;
     for (const char ch : s) {
@@ -193,7 +195,7 @@ int kelp_url_depth(const kelp_url_t& url) {
     return url.partition.empty() ? 3 : 4;
 }
 
-int want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err) {
+int kelp::want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err) {
     const int depth = kelp_url_depth(url);
     if (depth >= least && depth <= most) return 0;
     return kelp_fail(err, KELP_EARG, URL_HINT, "%s does not name %s", kelp_url_format(url, true).c_str(),

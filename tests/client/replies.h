@@ -15,6 +15,8 @@
 
 namespace replies {
 
+using namespace kelp;
+
 using support::image;
 using support::table_t;
 using support::value_t;

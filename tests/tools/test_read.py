@@ -37,6 +37,32 @@ class Read(ToolTest):
         self.assertEqual(["2"], self.ids("note = ''"))
         self.assertEqual(["4"], self.ids("qty < 20", "id > 1 and note is not null"))
 
+    def test_every_flipped_byte_of_a_page_ends_a_cat_with_an_error(self):
+        whole = self.load("t.cvn")
+        footer = int.from_bytes(whole[-16:-8], "little")
+        refused = 0
+        for at in range(8, len(whole) - 16 - footer):
+            self.write("bad.cvn", whole[:at] + bytes([whole[at] ^ 0x20]) + whole[at + 1:])
+            done = self.run_cvn("cat", "bad.cvn", status=None)
+            if done.returncode == 0:  # a byte between two pages, which belongs to none
+                self.assertEqual(0, whole[at])
+                self.assertEqual(self.cat(), done.out)
+                continue
+            refused += 1
+            self.assertEqual(1, done.returncode)
+            self.assertIn("is damaged: its hash does not match; 'cvn verify' tells more", done.err)
+            self.assertEqual("", done.out)
+        self.assertGreater(refused, 30)
+
+    def test_one_language_of_conditions_for_files_and_tables(self):
+        self.assertEqual(["4"], self.ids('note = "b,c"'))
+        self.assertEqual(["3"], self.ids("note = plain"))
+        self.assertEqual(["1", "2"], self.ids("id < 0x3"))
+        self.assertEqual(["2"], self.ids("qty isnull"))
+        self.assertEqual([], self.ids("note = plain text and id > 0"))
+        err = self.run_cvn("cat", "t.cvn", "--where", 'note = "id"', status=1).err
+        self.assertIn("condition on column 'note' (cstr): 'id' may be a text or the column of that name", err)
+
     def test_bad_conditions_columns_and_formats_are_told(self):
         for where in ("qty >", "qty 10", "qty = 'a"):
             self.run_cvn("cat", "t.cvn", "--where", where, status=2)

@@ -349,8 +349,8 @@ TEST(ArrowFile, ReportsADamagedPage) {
     int code = 0;
     (void)arrow_reader::read_all(&stream, &code);
     EXPECT_EQ(EIO, code);
-    EXPECT_NE(nullptr,
-              strstr(stream.get_last_error(&stream), "column bool is damaged: its hash does not match"))
+    EXPECT_NE(nullptr, strstr(stream.get_last_error(&stream),
+                              "column bool in row group 0 is damaged: its hash does not match"))
         << stream.get_last_error(&stream);
     stream.release(&stream);
 }

@@ -516,7 +516,9 @@ TEST(ClientScan, MistakesInAQueryAreFoundBeforeTheScan) {
     fails("there is no column nope", [](kelp_query_t& q) { q.column = {"nope"}; });
     fails("named twice", [](kelp_query_t& q) { q.column = {"int32", "bool", "int32"}; });
     fails("named twice", [](kelp_query_t& q) { q.column = {"int32", "int32"}; });
-    fails("'x' is no value of column int32", [](kelp_query_t& q) { q.cond = {{"int32", CVN_OP_EQ, {"x"}}}; });
+    fails("column int32 (int32): 'x' is not a whole number", [](kelp_query_t& q) {
+        q.cond = {{"int32", CVN_OP_EQ, {"x"}}};
+    });
     fails("takes one value", [](kelp_query_t& q) { q.cond = {{"int32", CVN_OP_EQ, {}}}; });
     fails("takes no value", [](kelp_query_t& q) { q.cond = {{"int32", CVN_OP_ISNULL, {"1"}}}; });
     fails("no valid operator", [](kelp_query_t& q) { q.cond = {{"int32", 77, {"1"}}}; });

@@ -1,11 +1,12 @@
-// What the client reads from text: URLs, conditions and values.
+// What the client reads from text: URLs and conditions; and how it words what is wrong.
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <cmath>
 
 #include "clients/cpp/client_int.h"
 #include "support.h"
+
+using namespace kelp;
 
 namespace {
 
@@ -155,8 +156,9 @@ TEST(ClientCond, IsReadInAllItsForms) {
 
 TEST(ClientCond, ThatIsMalformedIsRefused) {
     for (const char* text :
-         {"", "a", "a =", "= 1", "a in", "a in (", "a in (1", "a in (1,)", "a in 1", "a is", "a is not",
-          "a is nul", "a is null x", "a isnullx", "a = 'x", "a = 'x' y", "\"a = 1", "a ~ 1", "a like b"}) {
+         {"",          "a",         "a =",     "= 1",      "a in",     "a in (",      "a in (1",
+          "a in (1,)", "a in 1",    "a is",    "a is not", "a is nul", "a is null x", "a isnullx",
+          "a = 'x",    "a = 'x' y", "\"a = 1", "a ~ 1",    "a like b", "a = b or c"}) {
         kelp_cond_t cond{"x", 5, {"y"}};
         kelp_error_t err{};
         EXPECT_EQ(KELP_EARG, kelp_cond_parse(&cond, text, &err)) << text;
@@ -172,184 +174,71 @@ TEST(ClientCond, AValueThatLooksLikeMoreOfAConditionNeedsQuotes) {
         const char* value;
         const char* words;
     } const cases[] = {
-        {"mode => AIR", "mode = '> AIR'", "> AIR", "an operator that there is not"},
-        {"a === 1", "a == '= 1'", "= 1", "an operator that there is not"},
-        {"a = !x", "a = \"!x\"", "!x", "an operator that there is not"},
-        {"a >< 1", "a > '< 1'", "< 1", "an operator that there is not"},
+        {"mode => AIR", "mode = '> AIR'", "> AIR", "no such operator"},
+        {"a === 1", "a == '= 1'", "= 1", "no such operator"},
+        {"a = !x", "a = \"!x\"", "!x", "no such operator"},
+        {"a >< 1", "a > '< 1'", "< 1", "no such operator"},
         {"mode = AIR and qty = 5", "mode = 'AIR and qty = 5'", "AIR and qty = 5", "more than one condition"},
-        {"mode = AIR\tAND b", "mode = 'AIR\tAND b'", "AIR\tAND b", "more than one condition"},
-        {"a in (=1)", "a in ('=1')", "=1", "an operator that there is not"},
-        {"a in (x and y)", "a in ('x and y')", "x and y", "more than one condition"},
+        {"a in (=1)", "a in ('=1')", "=1", "no such operator"},
+        {"a in (x and y)", "a in ('x and y')", "x and y", "',' or ')' is missing"},
+        {"a = salt or pepper", "a = 'salt or pepper'", "salt or pepper", "needs quotes"},
     };
     for (const auto& c : cases) {
         kelp_cond_t cond;
         kelp_error_t err{};
         EXPECT_EQ(KELP_EARG, kelp_cond_parse(&cond, c.bare, &err)) << c.bare;
         EXPECT_NE(nullptr, strstr(err.text, c.words)) << err.text;
-        EXPECT_NE(nullptr, strstr(err.text, "quotes")) << err.text;
+        EXPECT_NE(nullptr, strstr((std::string(err.text) + err.hint).c_str(), "quotes"))
+            << err.text << err.hint;
         ASSERT_EQ(0, kelp_cond_parse(&cond, c.quoted, &err)) << c.quoted << err.text;
         EXPECT_EQ(std::vector<std::string>{c.value}, cond.value);
     }
-    for (const char* text :
-         {"a = sand and", "a = and more", "a = and", "a = x-and-y", "a = brandy", "a = x=1"}) {
+    for (const char* text : {"a = and more", "a = and", "a = x-and-y", "a = brandy", "a = x=1"}) {
         kelp_cond_t cond;
         EXPECT_EQ(0, kelp_cond_parse(&cond, text, nullptr)) << text;
     }
 }
 
-// The value of a text as an integer of the type's width.
-bool value_of(const char* s, cvn_typ_t typ, cvn_int128_t* ret) {
-    cvn_datum_t d;
-    std::string text;
-    if (value_parse(&d, &text, s, typ, "c", nullptr) != 0) return false;
-    switch (typ & 0xffff) {
-        case CVN_TYP_BOOL: *ret = d.b; break;
-        case CVN_TYP_INT16: *ret = d.s; break;
-        case CVN_TYP_INT32: *ret = d.i; break;
-        case CVN_TYP_INT64: *ret = d.I; break;
-        default: *ret = d.L; break;
-    }
-    return true;
+const std::vector<kelp_column_t> COLUMNS = {
+    {"d", CVN_TYP_DOUBLE}, {"f", CVN_TYP_FLOAT}, {"n", CVN_TYP_INT32}, {"t", CVN_TYP_CSTR}, {"u", 0}};
+
+// What a query of all columns but the last fails with, and its words.
+int plan_error(const kelp_query_t& query, kelp_error_t* err) {
+    rows::cond_t cond;
+    plan_t plan;
+    *err = kelp_error_t{};
+    if (const int code = query_cond(&cond, query, err)) return code;
+    return query_plan(&plan, COLUMNS, {"d", "t"}, false, cond, err);
 }
 
-TEST(ClientValue, IntegersAreReadStrictly) {
-    struct {
-        cvn_typ_t typ;
-        const char* text;
-        cvn_int128_t value;
-    } const good[] = {
-        {CVN_TYP_BOOL, "true", 1},
-        {CVN_TYP_BOOL, "F", 0},
-        {CVN_TYP_INT16, "-32768", -32768},
-        {CVN_TYP_INT16, "010", 10},
-        {CVN_TYP_INT16, "0x10", 16},
-        {CVN_TYP_INT32, "2147483647", 2147483647},
-        {CVN_TYP_INT64, "-9223372036854775808", INT64_MIN},
-        {CVN_TYP_INT128, "-1", -1},
-        {CVN_TYP_INT128, "0xffffffffffffffffffffffffffffffff", -1},
-        {CVN_TYP_INT128, "-170141183460469231731687303715884105728",
-         static_cast<cvn_int128_t>(static_cast<unsigned __int128>(1) << 127)},
-        {CVN_TYP_DATE, "1970-01-01", 0},
-        {CVN_TYP_DATE, "2000-03-01", 11017},
-        {CVN_TYP_DATE, "1969-12-31", -1},
-        {CVN_TYP_DATE, "2024-02-29", 19782},
-        {CVN_TYP_DATE, "-5", -5},
-        {CVN_TYP_TIME_MILLIS, "00:00", 0},
-        {CVN_TYP_TIME_MILLIS, "12:34:56.7", 45296700},
-        {CVN_TYP_TIMESTAMP_MILLIS, "1970-01-02T00:00:00.001Z", 86400001},
-        {CVN_TYP_TIMESTAMP_MILLIS, "1969-12-31 23:59", -60000},
-        {CVN_TYP_TIMESTAMP_MILLIS, "1970-01-02", 86400000},
-    };
-    for (const auto& g : good) {
-        cvn_int128_t v = 0;
-        ASSERT_TRUE(value_of(g.text, g.typ, &v)) << g.text;
-        EXPECT_TRUE(v == g.value) << g.text;
-    }
-    struct {
-        cvn_typ_t typ;
-        const char* text;
-    } const bad[] = {
-        {CVN_TYP_BOOL, "2"},
-        {CVN_TYP_BOOL, ""},
-        {CVN_TYP_INT16, "32768"},
-        {CVN_TYP_INT16, "x"},
-        {CVN_TYP_INT16, ""},
-        {CVN_TYP_INT16, "5x"},
-        {CVN_TYP_INT32, "2147483648"},
-        {CVN_TYP_INT32, "1.5"},
-        {CVN_TYP_INT32, " 5"},
-        {CVN_TYP_INT64, "9223372036854775808"},
-        {CVN_TYP_INT64, "0x"},
-        {CVN_TYP_INT128, "170141183460469231731687303715884105728"},
-        {CVN_TYP_INT128, "0x1ffffffffffffffffffffffffffffffff"},
-        {CVN_TYP_DATE, "2023-02-29"},
-        {CVN_TYP_DATE, "2023-13-01"},
-        {CVN_TYP_DATE, "2023-1-1"},
-        {CVN_TYP_DATE, "2023-01-01x"},
-        {CVN_TYP_TIME_MILLIS, "24:00"},
-        {CVN_TYP_TIME_MILLIS, "12:34:5"},
-        {CVN_TYP_TIME_MILLIS, "12:34:56."},
-        {CVN_TYP_TIME_MILLIS, "12:34:56.1234"},
-        {CVN_TYP_TIMESTAMP_MILLIS, "2023-01-01X00:00"},
-        {CVN_TYP_TIMESTAMP_MILLIS, "2023-01-01T00:00+01"},
-        {CVN_TYP_INT32, "2021-07-04"},
-    };
-    for (const auto& b : bad) {
-        cvn_int128_t v = 0;
-        EXPECT_FALSE(value_of(b.text, b.typ, &v)) << b.text;
-    }
-}
-
-TEST(ClientValue, OtherTypesAreReadStrictlyToo) {
-    cvn_datum_t d;
-    std::string text;
-    kelp_error_t err{};
-    ASSERT_EQ(0, value_parse(&d, &text, "1e3", CVN_TYP_DOUBLE, "c", &err));
-    EXPECT_EQ(1000.0, d.F);
-    ASSERT_EQ(0, value_parse(&d, &text, "-inf", CVN_TYP_FLOAT, "c", &err));
-    EXPECT_EQ(-HUGE_VALF, d.f);
-    ASSERT_EQ(0, value_parse(&d, &text, "\\x00ff41", CVN_TYP_BYTEA, "c", &err));
-    EXPECT_EQ(std::string("\0\xff"
-                          "A",
-                          3),
-              std::string(d.a.ptr, static_cast<size_t>(d.a.len)));
-    ASSERT_EQ(0, value_parse(&d, &text, "abc", CVN_TYP_BYTEA, "c", &err));
-    EXPECT_EQ(3, d.a.len);
-    ASSERT_EQ(0, value_parse(&d, &text, "", CVN_TYP_CSTR, "c", &err));
-    EXPECT_STREQ("", d.t);
-    for (const auto& [s, typ] :
-         std::initializer_list<std::pair<const char*, cvn_typ_t>>{{"", CVN_TYP_DOUBLE},
-                                                                  {"1x", CVN_TYP_DOUBLE},
-                                                                  {" 1", CVN_TYP_FLOAT},
-                                                                  {"\\x0", CVN_TYP_BYTEA},
-                                                                  {"\\xzz", CVN_TYP_BYTEA},
-                                                                  {"1.2.3", CVN_TYP_DEC64},
-                                                                  {"12345678901234567", CVN_TYP_DEC64},
-                                                                  {"", CVN_TYP_DEC128}}) {
-        EXPECT_EQ(KELP_EARG, value_parse(&d, &text, s, typ, "c", &err)) << s;
-        EXPECT_NE(nullptr, strstr(err.text, "no value of column c")) << err.text;
-    }
-}
-
-TEST(ClientValue, NumbersThatTheirTypeDoesNotHoldAreRefused) {
-    struct {
-        const char* text;
-        cvn_typ_t typ;
-        bool good;
-        double value;
-    } const cases[] = {
-        {"3.4028234e38", CVN_TYP_FLOAT, true, 3.4028234663852886e38},
-        {"3.5e38", CVN_TYP_FLOAT, false, 0},
-        {"3.5e38", CVN_TYP_DOUBLE, true, 3.5e38},
-        {"-1e400", CVN_TYP_DOUBLE, false, 0},
-        {"1e-400", CVN_TYP_DOUBLE, false, 0},
-        {"1e-60", CVN_TYP_FLOAT, false, 0},
-        {"5e-324", CVN_TYP_DOUBLE, true, 5e-324},
-        {"0e9", CVN_TYP_DOUBLE, true, 0},
-        {"+1.5", CVN_TYP_DOUBLE, true, 1.5},
-        {"-0x1.8p1", CVN_TYP_DOUBLE, true, -3},
-        {".5", CVN_TYP_DOUBLE, true, 0.5},
-        {"+inf", CVN_TYP_FLOAT, true, HUGE_VAL},
-        {"-Infinity", CVN_TYP_DOUBLE, true, -HUGE_VAL},
-        {"+-1", CVN_TYP_DOUBLE, false, 0},
-        {"--1", CVN_TYP_DOUBLE, false, 0},
-        {"0xnan", CVN_TYP_DOUBLE, false, 0},
-        {"0x", CVN_TYP_DOUBLE, false, 0},
-        {"1,5", CVN_TYP_DOUBLE, false, 0},
-        {"infinit", CVN_TYP_DOUBLE, false, 0},
-    };
-    for (const auto& c : cases) {
-        cvn_datum_t d;
-        std::string text;
-        ASSERT_EQ(c.good ? 0 : KELP_EARG, value_parse(&d, &text, c.text, c.typ, "c", nullptr)) << c.text;
-        if (c.good) {
-            EXPECT_EQ(c.value, c.typ == CVN_TYP_FLOAT ? double{d.f} : d.F) << c.text;
-        }
-    }
-    cvn_datum_t d;
-    std::string text;
-    ASSERT_EQ(0, value_parse(&d, &text, "-NaN", CVN_TYP_FLOAT, "c", nullptr));
-    EXPECT_TRUE(std::isnan(d.f));
+TEST(ClientQuery, SaysWhatIsWrongWithItsConditions) {
+    kelp_error_t err;
+    kelp_query_t query;
+    query.where = {"n > 1 and t = 'x'", "\"d\" <= 5"};
+    query.cond = {{"f", CVN_OP_GT, {"1"}}};
+    EXPECT_EQ(0, plan_error(query, &err)) << err.text;
+    query.where = {"n >"};
+    EXPECT_EQ(KELP_EARG, plan_error(query, &err));
+    EXPECT_NE(nullptr, strstr(err.text, "condition 'n >': a constant is missing")) << err.text;
+    EXPECT_NE('\0', err.hint[0]);
+    query.where = {"x > 1"};
+    EXPECT_EQ(KELP_EARG, plan_error(query, &err));
+    EXPECT_STREQ("there is no column x", err.text);
+    EXPECT_NE(nullptr, strstr(err.hint, "d, f, n, t")) << err.hint;
+    query.where = {"u > 1"};
+    EXPECT_EQ(KELP_EPROTO, plan_error(query, &err));
+    EXPECT_NE(nullptr, strstr(err.text, "column u is of an unknown type")) << err.text;
+    query.where = {"n = 1.5"};
+    EXPECT_EQ(KELP_EARG, plan_error(query, &err));
+    EXPECT_STREQ("condition on column n (int32): '1.5' is not a whole number", err.text);
+    EXPECT_NE(nullptr, strstr(err.hint, "whole number from")) << err.hint;
+    query.where.clear();
+    query.cond = {{"n", CVN_OP_EQ, {}}};
+    EXPECT_EQ(KELP_EARG, plan_error(query, &err));
+    EXPECT_NE(nullptr, strstr(err.text, "column n takes one value")) << err.text;
+    query.cond = {{"n", 77, {"1"}}};
+    EXPECT_EQ(KELP_EARG, plan_error(query, &err));
+    EXPECT_NE(nullptr, strstr(err.text, "no valid operator")) << err.text;
 }
 
 // A locale whose numbers have a comma for a point: the file that the C library reads for this category.
@@ -373,7 +262,7 @@ std::string comma_locale() {
            le32(',') + le32('.');
 }
 
-TEST(ClientValue, NumbersAreReadAndWrittenWithAPointInEveryLocale) {
+TEST(ClientQuery, NumbersAreReadAndWrittenWithAPointInEveryLocale) {
     support::temp_dir_t dir;
     std::filesystem::create_directories(dir / "xx_XX");
     support::write_file(dir / "xx_XX/LC_NUMERIC", comma_locale());
@@ -381,22 +270,24 @@ TEST(ClientValue, NumbersAreReadAndWrittenWithAPointInEveryLocale) {
     const bool set = setlocale(LC_NUMERIC, "xx_XX") != nullptr;
     char comma[8];
     snprintf(comma, sizeof(comma), "%.1f", 0.5);
-    kelp_cond_t cond;
-    bound_cond_t bound;
+    kelp_query_t query;
+    query.where = {"d = 0.5", "f = 0.5 and d > 1e-400"};
     kelp_error_t err{};
-    std::string pushed[2];
-    int code = kelp_cond_parse(&cond, "c = 0.5", &err);
-    for (int i = 0; i < 2 && code == 0; i++) {
-        code = cond_bind(&bound, cond, 0, i ? CVN_TYP_DOUBLE : CVN_TYP_FLOAT, &err);
-        if (code == 0) pushed[i] = cond_push(bound, true).at(0).value;
-    }
+    rows::cond_t cond;
+    plan_t plan;
+    std::string body;
+    int code = query_cond(&cond, query, &err);
+    if (code == 0) code = query_plan(&plan, COLUMNS, {"d"}, false, cond, &err);
+    if (code == 0) code = query_request(&body, plan, true, 0, 1, &err);
     setlocale(LC_NUMERIC, "C");
     unsetenv("LOCPATH");
     ASSERT_TRUE(set);
     ASSERT_STREQ("0,5", comma);  // the locale is one
     EXPECT_EQ(0, code) << err.text;
-    EXPECT_EQ("0.5", pushed[0]);
-    EXPECT_EQ("0.5", pushed[1]);
+    EXPECT_EQ(
+        R"({"column": ["d", "f"], "condition": [["d", "==", "0.5"], ["f", "==", "0.5"], ["d", ">", "0"]], )"
+        R"("fragment": [0, 1]})",
+        body);
 }
 
 TEST(ClientError, IsOnePrintableLine) {

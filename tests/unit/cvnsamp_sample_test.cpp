@@ -209,8 +209,7 @@ TEST_F(CvnsampSample, ReadsOnlyTheRowGroupsThatHoldAChosenRow) {
         const bool needed = rows[0] >= first && rows[0] < end;
         const std::string out = sample(1, seed, {large});
         if (needed) {
-            EXPECT_EQ("'" + large +
-                          "': damaged: row group 1, column 'body': the stored bytes do not match their hash",
+            EXPECT_EQ("'" + large + "': damaged: row group 1, column 'body': its hash does not match",
                       error_);
             ++noticed;
         } else {
@@ -275,7 +274,7 @@ TEST_F(CvnsampSample, RefusesEveryByteOfAPageChangedUnderItsHash) {
             std::string bad = file;
             bad[i] = static_cast<char>(bad[i] ^ 1);
             write_file(path("b.cvn"), bad);
-            EXPECT_NE(std::string::npos, refusal({path("b.cvn")}).find("do not match their hash")) << i;
+            EXPECT_NE(std::string::npos, refusal({path("b.cvn")}).find("its hash does not match")) << i;
         }
     }
 }
@@ -293,7 +292,7 @@ TEST_F(CvnsampSample, RefusesPagesThatLieAboutTheirValues) {
     const table_t t = numbered(0, 9);
     const std::string where = "'" + path("d.cvn") + "': damaged: row group 0, column ";
     // A text without its NUL: the last byte before the null bitmap.
-    EXPECT_EQ(where + "'note': the values leave the page",
+    EXPECT_EQ(where + "'note': its values do not fit its size",
               damaged_chunk(t, 1, [](std::string& f, size_t offset, size_t meta) {
                   // Every row is wanted only when the sample is large enough: spoil the first row's NUL and
                   // all others.
@@ -301,17 +300,17 @@ TEST_F(CvnsampSample, RefusesPagesThatLieAboutTheirValues) {
                   for (size_t i = offset; i < end; ++i)
                       if (f[i] == 0) f[i] = 'x';
               }));
-    EXPECT_EQ(where + "'note': the null bitmap is not where it must be",
+    EXPECT_EQ(where + "'note': its size does not fit its rows",
               damaged_chunk(t, 1, [](std::string& f, size_t, size_t meta) {
                   patch(f, meta + 28, load<int32_t>(f, meta + 28) - 1);
               }));
     EXPECT_EQ(
-        where + "'note': the null bitmap is not where it must be",
+        where + "'note': its size does not fit its rows",
         damaged_chunk(t, 1, [](std::string& f, size_t, size_t meta) { patch(f, meta + 28, int32_t{-5}); }));
     EXPECT_EQ(
-        where + "'id': its row count differs from that of the row group",
+        where + "'id': its size does not fit its type",
         damaged_chunk(t, 0, [](std::string& f, size_t, size_t meta) { patch(f, meta + 8, int32_t{8}); }));
-    EXPECT_EQ(where + "'id': it does not decompress",
+    EXPECT_EQ(where + "'id': its size does not fit its rows",
               damaged_chunk(t, 0, [](std::string& f, size_t, size_t meta) {
                   patch(f, meta + 16, load<int32_t>(f, meta + 16) + 1);
               }));
@@ -322,7 +321,7 @@ TEST_F(CvnsampSample, RefusesAByteStringLongerThanItsPage) {
     t.column = {{"b", CVN_TYP_BYTEA, false, false}};
     t.value = {{text("abc"), text("defg"), text("")}};
     for (const int32_t len : {-1, INT32_MIN, INT32_MAX, 100}) {
-        EXPECT_EQ("'" + path("d.cvn") + "': damaged: row group 0, column 'b': the values leave the page",
+        EXPECT_EQ("'" + path("d.cvn") + "': damaged: row group 0, column 'b': its values do not fit its size",
                   damaged_chunk(t, 0, [&](std::string& f, size_t offset, size_t) { patch(f, offset, len); }));
     }
 }

@@ -6,7 +6,9 @@
 #include <random>
 #include <string>
 
-#include "tools/value.h"
+#include "rows/value.h"
+
+using namespace rows;
 
 namespace {
 
@@ -31,7 +33,7 @@ struct padded_t {
 
 }  // namespace
 
-TEST(Value, GivesEveryTypeBackAsItWasWritten) {
+TEST(RowsValue, GivesEveryTypeBackAsItWasWritten) {
     EXPECT_EQ("true", round_trip("T", CVN_TYP_BOOL));
     EXPECT_EQ("false", round_trip("0", CVN_TYP_BOOL));
     EXPECT_EQ("-32768", round_trip("-32768", CVN_TYP_INT16));
@@ -61,7 +63,7 @@ TEST(Value, GivesEveryTypeBackAsItWasWritten) {
     EXPECT_EQ("1969-12-31T23:59:59.999Z", round_trip("1969-12-31T23:59:59.999", CVN_TYP_TIMESTAMP_MILLIS));
 }
 
-TEST(Value, GivesTheExtremesOfTimestampsBack) {
+TEST(RowsValue, GivesTheExtremesOfTimestampsBack) {
     for (const int64_t v : {INT64_MIN, INT64_MIN + 1, int64_t(-1), int64_t(0), INT64_MAX - 1, INT64_MAX}) {
         cvn_datum_t datum = {};
         datum.I = v;
@@ -82,38 +84,106 @@ TEST(Value, GivesTheExtremesOfTimestampsBack) {
     }
 }
 
-TEST(Value, RefusesWhatIsNotOfTheType) {
-    for (const char* text : {"", "x", "1.0", "1e3", " 1", "1 ", "--1", "0x10", "32768", "-32769"})
+TEST(RowsValue, RefusesWhatIsNotOfTheType) {
+    for (const char* text : {"", "x", "1.0", "1e3", " 1", "1 ", "--1", "+-1", "0x", "0xg", "5x", "32768",
+                             "-32769", "0x8000", "0xffffffffffffffffffffffffffffffff"})
         EXPECT_TRUE(refused(text, CVN_TYP_INT16)) << text;
     for (const char* text : {"2147483648", "-2147483649", "99999999999"})
         EXPECT_TRUE(refused(text, CVN_TYP_INT32)) << text;
     EXPECT_TRUE(refused("9223372036854775808", CVN_TYP_INT64));
     EXPECT_TRUE(refused("170141183460469231731687303715884105728", CVN_TYP_INT128));
     EXPECT_TRUE(refused("0x1ffffffffffffffffffffffffffffffff", CVN_TYP_INT128));
-    for (const char* text : {"", ".", "-", "1e400", "1.2.3", "1,5", "0x1p3", "1-"})
-        EXPECT_TRUE(refused(text, CVN_TYP_DOUBLE)) << text;
-    for (const char* text : {"2023-02-29", "2024-13-01", "2024-00-10", "2024-01-00", "2024-04-31",
-                             "1900-02-29", "24-01-01", "2024-1-01", "2024/01/01", "2024-01-01T", "20240101"})
-        EXPECT_TRUE(refused(text, CVN_TYP_DATE)) << text;
-    for (const char* text : {"24:00", "12:60", "12:00:60", "1:00", "12:00:00.", "12:00:00.0001", "12"})
-        EXPECT_TRUE(refused(text, CVN_TYP_TIME_MILLIS)) << text;
     for (const char* text :
-         {"2024-01-01", "2024-01-01T", "2024-01-01T12", "2024-01-01T12:00X", "2024-01-01T12:00+25:00"})
+         {"", ".", "-", "1e400", "1.2.3", "1,5", "1-", " 1", "+-1", "--1", "0xnan", "0x", "0x-1", "infinit"})
+        EXPECT_TRUE(refused(text, CVN_TYP_DOUBLE)) << text;
+    for (const char* text :
+         {"2023-02-29", "2024-13-01", "2024-00-10", "2024-01-00", "2024-04-31", "1900-02-29", "24-01-01",
+          "2024-1-01", "2024/01/01", "2024-01-01T", "2024-01-01x", "1.5", "2147483648", ""})
+        EXPECT_TRUE(refused(text, CVN_TYP_DATE)) << text;
+    for (const char* text : {"24:00", "12:60", "12:00:60", "1:00", "12:00:00.", "12:00:00.0001", "12:3",
+                             "2147483648", "1.5", "ms", ""})
+        EXPECT_TRUE(refused(text, CVN_TYP_TIME_MILLIS)) << text;
+    for (const char* text : {"2024-01-01T", "2024-01-01T12", "2024-01-01T12:00X", "2024-01-01T12:00+25:00",
+                             "2024-01-01X00:00", "2024-01-01T12:00+1", "9223372036854775808", ""})
         EXPECT_TRUE(refused(text, CVN_TYP_TIMESTAMP_MILLIS)) << text;
-    for (const char* text : {"00", "\\x0", "\\xzz", "x00"}) EXPECT_TRUE(refused(text, CVN_TYP_BYTEA)) << text;
+    for (const char* text : {"\\x0", "\\xzz", "\\X1g"}) EXPECT_TRUE(refused(text, CVN_TYP_BYTEA)) << text;
     for (const char* text : {"", "maybe", "2", "tru"}) EXPECT_TRUE(refused(text, CVN_TYP_BOOL)) << text;
     EXPECT_TRUE(refused(std::string("a\0b", 3), CVN_TYP_CSTR));
     EXPECT_TRUE(refused(std::string("1\0", 2), CVN_TYP_DEC64));
 }
 
-TEST(Value, TellsADecimalThatIsTooLongFromOneThatIsNone) {
+TEST(RowsValue, ReadsEverySpellingOfAWholeNumber) {
+    EXPECT_EQ("10", round_trip("010", CVN_TYP_INT16));
+    EXPECT_EQ("16", round_trip("0x10", CVN_TYP_INT16));
+    EXPECT_EQ("-32768", round_trip("-0x8000", CVN_TYP_INT16));
+    EXPECT_EQ("255", round_trip("+0XfF", CVN_TYP_INT32));
+    EXPECT_EQ("9223372036854775807", round_trip("0x7fffffffffffffff", CVN_TYP_INT64));
+    EXPECT_EQ("-170141183460469231731687303715884105728",
+              round_trip("-0x80000000000000000000000000000000", CVN_TYP_INT128));
+    EXPECT_TRUE(refused("-0x80000000000000000000000000000001", CVN_TYP_INT128));
+}
+
+TEST(RowsValue, ReadsEverySpellingOfARealNumber) {
+    EXPECT_EQ("-3", round_trip("-0x1.8p1", CVN_TYP_DOUBLE));
+    EXPECT_EQ("0.5", round_trip(".5", CVN_TYP_DOUBLE));
+    EXPECT_EQ("1.5", round_trip("+1.5", CVN_TYP_FLOAT));
+    EXPECT_EQ("inf", round_trip("+inf", CVN_TYP_FLOAT));
+    EXPECT_EQ("NaN", round_trip("-NaN", CVN_TYP_FLOAT));
+    EXPECT_EQ("0", round_trip("0e9", CVN_TYP_DOUBLE));
+}
+
+TEST(RowsValue, TakesTheNearestOfANumberTooSmallForItsTypeAndNoneForOneTooLarge) {
+    EXPECT_EQ("0", round_trip("1e-400", CVN_TYP_DOUBLE));
+    EXPECT_EQ("-0", round_trip("-1e-400", CVN_TYP_DOUBLE));
+    EXPECT_EQ("0", round_trip("1e-60", CVN_TYP_FLOAT));
+    EXPECT_EQ("5e-324", round_trip("4e-324", CVN_TYP_DOUBLE));
+    EXPECT_EQ("0", round_trip("0x1p-2000", CVN_TYP_DOUBLE));
+    for (const char* text : {"1e400", "-1e400", "0x1p2000"})
+        EXPECT_TRUE(refused(text, CVN_TYP_DOUBLE)) << text;
+    EXPECT_TRUE(refused("3.5e38", CVN_TYP_FLOAT));
+    EXPECT_FALSE(refused("3.5e38", CVN_TYP_DOUBLE));
+}
+
+TEST(RowsValue, ReadsDaysAndMillisecondsAsNumbers) {
+    EXPECT_EQ("1970-01-01", round_trip("0", CVN_TYP_DATE));
+    EXPECT_EQ("1969-12-27", round_trip("-5", CVN_TYP_DATE));
+    EXPECT_EQ("2021-07-04", round_trip("18812", CVN_TYP_DATE));
+    EXPECT_EQ("1975-07-15", round_trip("+2021", CVN_TYP_DATE));
+    EXPECT_EQ("1975-07-15", round_trip("0x7e5", CVN_TYP_DATE));
+    EXPECT_EQ("00:00:05", round_trip("5000ms", CVN_TYP_TIME_MILLIS));
+    EXPECT_EQ("12:34:56.789", round_trip("45296789", CVN_TYP_TIME_MILLIS));
+    EXPECT_EQ("1970-01-01T00:00:00.001Z", round_trip("1", CVN_TYP_TIMESTAMP_MILLIS));
+    EXPECT_EQ("2023-11-14T22:13:20Z", round_trip("1700000000000", CVN_TYP_TIMESTAMP_MILLIS));
+    EXPECT_EQ("2024-01-31T00:00:00Z", round_trip("2024-01-31", CVN_TYP_TIMESTAMP_MILLIS));
+}
+
+TEST(RowsValue, RefusesANumberThatMayBeADayOrATime) {
+    for (const char* text : {"2021", "1000", "9999", "20210704", "20211231"}) {
+        EXPECT_TRUE(refused(text, CVN_TYP_DATE)) << text;
+        EXPECT_TRUE(refused(text, CVN_TYP_TIMESTAMP_MILLIS)) << text;
+    }
+    EXPECT_TRUE(refused("20210704123000", CVN_TYP_TIMESTAMP_MILLIS));
+    for (const char* text : {"1230", "0000", "235959"})
+        EXPECT_TRUE(refused(text, CVN_TYP_TIME_MILLIS)) << text;
+    for (const char* text : {"999", "20211332", "0999"}) EXPECT_FALSE(refused(text, CVN_TYP_DATE)) << text;
+    for (const char* text : {"2460", "123060"}) EXPECT_FALSE(refused(text, CVN_TYP_TIME_MILLIS)) << text;
+}
+
+TEST(RowsValue, TakesATextForItsBytesUnlessItBeginsLikeDigits) {
+    EXPECT_EQ("\\x616263", round_trip("abc", CVN_TYP_BYTEA));
+    EXPECT_EQ("\\x", round_trip("", CVN_TYP_BYTEA));
+    EXPECT_EQ("\\x00ff41", round_trip("\\X00fF41", CVN_TYP_BYTEA));
+    EXPECT_EQ("\\x5c", round_trip("\\", CVN_TYP_BYTEA));
+}
+
+TEST(RowsValue, TellsADecimalThatIsTooLongFromOneThatIsNone) {
     value_t value;
     EXPECT_STREQ("does not fit dec64 exactly (16 significant digits); use dec128",
                  value_from_text(&value, "1.2345678901234567", CVN_TYP_DEC64));
     EXPECT_STREQ("is not a decimal number", value_from_text(&value, "1x", CVN_TYP_DEC64));
 }
 
-TEST(ValueFast, ReadsEveryDayOfSixCenturiesAsTheCalendarDoes) {
+TEST(RowsValueFast, ReadsEveryDayOfSixCenturiesAsTheCalendarDoes) {
     for (int64_t days = value_days(1699, 12, 1); days < value_days(2300, 2, 1); ++days) {
         int64_t year;
         unsigned month, day;
@@ -133,7 +203,7 @@ TEST(ValueFast, ReadsEveryDayOfSixCenturiesAsTheCalendarDoes) {
     EXPECT_EQ(19753, value_days(2024, 1, 31));
 }
 
-TEST(ValueFast, RefusesADateWithAnyByteChanged) {
+TEST(RowsValueFast, RefusesADateWithAnyByteChanged) {
     for (int at = 0; at < 10; ++at)
         for (int byte = 0; byte < 256; ++byte) {
             std::string text = "2024-12-28";
@@ -150,7 +220,7 @@ TEST(ValueFast, RefusesADateWithAnyByteChanged) {
         }
 }
 
-TEST(ValueFast, ReadsIntegersAsStrtollDoes) {
+TEST(RowsValueFast, ReadsIntegersAsStrtollDoes) {
     std::mt19937_64 rng(3);
     for (int round = 0; round < 200000; ++round) {
         const uint64_t v = rng() >> (rng() % 64);
@@ -169,7 +239,7 @@ TEST(ValueFast, ReadsIntegersAsStrtollDoes) {
     }
 }
 
-TEST(ValueFast, ReadsDoublesBitForBitAsStrtodDoes) {
+TEST(RowsValueFast, ReadsDoublesBitForBitAsStrtodDoes) {
     std::mt19937_64 rng(5);
     int taken = 0;
     for (int round = 0; round < 400000; ++round) {
@@ -191,7 +261,7 @@ TEST(ValueFast, ReadsDoublesBitForBitAsStrtodDoes) {
     EXPECT_GT(taken, 100000);
 }
 
-TEST(Value, PrintsRandomDoublesSoThatTheyComeBackBitForBit) {
+TEST(RowsValue, PrintsRandomDoublesSoThatTheyComeBackBitForBit) {
     std::mt19937_64 rng(9);
     for (int round = 0; round < 100000; ++round) {
         cvn_datum_t datum = {};
@@ -206,7 +276,7 @@ TEST(Value, PrintsRandomDoublesSoThatTheyComeBackBitForBit) {
     }
 }
 
-TEST(Value, OrdersNaNNowhere) {
+TEST(RowsValue, OrdersNaNNowhere) {
     for (const cvn_typ_t typ : {CVN_TYP_FLOAT, CVN_TYP_DOUBLE, CVN_TYP_DEC64, CVN_TYP_DEC128}) {
         value_t nan, one;
         ASSERT_EQ(nullptr, value_from_text(&nan, "NaN", typ));

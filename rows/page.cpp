@@ -1,29 +1,24 @@
-// decode: from a stored page to a column that can be read.
-//
-// A page body is one LZ4 block or the bytes themselves, either way the values and the null bitmap behind
-// them. The body of a fixed-width column needs nothing more than to be there. Values of varying width get a
-// table of positions: for texts by one walk over the bytes that looks at 64 at a time.
+#include "rows/page.h"
 
-#include <lz4.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <xxhash.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
 
-#include "clients/cpp/client_int.h"
 
-static constexpr char PAGE_HINT[] =
-    "verify the table's files; if they are intact, the connection or the server is not";
-static constexpr int LZ4_MAX_RATIO = 255;  // no block expands by more
-static constexpr size_t BUF_ALIGN = 64;
-static constexpr size_t IDLE_MAX = size_t{48} << 20;  // memory kept for reuse
-static constexpr size_t PAGE_ALIGN = 4096;
+namespace rows {
+
+constexpr size_t BUF_ALIGN = 64;
+constexpr size_t IDLE_MAX = size_t{48} << 20;  // memory kept for reuse
+constexpr size_t PAGE_ALIGN = 4096;
+
+const char PAGE_NOMEM[] = "out of memory";
 
 // Buffers.
 
@@ -107,44 +102,44 @@ void column_free(bufpool_t* pool, column_t* col) {
 
 // Pages.
 
-static int damaged(kelp_error_t* err, const char* name, const char* why) {
-    return kelp_fail(err, KELP_EDAMAGED, PAGE_HINT, "a page of column %s is damaged: %s", name, why);
+page_head_t page_head(const colmeta_t& meta, int cno, cvn_typ_t typ) {
+    return {.magic = CVN_PAGE_MAGIC,
+            .cno = cno,
+            .typ = typ,
+            .nrow = meta.nrow,
+            .nnull = meta.nnull,
+            .nmapoff = meta.nmapoff,
+            .nbyte = meta.nbyte,
+            .zbyte = meta.zbyte,
+            .hash = meta.hash,
+            .unused = 0};
 }
 
-int page_check(const page_head_t& head, cvn_typ_t typ, const char* name, kelp_error_t* err) {
-    if (head.typ != typ)
-        return kelp_fail(err, KELP_EPROTO, "the files of the table have different columns: query them apart",
-                         "column %s is of type %s in one file and %s in another", name, cvn_typ_str(typ),
-                         cvn_typ_str(head.typ));
-    if (head.nrow < 0 || head.nnull < 0 || head.nnull > head.nrow)
-        return damaged(err, name, "its row counts are wrong");
+const char* page_check(const page_head_t& head) {
+    const int width = cvn_typlen(head.typ);
+    if (width == 0) return "its type is unknown";
+    if (head.nrow < 0 || head.nnull < 0 || head.nnull > head.nrow) return "its row counts are wrong";
     const int64_t nmapsz = (int64_t{head.nrow} + 7) / 8;
     if (head.nbyte < 0 || head.nmapoff < 0 || head.nmapoff + nmapsz != head.nbyte)
-        return damaged(err, name, "its size does not fit its rows");
-    const int width = cvn_typlen(typ);
-    if (width > 0 && int64_t{head.nrow} * width != head.nmapoff)
-        return damaged(err, name, "its size does not fit its type");
+        return "its size does not fit its rows";
+    if (width > 0 && int64_t{head.nrow} * width != head.nmapoff) return "its size does not fit its type";
     const int64_t least = width == -1 ? 4 : 1;
-    if (width < 0 && head.nrow * least > head.nmapoff)
-        return damaged(err, name, "its size does not fit its rows");
-    if (width == 0) return kelp_fail(err, KELP_EPROTO, PAGE_HINT, "column %s is of an unknown type", name);
-    if (head.zbyte < 0 || head.zbyte > head.nbyte)
-        return damaged(err, name, "its stored size exceeds its size");
-    if (head.zbyte < head.nbyte && head.nbyte / LZ4_MAX_RATIO > head.zbyte)
-        return damaged(err, name, "its stored size is too small for its size");
-    return 0;
+    if (width < 0 && head.nrow * least > head.nmapoff) return "its size does not fit its rows";
+    if (head.zbyte < 0 || head.zbyte > head.nbyte) return "its stored size exceeds its size";
+    if (head.zbyte < head.nbyte && head.nbyte / CVN_LZ4_MAX_RATIO > head.zbyte)
+        return "its stored size is too small for its size";
+    return nullptr;
 }
 
-int page_unpack(bufpool_t* pool, buf_t* raw, const page_head_t& head, const char* stored, const char* name,
-                kelp_error_t* err) {
+const char* page_unpack(bufpool_t* pool, buf_t* raw, const page_head_t& head, const char* stored) {
     if (static_cast<int32_t>(XXH32(stored, static_cast<size_t>(head.zbyte), 0)) != head.hash)
-        return damaged(err, name, "its hash does not match");
-    if (head.zbyte == head.nbyte) return 0;
+        return "its hash does not match";
+    if (head.zbyte == head.nbyte) return nullptr;
     if (!raw->p) *raw = buf_get(pool, static_cast<size_t>(head.nbyte));
-    if (!raw->p) return kelp_nomem(err);
-    if (LZ4_decompress_safe(stored, raw->p, head.zbyte, head.nbyte) != head.nbyte)
-        return damaged(err, name, "it does not decompress to its size");
-    return 0;
+    if (!raw->p) return PAGE_NOMEM;
+    const int code = cvn_lz4_decode(raw->p, head.nbyte, stored, head.zbyte);
+    if (code == 0) return nullptr;
+    return code == -2 ? PAGE_NOMEM : "it does not decompress to its size";
 }
 
 // Texts.
@@ -166,7 +161,7 @@ __attribute__((target("avx2,bmi,bmi2,popcnt"))) static int64_t find_nuls_avx2(in
         if (n > nrow - (at - out)) return -1;
         int32_t* to = at;
         for (int k = 0; k < n; k += 4) {
-            // Behind the last bit the count is 64; what that stores is overwritten, or lies in the slack.
+            // After the last bit the count is 64; what that stores is overwritten, or lies in the slack.
             to[0] = static_cast<int32_t>(i + static_cast<int64_t>(_tzcnt_u64(mask)) + 1);
             mask = _blsr_u64(mask);
             to[1] = static_cast<int32_t>(i + static_cast<int64_t>(_tzcnt_u64(mask)) + 1);
@@ -184,7 +179,7 @@ __attribute__((target("avx2,bmi,bmi2,popcnt"))) static int64_t find_nuls_avx2(in
 
 #endif
 
-// Stores the position behind each NUL, at most `nrow` of them. Returns their number, or -1 when there are
+// Stores the position after each NUL, at most `nrow` of them. Returns their number, or -1 when there are
 // more.
 static int64_t find_nuls(int32_t* out, const char* value, int32_t valuesz, int32_t nrow) {
     int64_t n = 0;
@@ -213,7 +208,7 @@ bool find_texts(int32_t* offset, const char* value, int32_t valuesz, int32_t nro
     return n == nrow && offset[nrow] == valuesz;
 }
 
-// Walks length-prefixed values. offset[r] is behind the length of value r; offset[nrow] as if one more
+// Walks length-prefixed values. offset[r] is after the length of value r; offset[nrow] as if one more
 // followed.
 static bool find_bytes(int32_t* offset, const char* value, int32_t valuesz, int32_t nrow) {
     constexpr int64_t LENSZ = sizeof(int32_t);
@@ -266,27 +261,82 @@ static int64_t count_nulls(const uint8_t* nullmap, int64_t nrow) {
     return n;
 }
 
-int page_view(bufpool_t* pool, column_t* col, const page_head_t& head, const char* name, kelp_error_t* err) {
+const char* page_view(bufpool_t* pool, column_t* col, const page_head_t& head, const char* name) {
     const int width = cvn_typlen(head.typ);
-    kelp_vec_t* vec = &col->vec;
-    *vec = kelp_vec_t{.name = name,
-                      .typ = head.typ,
-                      .width = width > 0 ? width : 0,
-                      .nrow = head.nrow,
-                      .nnull = head.nnull,
-                      .value = col->value.p,
-                      .offset = nullptr,
-                      .gap = 0,
-                      .nullmap = reinterpret_cast<const uint8_t*>(col->value.p) + head.nmapoff};
+    cvn_vec_t* vec = &col->vec;
+    *vec = cvn_vec_t{.name = name,
+                     .typ = head.typ,
+                     .width = width > 0 ? width : 0,
+                     .nrow = head.nrow,
+                     .nnull = head.nnull,
+                     .value = col->value.p,
+                     .offset = nullptr,
+                     .gap = 0,
+                     .nullmap = reinterpret_cast<const uint8_t*>(col->value.p) + head.nmapoff};
     if (count_nulls(vec->nullmap, head.nrow) != head.nnull)
-        return damaged(err, name, "its null bitmap does not match its count of NULLs");
-    if (width > 0) return 0;
+        return "its null bitmap does not match its count of NULLs";
+    if (width > 0) return nullptr;
     if (!col->offset.p) col->offset = buf_get(pool, (static_cast<size_t>(head.nrow) + 1) * sizeof(int32_t));
-    if (!col->offset.p) return kelp_nomem(err);
+    if (!col->offset.p) return PAGE_NOMEM;
     auto* offset = reinterpret_cast<int32_t*>(col->offset.p);
     vec->offset = offset;
     vec->gap = width == -1 ? 4 : 1;
     const bool found = width == -1 ? find_bytes(offset, col->value.p, head.nmapoff, head.nrow)
                                    : find_texts(offset, col->value.p, head.nmapoff, head.nrow);
-    return found ? 0 : damaged(err, name, "its values do not fit its size");
+    return found ? nullptr : "its values do not fit its size";
 }
+
+// Compacting. Every move is towards the front, and rows come in ascending order, so nothing is overwritten
+// before it was read.
+
+template <typename T>
+static void compact_fixed(char* value, std::span<const int32_t> row) {
+    T* x = reinterpret_cast<T*>(value);
+    for (size_t i = 0; i < row.size(); i++) x[i] = x[row[i]];
+}
+
+static void compact_varying(column_t* col, std::span<const int32_t> row) {
+    char* value = col->value.p;
+    auto* offset = reinterpret_cast<int32_t*>(col->offset.p);
+    const int gap = col->vec.gap;
+    // Before a bytea stands its length, after a cstr its NUL; they move along.
+    const int32_t before = gap == 4 ? 4 : 0;
+    int32_t at = before;
+    for (size_t i = 0; i < row.size(); i++) {
+        const int32_t from = offset[row[i]], to = offset[row[i] + 1];
+        const int32_t len = to - from - before;  // with the NUL, if any
+        memmove(value + at - before, value + from - before, static_cast<size_t>(len + before));
+        offset[i] = at;
+        at += len + before;
+    }
+    offset[row.size()] = at;
+}
+
+void column_compact(column_t* col, std::span<const int32_t> row) {
+    cvn_vec_t* vec = &col->vec;
+    char* value = col->value.p;
+    switch (vec->width) {
+        case 0: compact_varying(col, row); break;
+        case 1: compact_fixed<uint8_t>(value, row); break;
+        case 2: compact_fixed<uint16_t>(value, row); break;
+        case 4: compact_fixed<uint32_t>(value, row); break;
+        case 8: compact_fixed<uint64_t>(value, row); break;
+        default: compact_fixed<unsigned __int128>(value, row); break;
+    }
+    // The bitmap lies after the values, in the same memory.
+    auto* nullmap = const_cast<uint8_t*>(vec->nullmap);
+    int64_t nnull = 0;
+    for (size_t i = 0; i < row.size(); i += 8) {
+        unsigned byte = 0;
+        for (size_t k = i; k < std::min(i + 8, row.size()); k++)
+            if (cvn_vec_isnull(*vec, row[k])) {
+                byte |= 0x80u >> (k - i);
+                nnull++;
+            }
+        nullmap[i / 8] = static_cast<uint8_t>(byte);
+    }
+    vec->nrow = static_cast<int64_t>(row.size());
+    vec->nnull = nnull;
+}
+
+}  // namespace rows
