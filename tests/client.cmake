@@ -1,7 +1,7 @@
 # The tests of the client library.
 if(TARGET colvane_client)
   set(client_test_libs colvane_client cvn_reader PkgConfig::LZ4 PkgConfig::XXHASH CURL::libcurl ${CMAKE_DL_LIBS})
-  foreach(name rows_decode client_filter client_text client_stream client_scan client_arrow)
+  foreach(name rows_decode client_filter client_text client_stream client_scan client_columns client_arrow)
     kelpd_unit(${name} ${client_test_libs} colvane_rows)
   endforeach()
 
@@ -35,7 +35,7 @@ if(TARGET colvane_client)
   endif()
 
   # GCC 12 takes a text literal added to a string for an overlapping copy (its bug 105651).
-  foreach(name rows_decode client_filter client_text client_stream client_scan client_arrow client_duckdb client_kelpd)
+  foreach(name rows_decode client_filter client_text client_stream client_scan client_columns client_arrow client_duckdb client_kelpd)
     if(TARGET unit_${name})
       target_compile_options(unit_${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
     endif()

@@ -112,6 +112,7 @@ int ls_run(const ls_opts_t& opts) {
 
 struct put_opts_t {
     std::vector<std::string> arg;  // the files, then the URL
+    bool force = false;
     remote_opts_t remote;
 };
 
@@ -121,10 +122,32 @@ struct upload_t {
     kelp_url_t url;
     int64_t nrow = 0;
     int64_t nbyte = 0;
+    std::vector<kelp_column_t> column;
 };
 
 bool is_table_file(const std::string& name) {
     return name.ends_with(".cvn") || name.ends_with(".cvn.mismatch");
+}
+
+// Whether scans read it: a file set aside is listed, but not read.
+bool is_scanned(const std::string& name) { return name.ends_with(".cvn"); }
+
+// The columns of a file that was verified.
+std::vector<kelp_column_t> read_columns(const std::string& path) {
+    cvn_scan_t* scan = nullptr;
+    errno = 0;
+    const int code = cvn_scan_open(&scan, path.c_str());
+    if (code != 0) throw tool_error(tool_code_text(code, errno, path));
+    const struct closer_t {
+        cvn_scan_t* scan;
+        ~closer_t() { (void)cvn_scan_close(scan); }  // always 0
+    } closer = {scan};
+    int ncol = 0;
+    const cvn_coldef_t* coldef = nullptr;
+    (void)cvn_scan_coldef(&ncol, &coldef, scan);  // always 0
+    std::vector<kelp_column_t> column;
+    for (int c = 0; c < ncol; ++c) column.push_back({coldef[c].name, coldef[c].typ});
+    return column;
 }
 
 // Refuses a file that is damaged, or that no query would ever find.
@@ -146,7 +169,10 @@ void put_check(upload_t* up) {
     faults.fd = 2;  // for more than fits into the buffer
     faults.optional = true;
     const int64_t nfault = verify_file(path, &faults, &up->nrow);
-    if (nfault == 0) return;
+    if (nfault == 0) {
+        up->column = read_columns(path);
+        return;
+    }
     const std::string first = faults.buf.substr(0, faults.buf.find('\n'));
     throw tool_error(fmt::format("{}; it is damaged ({}) and nothing was uploaded; 'cvn verify {}' tells all",
                                  first.empty() ? path + ": verification failed" : first,
@@ -162,6 +188,57 @@ void check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
     const int code = kelp_list(&name, root, opt, &err);
     // A proxy may keep the list of databases to itself.
     if (code != KELP_EREFUSED && code != KELP_ENOTFOUND) remote_check(code, url, err);
+}
+
+// The columns that the files of a table have, by the first one that stays when `replaced` are put, and the name of
+// that file. Returns false when none stays.
+bool table_has(std::vector<kelp_column_t>* ret_column, std::string* ret_name, const kelp_url_t& table,
+               const std::set<std::string>& replaced, const kelp_opt_t& opt) {
+    kelp_error_t err;
+    const auto check = [&](int code) {
+        // The table can be taken as it is, though not be read.
+        if (code == KELP_EPROTO || (code == KELP_EREFUSED && err.http_status != 401))
+            snprintf(err.hint, sizeof(err.hint),
+                     "its columns cannot be compared; --force puts files all the same");
+        remote_check(code, table, err);
+    };
+    kelp_url_t url = table;
+    url.partition = "";
+    std::vector<kelp_file_t> file;
+    int code = kelp_list_files(&file, url, opt, &err);
+    if (code == KELP_ENOTFOUND) return false;  // to be made
+    check(code);
+    for (const kelp_file_t& f : file) {
+        if (!is_scanned(f.name) || replaced.contains(f.name)) continue;
+        url.partition = f.name;
+        int32_t chksum;
+        code = kelp_list_columns(ret_column, &chksum, url, opt, &err);
+        if (code == KELP_ENOTFOUND) continue;  // removed meanwhile
+        check(code);
+        *ret_name = remote_name(url);
+        return true;
+    }
+    return false;
+}
+
+// Refuses files with other columns than those beside which they would stand: every query of the table would fail.
+void put_compare(const std::vector<upload_t>& ups, const std::set<std::string>& names,
+                 const kelp_opt_t& opt) {
+    std::vector<kelp_column_t> want;
+    std::string want_name;
+    bool known = table_has(&want, &want_name, ups[0].url, names, opt);
+    for (const upload_t& up : ups) {
+        if (!is_scanned(up.url.partition)) continue;
+        kelp_error_t err;
+        if (!known) {
+            want = up.column;
+            want_name = up.path;
+            known = true;
+        } else if (kelp_columns_compare(up.column, up.path.c_str(), want, want_name.c_str(), &err) != 0) {
+            throw tool_error(fmt::format("{}; {}, so nothing was uploaded; --force puts files all the same",
+                                         err.text, err.hint));
+        }
+    }
 }
 
 bool put_progress(void* arg, int64_t done, int64_t) {
@@ -211,6 +288,7 @@ int put_run(const put_opts_t& opts) {
     }
     for (upload_t& up : ups) put_check(&up);
     check_server(url, remote_opt(opts.remote));
+    if (!opts.force) put_compare(ups, names, remote_opt(opts.remote));
     tool_out_t out;
     out.optional = true;  // all files are to be put, whoever reads on
     for (const upload_t& up : ups) {
@@ -366,8 +444,15 @@ void put_register(CLI::App* app, int* ret) {
         "damaged. A file replaces the\n"
         "table's file of the same name; the server keeps that one when the upload fails. "
         "A table that does not exist\n"
-        "is made. All files of a table should have the same columns. Without a URL they go into the table "
-        "that KELPD_URL names.\n"
+        "is made. Without a URL they go into the table that KELPD_URL names.\n"
+        "\n"
+        "All files of a table have the same columns, with the same types and in the same order, or queries "
+        "fail. So the\n"
+        "columns of every file are compared with those of the first file in the table's list that is not "
+        "replaced, or\n"
+        "else of the first file named here, and none is sent when one differs. --force sends them unseen: to "
+        "change the\n"
+        "columns of a whole table, file by file, or when its columns cannot be read.\n"
         "\n"
         "Examples:\n"
         "  cvn put orders.*.cvn kelp://localhost:7070/shop/public/orders\n"
@@ -376,6 +461,7 @@ void put_register(CLI::App* app, int* ret) {
     sub->add_option("FILE", opts->arg,
                     "The data files, then the table, or one file of it (default: KELPD_URL)")
         ->required();
+    sub->add_flag("--force", opts->force, "Do not compare columns");
     remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = put_run(*opts); });
 }

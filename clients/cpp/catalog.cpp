@@ -224,13 +224,14 @@ int kelp_list_columns(std::vector<kelp_column_t>* ret_column, int32_t* ret_chksu
     return kelp_guard(err, [&] { return list_columns(ret_column, ret_chksum, url, {.opt = &opt}, err); });
 }
 
-int kelp::table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
-                        const kelp_url_t& table, const call_t& call, kelp_error_t* err) {
+int kelp::table_columns(std::vector<kelp_column_t>* ret_column, std::string* ret_name,
+                        const std::vector<kelp_file_t>& file, const kelp_url_t& table, const call_t& call,
+                        kelp_error_t* err) {
     for (const kelp_file_t& f : file) {
         // Of the files that the catalogue lists, a scan reads those of this name only.
         if (!f.name.ends_with(".cvn")) continue;
         kelp_url_t url = table;
-        url.partition = f.name;
+        url.partition = *ret_name = f.name;
         int32_t chksum;
         const int code = list_columns(ret_column, &chksum, url, call, err);
         if (code != KELP_ENOTFOUND) return code;  // one that was removed meanwhile does not matter
@@ -246,8 +247,86 @@ int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t&
         std::vector<kelp_file_t> file;
         const call_t call{.opt = &opt, .start_ms = now_ms()};
         if (const int code = list_files(&file, url, call, err)) return code;
-        return table_columns(ret_column, file, url, call, err);
+        std::string name;
+        return table_columns(ret_column, &name, file, url, call, err);
     });
+}
+
+static bool has_column(const std::vector<kelp_column_t>& column, const std::string& name) {
+    return std::any_of(column.begin(), column.end(), [&](const kelp_column_t& c) { return c.name == name; });
+}
+
+static int columns_compare(const std::vector<kelp_column_t>& column, const char* name,
+                           const std::vector<kelp_column_t>& other, const char* other_name,
+                           kelp_error_t* err) {
+    constexpr char HINT[] = "all files of a table have the same columns";
+    for (size_t c = 0; c < std::max(column.size(), other.size()); c++) {
+        const kelp_column_t* mine = c < column.size() ? &column[c] : nullptr;
+        const kelp_column_t* theirs = c < other.size() ? &other[c] : nullptr;
+        if (mine && theirs && mine->name == theirs->name) {
+            if (mine->typ == theirs->typ) continue;
+            return kelp_fail(err, KELP_EUNFIT, HINT, "column '%s' is of type %s in %s, but of type %s in %s",
+                             mine->name.c_str(), cvn_typ_str(mine->typ), name, cvn_typ_str(theirs->typ),
+                             other_name);
+        }
+        if (theirs && !has_column(column, theirs->name))
+            return kelp_fail(err, KELP_EUNFIT, HINT, "%s has no column '%s' (%s), but %s has", name,
+                             theirs->name.c_str(), cvn_typ_str(theirs->typ), other_name);
+        if (mine && !has_column(other, mine->name))
+            return kelp_fail(err, KELP_EUNFIT, HINT, "%s has a column '%s' (%s), but %s has not", name,
+                             mine->name.c_str(), cvn_typ_str(mine->typ), other_name);
+        if (!mine || !theirs)  // all before it are the same
+            return kelp_fail(err, KELP_EUNFIT, HINT, "%s has two columns '%s', but %s has one",
+                             mine ? name : other_name, (mine ? mine : theirs)->name.c_str(),
+                             mine ? other_name : name);
+        return kelp_fail(err, KELP_EUNFIT, HINT, "column %zu is '%s' in %s, but '%s' in %s", c + 1,
+                         mine->name.c_str(), name, theirs->name.c_str(), other_name);
+    }
+    return 0;
+}
+
+int kelp_columns_compare(const std::vector<kelp_column_t>& column, const char* name,
+                         const std::vector<kelp_column_t>& other, const char* other_name, kelp_error_t* err) {
+    return kelp_guard(err, [&] { return columns_compare(column, name, other, other_name, err); });
+}
+
+// The columns of `have` that a scan of `want` reads, in the scan's order.
+static std::vector<kelp_column_t> columns_read(const std::vector<kelp_column_t>& have,
+                                               const std::vector<kelp_column_t>& want) {
+    std::vector<kelp_column_t> out;
+    for (const kelp_column_t& w : want) {
+        const auto found =
+            std::find_if(have.begin(), have.end(), [&](const kelp_column_t& c) { return c.name == w.name; });
+        if (found != have.end()) out.push_back(*found);
+    }
+    return out;
+}
+
+void kelp::find_misfit(misfit_t* ret, std::vector<kelp_file_t> file, const std::vector<kelp_column_t>& want,
+                       const std::string& want_name, bool whole, const kelp_url_t& table,
+                       const call_t& call) {
+    ret->name.clear();
+    ret->err = kelp_error_t{};
+    std::erase_if(file,
+                  [&](const kelp_file_t& f) { return !f.name.ends_with(".cvn") || f.name == want_name; });
+    const auto nwant = static_cast<int32_t>(want.size());
+    std::stable_partition(file.begin(), file.end(),
+                          [&](const kelp_file_t& f) { return whole ? f.ncol != nwant : f.ncol < nwant; });
+    if (file.size() > MISFIT_REQUEST_MAX) file.resize(MISFIT_REQUEST_MAX);
+    for (const kelp_file_t& f : file) {
+        kelp_url_t url = table;
+        url.partition = f.name;
+        int32_t chksum;
+        std::vector<kelp_column_t> have;
+        kelp_error_t err{};
+        const int code = list_columns(&have, &chksum, url, call, &err);
+        if (code == KELP_ENOTFOUND) continue;  // removed meanwhile
+        if (code) return;
+        if (!whole) have = columns_read(have, want);
+        if (columns_compare(have, f.name.c_str(), want, want_name.c_str(), &ret->err) == 0) continue;
+        ret->name = f.name;
+        return;
+    }
 }
 
 // Files.

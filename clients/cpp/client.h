@@ -45,7 +45,8 @@ enum kelp_code_t : int {
     KELP_EPROTO = -9,     // the reply is not one that kelpd sends
     KELP_ECUT = -10,      // the reply ended early, or the server reported an error in the middle of it
     KELP_EDAMAGED = -11,  // a page fails its checks
-    KELP_EUNFIT = -12,    // a value cannot be expressed in the form asked for (arrow.h)
+    KELP_EUNFIT = -12,    // a value cannot be expressed in the form asked for (arrow.h), or a file's columns
+                          // are not those of its table (kelp_columns_compare)
     KELP_EEMPTY = -13,    // the table has no data files, hence no columns
     KELP_ECHANGED = -14,  // the table changed while it was read
 };
@@ -126,6 +127,13 @@ struct kelp_column_t {
 // The columns of an entity: those of its first data file. KELP_EEMPTY when it has none.
 [[nodiscard]] int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t& url,
                                      const kelp_opt_t& opt, kelp_error_t* err);
+
+// Compares the columns of a data file with those of another one of its table: a scan reads all files of a table
+// alike, so they should have the same names and types in the same order. The two names are what the message
+// calls the files. Returns 0 when they are the same, else KELP_EUNFIT with the first column that differs.
+[[nodiscard]] int kelp_columns_compare(const std::vector<kelp_column_t>& column, const char* name,
+                                       const std::vector<kelp_column_t>& other, const char* other_name,
+                                       kelp_error_t* err);
 
 // Called in the caller's thread as an upload advances, at least once when it is done. False cancels it.
 typedef bool (*kelp_progress_t)(void* arg, int64_t done_nbyte, int64_t total_nbyte);
@@ -224,8 +232,8 @@ struct kelp_scan_t;
 
 // Opens a scan: asks the catalogue for the entity's totals and columns, then starts the connections.
 // `*ret_scan` is owned by the caller (kelp_scan_close). What `opt.cancel` points at must outlive it. The
-// types are those of the first data file; a file that disagrees ends the scan with KELP_EPROTO. KELP_EEMPTY
-// when there is none.
+// types are those of the first data file; KELP_EEMPTY when there is none. A file that disagrees ends the scan:
+// with KELP_EREFUSED or KELP_ECUT when it lacks a column, with KELP_EPROTO when one has another type.
 [[nodiscard]] int kelp_scan_open(kelp_scan_t** ret_scan, const kelp_query_t& query, const kelp_opt_t& opt,
                                  kelp_error_t* err);
 
@@ -240,7 +248,9 @@ const std::vector<kelp_column_t>& kelp_scan_columns(const kelp_scan_t* scan);
 // server has confirmed the end on every connection; else the first failure of any connection, at once and
 // ever after: the rows handed out before it are then not the whole result. With several connections, the data
 // files are compared at the end with what they were before, and a difference is KELP_ECHANGED: what was
-// handed out may then be partly of an old file and partly of the new one.
+// handed out may then be partly of an old file and partly of the new one. When a failure looks as if a data
+// file had other columns than the scan reads, the files' columns are asked for, one request per file and at most
+// 2,000, and the text names the first file that does not fit.
 [[nodiscard]] int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* err);
 
 // Frees a batch. Null is accepted.

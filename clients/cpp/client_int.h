@@ -163,9 +163,23 @@ struct call_t {
 
 [[nodiscard]] int want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err);
 
-// The columns of a table whose files are known.
-[[nodiscard]] int table_columns(std::vector<kelp_column_t>* ret_column, const std::vector<kelp_file_t>& file,
-                                const kelp_url_t& table, const call_t& call, kelp_error_t* err);
+// The columns of a table whose files are known, and the name of the file whose columns they are.
+[[nodiscard]] int table_columns(std::vector<kelp_column_t>* ret_column, std::string* ret_name,
+                                const std::vector<kelp_file_t>& file, const kelp_url_t& table,
+                                const call_t& call, kelp_error_t* err);
+
+// A data file of a table that a scan cannot read like the others.
+struct misfit_t {
+    std::string name;  // empty: none was found
+    kelp_error_t err;  // what differs
+};
+// Looks for the first of `file` without the columns `want`, which are those of the file `want_name`: by name and
+// type, and when `whole` all of a file's columns and their order as well. Files that cannot have them by their
+// number of columns are asked first, and not more than MISFIT_REQUEST_MAX in all. Ends early, without a result,
+// when a request fails.
+constexpr size_t MISFIT_REQUEST_MAX = 2000;
+void find_misfit(misfit_t* ret, std::vector<kelp_file_t> file, const std::vector<kelp_column_t>& want,
+                 const std::string& want_name, bool whole, const kelp_url_t& table, const call_t& call);
 
 // Queries (query.cpp).
 

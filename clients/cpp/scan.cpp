@@ -66,19 +66,22 @@ struct kelp_scan_t {
     int64_t max_flight_nbyte = 0;
     kelp_url_t table;
     std::vector<kelp_file_t> file;  // its data files before the scan, by name
+    std::string first_name;         // the one whose columns those of the scan are
     int64_t start_ms = 0;
     std::shared_ptr<const std::vector<kelp_column_t>> requested;  // all columns of the request
     std::vector<kelp_column_t> result;                            // those handed out
     std::shared_ptr<rows::bufpool_t> pool;
     std::vector<std::unique_ptr<worker_t>> worker;
 
-    std::atomic<bool> stop{false};
-    std::mutex mutex;  // guards what follows
+    std::atomic<bool> stop{false};         // ends the connections: cancelled, or one failed
+    std::atomic<bool> is_given_up{false};  // cancelled: also ends what explains a failure
+    std::mutex mutex;                      // guards what follows
     std::condition_variable changed;
     std::deque<queued_t> queue;
     int64_t flight_nbyte = 0;  // admitted and not yet taken
     bool has_oversized = false;
     bool is_compared = false;   // the catalogue with what it was
+    bool is_explained = false;  // the failure
     int64_t largest_nbyte = 0;  // the largest row group so far: what the next is expected to be
     int nrunning = 0;
     kelp_error_t failure{};  // the first; code 0 while there is none
@@ -354,7 +357,7 @@ static int prepare(kelp_scan_t* scan, std::vector<kelp_column_t>* have, const ke
     scan->url = kelp_url_format(url, false);
     scan->pool = std::make_shared<rows::bufpool_t>();
     const call_t call{.opt = &scan->opt, .start_ms = scan->start_ms};
-    const int code = table_columns(have, *file, url, call, err);
+    const int code = table_columns(have, &scan->first_name, *file, url, call, err);
     std::sort(file->begin(), file->end(),
               [](const kelp_file_t& a, const kelp_file_t& b) { return a.name < b.name; });
     return code;
@@ -404,6 +407,29 @@ static int start(kelp_scan_t* scan, const std::vector<std::string>& body, kelp_e
     return 0;
 }
 
+static bool lacks_column(const std::vector<kelp_column_t>& have, const kelp_query_t& query,
+                         const rows::cond_t& cond) {
+    std::vector<std::string> want;
+    rows::cond_names(&want, cond);
+    if (!query.rows_only) want.insert(want.end(), query.column.begin(), query.column.end());
+    return std::any_of(want.begin(), want.end(), [&](const std::string& name) {
+        return std::none_of(have.begin(), have.end(), [&](const kelp_column_t& c) { return c.name == name; });
+    });
+}
+
+// The table's first file lacks a column: adds to the failure that it may be the one that does not fit. Files with
+// another number of columns show it, and asking one of them is enough.
+static void blame_first_file(kelp_scan_t* scan, const std::vector<kelp_column_t>& have, kelp_error_t* err) {
+    std::vector<kelp_file_t> file = scan->file;
+    std::erase_if(file, [&](const kelp_file_t& f) { return f.ncol == static_cast<int32_t>(have.size()); });
+    misfit_t misfit;
+    find_misfit(&misfit, std::move(file), have, scan->first_name, true, scan->table,
+                {.opt = &scan->opt, .start_ms = scan->start_ms});
+    if (misfit.name.empty()) return;
+    const kelp_error_t old = *err;
+    kelp_fail(err, old.code, old.hint, "%s (%s)", old.text, misfit.err.text);
+}
+
 static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t* err) {
     if (const int code = want_depth(query.url, 3, 3, "a table", err)) return code;
     rows::cond_t cond;
@@ -415,7 +441,10 @@ static int scan_open(kelp_scan_t* scan, const kelp_query_t& query, kelp_error_t*
         return kelp_fail(err, KELP_EARG, nullptr, "%d jobs are not between 1 and %d", query.njob, JOB_MAX);
     std::vector<kelp_column_t> have;
     if (const int code = prepare(scan, &have, query.url, err)) return code;
-    if (const int code = query_plan(&scan->plan, have, query.column, query.rows_only, cond, err)) return code;
+    if (const int code = query_plan(&scan->plan, have, query.column, query.rows_only, cond, err)) {
+        if (err && lacks_column(have, query, cond)) blame_first_file(scan, have, err);
+        return code;
+    }
     scan->exact = query.exact;
     scan->max_flight_nbyte = query.max_flight_nbyte;
     int njob = query.njob;
@@ -496,11 +525,47 @@ static int finish(kelp_scan_t* scan, std::unique_lock<std::mutex>* lock, kelp_er
     return code;
 }
 
+// Whether a data file with other columns may be what a scan failed of. The server says so by its word for a bad
+// request, with which it ends or begins the reply; a sampler says nothing.
+static bool may_be_misfit(const kelp_scan_t* scan) {
+    const kelp_error_t& f = scan->failure;
+    if (f.code == KELP_EPROTO) return true;
+    if (f.code == KELP_ECUT && scan->is_sample) return true;
+    return (f.code == KELP_ECUT || (f.code == KELP_EREFUSED && f.http_status == 400)) &&
+           strncmp(f.said, "400", 3) == 0;
+}
+
+// Finds the file that does not fit and puts it into the failure's text, once. Whatever goes wrong leaves the
+// failure as it was.
+static void explain(kelp_scan_t* scan, std::unique_lock<std::mutex>* lock) {
+    scan->is_explained = true;
+    if (!may_be_misfit(scan) || (scan->opt.cancel && scan->opt.cancel->load())) return;
+    lock->unlock();
+    misfit_t misfit;
+    // Not `stop`, which the failure has set.
+    const call_t call{.opt = &scan->opt, .start_ms = scan->start_ms, .stop = &scan->is_given_up};
+    (void)kelp_guard(nullptr, [&] {
+        std::vector<kelp_file_t> file;
+        if (const int code = list_files(&file, scan->table, call, nullptr)) return code;
+        find_misfit(&misfit, std::move(file), scan->plan.column, scan->first_name, scan->is_sample,
+                    scan->table, call);
+        return 0;
+    });
+    lock->lock();
+    if (misfit.name.empty()) return;
+    const kelp_error_t old = scan->failure;
+    kelp_fail(&scan->failure, old.code, "remove that file, or replace it by one with the table's columns",
+              "%s (%s)", misfit.err.text, old.text);
+    scan->failure.http_status = old.http_status;
+    memcpy(scan->failure.said, old.said, sizeof(old.said));
+}
+
 int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* err) {
     *ret_batch = nullptr;
     std::unique_lock lock(scan->mutex);
     for (;;) {
         if (scan->failure.code) {
+            if (!scan->is_explained) explain(scan, &lock);
             if (err) *err = scan->failure;
             return scan->failure.code;
         }
@@ -532,7 +597,10 @@ void kelp_scan_stat(const kelp_scan_t* scan, kelp_scan_stat_t* ret_stat) {
     ret_stat->nbyte = scan->nbyte;
 }
 
-void kelp_scan_cancel(kelp_scan_t* scan) { stop_scan(scan); }
+void kelp_scan_cancel(kelp_scan_t* scan) {
+    scan->is_given_up.store(true);
+    stop_scan(scan);
+}
 
 void kelp_scan_close(kelp_scan_t* scan) {
     if (!scan) return;

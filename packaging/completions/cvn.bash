@@ -19,7 +19,7 @@ _cvn() {
         info) options+=" --json --rowgroups"; files=cvn ;;
         cat) options+=" --columns --where --limit --format"; files=cvn ;;
         verify | split) files=cvn ;;
-        put) options+=" --timeout --cacert"; files=cvn ;;
+        put) options+=" --force --timeout --cacert"; files=cvn ;;
         ls) options+=" --format --timeout --cacert" ;;
         rm) options+=" --yes --timeout --cacert" ;;
         meta) options+=" --timeout --cacert" ;;

@@ -141,6 +141,134 @@ class Put(DaemonTest):
         self.assertIn("500 Internal Server Error; look into the server's log", err)
 
 
+class PutColumns(DaemonTest):
+    """put compares the columns of what it sends with those of what stays in the table."""
+
+    def setUp(self):
+        super().setUp()
+        self.create("id int32, day date", "id,day\n1,2024-01-31\n2,\n", "a.cvn")
+        self.create("id int32, day date", "id,day\n3,\n", "b.cvn")
+        self.create("id int64, day date", "id,day\n4,\n", "type.cvn")
+        self.create("id int32", "id\n5\n", "less.cvn")
+        self.create("id int32, day date, note cstr", "id,day,note\n6,,x\n", "more.cvn")
+        self.create("day date, id int32", "day,id\n,7\n", "order.cvn")
+
+    def refused(self, text, *args):
+        """A put that is refused for `text` and leaves the table as it was."""
+        before = self.daemon.tree()
+        err = self.fails("put", *args)
+        self.assertEqual(f"cvn: {text}; all files of a table have the same columns, so nothing was uploaded; "
+                         "--force puts files all the same\n", err)
+        self.assertEqual(before, self.daemon.tree())
+
+    def test_every_difference_is_named(self):
+        self.put("a.cvn")
+        self.refused("column 'id' is of type int64 in type.cvn, but of type int32 in db/sc/t/a.cvn", "type.cvn", "db/sc/t")
+        self.refused("less.cvn has no column 'day' (date), but db/sc/t/a.cvn has", "less.cvn", "db/sc/t")
+        self.refused("more.cvn has a column 'note' (cstr), but db/sc/t/a.cvn has not", "more.cvn", "db/sc/t")
+        self.refused("column 1 is 'day' in order.cvn, but 'id' in db/sc/t/a.cvn", "order.cvn", "db/sc/t/new.cvn")
+        self.put("b.cvn")
+        self.assertEqual("3\n", self.out("count", "db/sc/t"))
+
+    def test_force_puts_them_all_the_same(self):
+        self.put("a.cvn")
+        self.cvn("put", "--force", "type.cvn", "less.cvn", "db/sc/t")
+        self.assertEqual("4\n", self.out("count", "db/sc/t"))
+        err = self.fails("count", "db/sc/t", "--where", "day is null")
+        self.assertRegex(err, r"^cvn: db/sc/t: .*(less|a|type)\.cvn.*; remove that file, or replace it by one with the "
+                         r"table's columns\n$")
+
+    def test_one_request_of_the_first_file_is_all_that_a_large_table_costs(self):
+        for k in range(30):
+            self.daemon.store(f"db/sc/t/{k}.cvn", self.load("a.cvn"))
+        self.daemon.take_log()
+        self.put("b.cvn")
+        self.daemon.await_idle()
+        lines = self.daemon.take_log().splitlines()
+        self.assertEqual(["GET /v1 -> 200 OK", "GET /v1/db/sc/t -> 200 OK"], lines[:2])
+        self.assertRegex(lines[2], r"^GET /v1/db/sc/t/\d+\.cvn -> 200 OK$")
+        self.assertEqual(["PUT /v1/db/sc/t/b.cvn -> 200 OK"], lines[3:])
+
+    def test_the_only_file_may_be_replaced_by_one_with_other_columns(self):
+        self.put("a.cvn")
+        self.cvn("put", "type.cvn", "db/sc/t/a.cvn")
+        self.assertEqual(["column,type", "id,int64", "day,date"],
+                         self.out("ls", "db/sc/t/a.cvn", "--format", "csv").splitlines())
+        self.cvn("put", "less.cvn", "db/sc/t/a.cvn")
+        self.cvn("put", "--force", "b.cvn", "db/sc/t")
+        self.refused("less.cvn has no column 'day' (date), but db/sc/t/b.cvn has", "less.cvn", "db/sc/t/a.cvn")
+
+    def test_all_files_may_be_replaced_in_one_put(self):
+        self.put("a.cvn")
+        self.put("b.cvn")
+        self.create("x bool", "x\n1\n", "a.cvn")
+        self.refused("a.cvn has no column 'id' (int32), but db/sc/t/b.cvn has", "a.cvn", "db/sc/t")
+        self.create("x bool", "x\n0\n", "b.cvn")
+        self.cvn("put", "a.cvn", "b.cvn", "db/sc/t")
+        self.assertEqual(["false", "true"], self.rows("db/sc/t"))
+
+    def test_files_of_one_put_are_compared_with_each_other(self):
+        self.refused("column 'id' is of type int64 in type.cvn, but of type int32 in a.cvn",
+                     "a.cvn", "b.cvn", "type.cvn", "db/sc/t")
+        self.refused("less.cvn has no column 'day' (date), but a.cvn has", "a.cvn", "less.cvn", "b.cvn", "db/sc/t")
+        self.assertEqual([], self.daemon.tree())
+        self.put("a.cvn")
+        self.refused("less.cvn has no column 'day' (date), but db/sc/t/a.cvn has", "b.cvn", "less.cvn", "db/sc/t")
+
+    def test_files_that_are_set_aside_need_not_fit(self):
+        self.put("a.cvn")
+        self.cvn("put", "less.cvn", "db/sc/t/less.cvn.mismatch")
+        self.cvn("put", "type.cvn", "db/sc/t/a.cvn")
+        self.assertEqual("1\n", self.out("count", "db/sc/t"))
+
+    def test_a_table_whose_columns_cannot_be_read_takes_files_by_force_alone(self):
+        odd = cvnfile.build([Column(b'x": [', cvnfile.INT32)], [[[1]]])
+        self.daemon.store("db/sc/t/odd.cvn", odd.data)
+        err = self.fails("put", "a.cvn", "db/sc/t")
+        self.assertRegex(err, r"^cvn: .* is no catalogue; its columns cannot be compared; --force puts files all the same\n$")
+        self.assertEqual(["db/", "db/sc/", "db/sc/t/", "db/sc/t/odd.cvn"], self.daemon.tree())
+        self.cvn("put", "--force", "a.cvn", "db/sc/t")
+        self.assertEqual("3\n", self.out("count", "db/sc/t"))
+
+
+class Misfit(DaemonTest):
+    """A table whose files differ: what fails of it names the file."""
+
+    def setUp(self):
+        super().setUp()
+        self.create("id int32, day date", "id,day\n1,2024-01-31\n", "a.cvn")
+        self.create("id int32", "id\n2\n", "b.cvn")
+        self.put("a.cvn")
+        self.cvn("put", "--force", "b.cvn", "db/sc/t")
+
+    def test_every_command_that_scans_names_both_files(self):
+        # The columns of a table are those of the file that its directory lists first.
+        late = (r"b\.cvn has no column 'day' \(date\), but a\.cvn has \(.* 400 Bad Request\); remove that file, or replace it "
+                r"by one with the table's columns")
+        early = r"there is no column day \(a\.cvn has a column 'day' \(date\), but b\.cvn has not\); the table has id"
+        for args in (("query", "db/sc/t", "--columns", "day"), ("query", "db/sc/t", "--columns", "id,day", "-o", "o.csv"),
+                     ("get", "db/sc/t", "o.cvn", "--columns", "day")):
+            self.assertRegex(self.cvn(*args, status=1).err, f"^cvn: db/sc/t: ({late}|{early})\n$")
+        self.assertNotIn("o.csv", self.files())
+        self.assertNotIn("o.cvn", self.files())
+        # Conditions are read by the columns of the first file alone.
+        for args in (("count", "db/sc/t", "--where", "day > 2020-01-01"),
+                     ("query", "db/sc/t", "--columns", "id", "--where", "day is null")):
+            self.assertRegex(self.cvn(*args, status=1).err,
+                             f"^cvn: db/sc/t: ({late}|there is no column 'day'; the table has id)\n$")
+
+    def test_what_all_files_have_can_be_read(self):
+        self.assertEqual(["1", "2"], self.rows("db/sc/t", "--columns", "id"))
+
+    def test_a_type_that_differs_is_named_with_both_files(self):
+        self.create("id int64", "id\n2\n", "b.cvn")
+        self.cvn("put", "--force", "b.cvn", "db/sc/t")
+        self.assertRegex(self.cvn("query", "db/sc/t", "--columns", "id", status=1).err,
+                         r"^cvn: db/sc/t: column 'id' is of type (int64 in b\.cvn, but of type int32 in a|int32 in a\.cvn, "
+                         r"but of type int64 in b)\.cvn \(.*\); remove that file, or replace it by one with the table's "
+                         r"columns\n$")
+
+
 class PutProgress(CommandTest):
     def test_a_bar_is_drawn_on_a_terminal(self):
         self.build("big.cvn", [Column(b"a", cvnfile.BYTEA)], [[[os.urandom(3 << 20)]] for _ in range(6)])

@@ -101,7 +101,7 @@ class Input(DaemonTest):
         self.daemon.store("db/sc/t/z.cvn", other.data)
         for command in (("query", "db/sc/t", "--columns", "day,id", "-o", "o.csv"), ("get", "db/sc/t", "o.cvn")):
             err = self.fails(*command)
-            self.assertRegex(err, r"^cvn: db/sc/t: .*; .*\n$")
+            self.assertRegex(err, r"^cvn: db/sc/t: .*column '(day|z|id)'.*\b[tz]\.cvn\b.*; .*\n$")
 
     def test_a_file_that_is_damaged_on_the_server_is_not_taken_for_good(self):
         whole = cvnfile.read(self.load("t.cvn"))
@@ -110,12 +110,20 @@ class Input(DaemonTest):
                         ("count", "db/sc/t", "--where", "id = 1")):
             self.assertIn("column id", self.fails(*command))
 
-    def test_a_sampler_that_is_missing_on_the_server_is_told(self):
-        mixed = cvnfile.build([Column(b"z", cvnfile.INT16)], [[[1]]])  # which the sampler refuses
-        self.daemon.store("db/sc/t/z.cvn", mixed.data)
+    def test_a_sampler_that_fails_on_the_server_is_told(self):
+        whole = cvnfile.read(self.load("t.cvn"))
+        self.daemon.store("db/sc/t/t.cvn", whole.patched(8, b"\xff"))  # which the sampler refuses
         err = self.fails("sample", "db/sc/t", "3", "-o", "o.csv")
         self.assertIn("sampler failed", err)
         self.assertIn("log", err)
+
+    def test_a_file_that_makes_the_sampler_fail_is_named(self):
+        mixed = cvnfile.build([Column(b"z", cvnfile.INT16)], [[[1]]])
+        self.daemon.store("db/sc/t/z.cvn", mixed.data)
+        err = self.fails("sample", "db/sc/t", "3", "-o", "o.csv")
+        self.assertIn("sampler failed", err)
+        self.assertRegex(err, r"(z\.cvn has no column 'id' \(int64\), but t\.cvn has|"
+                         r"t\.cvn has no column 'z' \(int16\), but z\.cvn has)")
 
 
 class Secure(CommandTest):
