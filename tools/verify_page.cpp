@@ -1,8 +1,8 @@
 // Proving pages.
-#include "tools/rows.h"
+#include "tools/verify_page.h"
 
-const char* rows_decode(rows_column_t* ret, cvn_typ_t typ, int64_t nrow, const char* body, int64_t nbyte,
-                        int64_t nmapoff) {
+const char* verify_page_decode(verify_page_t* ret, cvn_typ_t typ, int64_t nrow, const char* body,
+                               int64_t nbyte, int64_t nmapoff) {
     ret->typ = typ;
     ret->nrow = nrow;
     ret->width = cvn_typlen(typ);

@@ -1,7 +1,8 @@
-// Column pages as rows of values. A page comes from a file or from the network and is proved before any value
+// Column pages as rows of values, as verify reads them: a walk of its own, so that a fault of the one that all
+// other readers share (rows/page.h) does not hide from it. A page comes from a file or from the network and is proved before any value
 // of it is touched: the counts against its size, and every variable-length value by walking it once.
-#ifndef KELPD_TOOLS_ROWS_H
-#define KELPD_TOOLS_ROWS_H
+#ifndef KELPD_TOOLS_VERIFY_PAGE_H
+#define KELPD_TOOLS_VERIFY_PAGE_H
 
 #include <cstdint>
 #include <cstring>
@@ -10,7 +11,7 @@
 #include "colvane/colvane.h"
 
 // One decompressed page.
-struct rows_column_t {
+struct verify_page_t {
     cvn_typ_t typ = 0;
     int64_t nrow = 0;
     int width = 0;                        // bytes of a value; -1 bytea, -2 cstr
@@ -21,15 +22,15 @@ struct rows_column_t {
 
 // Sets up `ret` from the body of a page: `nbyte` bytes, of which those from `nmapoff` on are the null bitmap.
 // `ret` borrows the body. Returns null, or what is wrong with it.
-const char* rows_decode(rows_column_t* ret, cvn_typ_t typ, int64_t nrow, const char* body, int64_t nbyte,
-                        int64_t nmapoff);
+const char* verify_page_decode(verify_page_t* ret, cvn_typ_t typ, int64_t nrow, const char* body,
+                               int64_t nbyte, int64_t nmapoff);
 
-inline bool rows_isnull(const rows_column_t& col, int64_t row) {
+inline bool verify_page_isnull(const verify_page_t& col, int64_t row) {
     return (col.nmap[row / 8] & (0x80 >> (row % 8))) != 0;
 }
 
 // Fills `*ret` with the value of a row. It borrows the page.
-inline void rows_datum(const rows_column_t& col, int64_t row, cvn_datum_t* ret) {
+inline void verify_page_datum(const verify_page_t& col, int64_t row, cvn_datum_t* ret) {
     if (col.width > 0) {
         memcpy(ret, col.value + row * col.width, size_t(col.width));
     } else if (col.width == -2) {
