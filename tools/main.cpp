@@ -23,7 +23,7 @@ constexpr char DESCRIPTION[] =
 #ifdef CVN_REMOTE
     "\n"
     "And with a server, the daemon kelpd:\n"
-    "  export KELPD_URL=kelp://localhost:7070     what the names below are looked up in\n"
+    "  export KELPD_URL=kelp://localhost:8642     what the names below are looked up in\n"
     "  cvn put orders.cvn shop/public/orders      a file becomes part of a table\n"
     "  cvn ls shop/public/orders                  the table's files\n"
     "  cvn query shop/public/orders --where 'qty > 10' --format table\n"

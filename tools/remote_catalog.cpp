@@ -424,9 +424,9 @@ void ls_register(CLI::App* app, int* ret) {
                             "without a URL its own place is listed.\n"
                             "\n"
                             "Examples:\n"
-                            "  cvn ls kelp://localhost:7070\n"
-                            "  cvn ls kelp://localhost:7070/shop/public/orders\n"
-                            "  KELPD_URL=kelp://localhost:7070 cvn ls shop/public --format jsonl");
+                            "  cvn ls kelp://localhost:8642\n"
+                            "  cvn ls kelp://localhost:8642/shop/public/orders\n"
+                            "  KELPD_URL=kelp://localhost:8642 cvn ls shop/public --format jsonl");
     sub->add_option("URL", opts->url, "The place to list (default: KELPD_URL)");
     sub->add_option("--format", opts->format, "csv, jsonl or table")
         ->check(CLI::IsMember({"csv", "jsonl", "table"}));
@@ -455,8 +455,8 @@ void put_register(CLI::App* app, int* ret) {
         "columns of a whole table, file by file, or when its columns cannot be read.\n"
         "\n"
         "Examples:\n"
-        "  cvn put orders.*.cvn kelp://localhost:7070/shop/public/orders\n"
-        "  cvn put new.cvn kelp://localhost:7070/shop/public/orders/2024-01.cvn");
+        "  cvn put orders.*.cvn kelp://localhost:8642/shop/public/orders\n"
+        "  cvn put new.cvn kelp://localhost:8642/shop/public/orders/2024-01.cvn");
     remote_usage(sub, "FILE... [URL]");
     sub->add_option("FILE", opts->arg,
                     "The data files, then the table, or one file of it (default: KELPD_URL)")
@@ -476,8 +476,8 @@ void rm_register(CLI::App* app, int* ret) {
                             "file already go on to its end.\n"
                             "\n"
                             "Examples:\n"
-                            "  cvn rm kelp://localhost:7070/shop/public/orders/2024-01.cvn\n"
-                            "  cvn rm --yes kelp://localhost:7070/shop/scratch");
+                            "  cvn rm kelp://localhost:8642/shop/public/orders/2024-01.cvn\n"
+                            "  cvn rm --yes kelp://localhost:8642/shop/scratch");
     sub->add_option("URL", opts->url, "What to remove")->required();
     sub->add_flag("--yes,-y", opts->yes, "Do not ask");
     remote_add_options(sub, &opts->remote);
@@ -493,7 +493,7 @@ void meta_register(CLI::App* app, int* ret) {
                             "Files set aside as .cvn.mismatch count too, which no query reads.\n"
                             "\n"
                             "Example:\n"
-                            "  cvn meta kelp://localhost:7070/shop/public/orders");
+                            "  cvn meta kelp://localhost:8642/shop/public/orders");
     sub->add_option("URL", opts->url, "The table (default: KELPD_URL)");
     remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = meta_run(*opts); });

@@ -163,7 +163,8 @@ class PutColumns(DaemonTest):
 
     def test_every_difference_is_named(self):
         self.put("a.cvn")
-        self.refused("column 'id' is of type int64 in type.cvn, but of type int32 in db/sc/t/a.cvn", "type.cvn", "db/sc/t")
+        self.refused("column 'id' is of type int64 in type.cvn, but of type int32 in db/sc/t/a.cvn",
+                     "type.cvn", "db/sc/t")
         self.refused("less.cvn has no column 'day' (date), but db/sc/t/a.cvn has", "less.cvn", "db/sc/t")
         self.refused("more.cvn has a column 'note' (cstr), but db/sc/t/a.cvn has not", "more.cvn", "db/sc/t")
         self.refused("column 1 is 'day' in order.cvn, but 'id' in db/sc/t/a.cvn", "order.cvn", "db/sc/t/new.cvn")
@@ -225,7 +226,8 @@ class PutColumns(DaemonTest):
         odd = cvnfile.build([Column(b'x": [', cvnfile.INT32)], [[[1]]])
         self.daemon.store("db/sc/t/odd.cvn", odd.data)
         err = self.fails("put", "a.cvn", "db/sc/t")
-        self.assertRegex(err, r"^cvn: .* is no catalogue; its columns cannot be compared; --force puts files all the same\n$")
+        self.assertRegex(err, r"^cvn: .* is no catalogue; its columns cannot be compared; --force puts files all the "
+                         r"same\n$")
         self.assertEqual(["db/", "db/sc/", "db/sc/t/", "db/sc/t/odd.cvn"], self.daemon.tree())
         self.cvn("put", "--force", "a.cvn", "db/sc/t")
         self.assertEqual("3\n", self.out("count", "db/sc/t"))
@@ -243,10 +245,11 @@ class Misfit(DaemonTest):
 
     def test_every_command_that_scans_names_both_files(self):
         # The columns of a table are those of the file that its directory lists first.
-        late = (r"b\.cvn has no column 'day' \(date\), but a\.cvn has \(.* 400 Bad Request\); remove that file, or replace it "
-                r"by one with the table's columns")
+        late = (r"b\.cvn has no column 'day' \(date\), but a\.cvn has \(.* 400 Bad Request\); remove that file, or "
+                r"replace it by one with the table's columns")
         early = r"there is no column day \(a\.cvn has a column 'day' \(date\), but b\.cvn has not\); the table has id"
-        for args in (("query", "db/sc/t", "--columns", "day"), ("query", "db/sc/t", "--columns", "id,day", "-o", "o.csv"),
+        for args in (("query", "db/sc/t", "--columns", "day"),
+                     ("query", "db/sc/t", "--columns", "id,day", "-o", "o.csv"),
                      ("get", "db/sc/t", "o.cvn", "--columns", "day")):
             self.assertRegex(self.cvn(*args, status=1).err, f"^cvn: db/sc/t: ({late}|{early})\n$")
         self.assertNotIn("o.csv", self.files())
@@ -264,9 +267,9 @@ class Misfit(DaemonTest):
         self.create("id int64", "id\n2\n", "b.cvn")
         self.cvn("put", "--force", "b.cvn", "db/sc/t")
         self.assertRegex(self.cvn("query", "db/sc/t", "--columns", "id", status=1).err,
-                         r"^cvn: db/sc/t: column 'id' is of type (int64 in b\.cvn, but of type int32 in a|int32 in a\.cvn, "
-                         r"but of type int64 in b)\.cvn \(.*\); remove that file, or replace it by one with the table's "
-                         r"columns\n$")
+                         r"^cvn: db/sc/t: column 'id' is of type (int64 in b\.cvn, but of type int32 in a|int32 in "
+                         r"a\.cvn, but of type int64 in b)\.cvn \(.*\); remove that file, or replace it by one with the "
+                         r"table's columns\n$")
 
 
 class PutProgress(CommandTest):

@@ -1,7 +1,7 @@
 """Reading and writing the tables of a kelpd server, and its data files, as numpy arrays.
 
     import kelp
-    table = kelp.connect("kelp://localhost:8080").table("shop.public.orders")
+    table = kelp.connect("kelp://localhost:8642").table("shop.public.orders")
     rows = table.scan(columns=["id", "qty"], where="qty > 10 and note is null", jobs=2).read()
     rows["qty"].to_numpy(), rows.to_pandas()
 

@@ -34,7 +34,7 @@ def connect(url=None, timeout=60.0):
     """
     url = url or os.environ.get("KELPD_URL")
     if not url:
-        raise KelpError("no server is named: give a URL such as kelp://localhost:8080, or set KELPD_URL")
+        raise KelpError("no server is named: give a URL such as kelp://localhost:8642, or set KELPD_URL")
     return Connection(http.Address(url), timeout)
 
 

@@ -21,7 +21,7 @@ _STATUS_TEXT = re.compile(rb"[1-5][0-9][0-9] [A-Za-z][ -~]*")
 
 
 class Address:
-    """Where a server is, out of a URL such as kelp://host:8080/db/schema/entity or http://host/v1/db/schema."""
+    """Where a server is, out of a URL such as kelp://host:8642/db/schema/entity or http://host/v1/db/schema."""
 
     def __init__(self, url):
         if not isinstance(url, str):

@@ -3,7 +3,9 @@
 import doctest
 import importlib.util
 import os
+import resource
 import shutil
+import signal
 import subprocess
 import sys
 import unittest
@@ -26,12 +28,30 @@ class Readme(Case):
         here = os.getcwd()
         self.addCleanup(os.chdir, here)
         os.chdir(self.dir)
-        text = self.text.replace("kelp://localhost:8080", daemon.url)
+        text = self.text.replace("kelp://localhost:8642", daemon.url)
         test = doctest.DocTestParser().get_doctest(text, {}, "README.md", "README.md", 0)
         self.assertGreater(len(test.examples), 20)
         said = []
         result = doctest.DocTestRunner(verbose=False).run(test, out=said.append)
         self.assertEqual((0, len(test.examples)), tuple(result), "".join(said))
+
+    def test_the_example_that_writes_a_file_fails_aloud_on_a_full_disk(self):
+        def prepare():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
+
+        examples = doctest.DocTestParser().get_examples(self.text)
+        code = "".join(e.source for e in examples[:2])
+        self.assertIn("kelp.write_table(\"day1.cvn\"", examples[1].source)
+        for limited in (False, True):
+            done = subprocess.run([sys.executable, "-c", code], cwd=self.dir, stderr=subprocess.PIPE, text=True, timeout=60,
+                                  env=dict(os.environ, PYTHONPATH=PACKAGE), preexec_fn=prepare if limited else None)
+            if not limited:
+                self.assertEqual((0, ""), (done.returncode, done.stderr))
+                os.unlink(self.path("day1.cvn"))
+        self.assertEqual(1, done.returncode)
+        self.assertRegex(done.stderr.splitlines()[-1], "File too large")
+        self.assertEqual([], [n for n in os.listdir(self.dir) if "day1" in n])
 
     def test_the_package_installs_with_pip_and_imports_from_there(self):
         if not all(importlib.util.find_spec(name) for name in ("pip", "setuptools", "wheel")):
