@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Builds a program against the installed client library, through find_package or through pkg-config, and runs it:
-against a daemon of its own, and against a port where nothing listens.
+against a daemon of its own, against a port where nothing listens, and where its file cannot grow.
 
 Exit status 0 when it compiles without a warning, links, and prints what it must; 77 when the client is not installed.
 """
 import argparse
 import glob
 import os
+import resource
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -25,6 +27,12 @@ def run(argv, status=0, **kwargs):
     if done.returncode != status:
         sys.exit("ends with status %d, not %d" % (done.returncode, status))
     return done.stdout
+
+
+def full_disk():
+    """No file can grow any more, which is an error and no signal."""
+    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
 
 
 def build(args, sanitize):
@@ -66,6 +74,10 @@ def main():
                 os.path.join(args.work, "p.cvn")], status=1)
     if "upload: code -4: cannot connect to 127.0.0.1:" not in said or "Connection refused" not in said:
         sys.exit("a refused connection is not reported as one")
+    path = os.path.join(args.work, "p.cvn")
+    said = run([program, "kelp://127.0.0.1:1/shop/public/orders/p.cvn", path], status=1, preexec_fn=full_disk)
+    if said != "table: %s: code -3: File too large\n" % path or os.path.exists(path):
+        sys.exit("a file that cannot be written is not reported as one, or left")
     daemon = kelpd_proc.Daemon().start()
     try:
         said = run([program, "kelp://127.0.0.1:%d/shop/public/orders" % daemon.port,

@@ -3,6 +3,7 @@
 #include <colvane/arrow.h>
 #include <colvane/client.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -12,25 +13,39 @@ static int failed(const char* what, const kelp_error_t& err) {
     return 1;
 }
 
+static int not_written(const char* path, int code, int err) {
+    std::fprintf(stderr, "table: %s: code %d: %s\n", path, code,
+                 code == -3 ? strerror(err) : "cannot be written");
+    std::remove(path);
+    return 1;
+}
+
 static int write_file(const char* path) {
     cvn_t* w = nullptr;
-    if (cvn_create(&w, path) != 0) return 1;
-    if (cvn_create_column(w, "id", CVN_TYP_INT64, false, false) != 0) return 1;
-    if (cvn_create_column(w, "price", CVN_TYP_DEC64, true, false) != 0) return 1;
-    if (cvn_create_column(w, "note", CVN_TYP_CSTR, true, false) != 0) return 1;
-    for (int r = 0; r < 1000; ++r) {
+    int code = cvn_create(&w, path);
+    if (code == 0) code = cvn_create_column(w, "id", CVN_TYP_INT64, false, false);
+    if (code == 0) code = cvn_create_column(w, "price", CVN_TYP_DEC64, true, false);
+    if (code == 0) code = cvn_create_column(w, "note", CVN_TYP_CSTR, true, false);
+    if (code != 0) return not_written(path, code, errno);
+    for (int r = 0; r < 1000 && code == 0; ++r) {
         char price[32], note[32];
         std::snprintf(price, sizeof price, "%d.%02d", r, r % 100);
         std::snprintf(note, sizeof note, "row %d", r);
         cvn_datum_t datum[3];
         std::memset(datum, 0, sizeof datum);
         datum[0].I = r;
-        if (cvn_dec64_from_string(&datum[1].dec64, price) != 0) return 1;
+        code = cvn_dec64_from_string(&datum[1].dec64, price);
         datum[2].t = note;
         const bool isnull[3] = {false, false, r % 10 == 3};
-        if (cvn_append(w, 3, datum, isnull) != 0) return 1;
+        if (code == 0) code = cvn_append(w, 3, datum, isnull);
     }
-    return cvn_close(w);
+    int err = w->os_errno;
+    const int closed = cvn_close(w);  // 0 after a failed append too
+    if (code == 0 && closed != 0) {
+        code = closed;
+        err = errno;
+    }
+    return code == 0 ? 0 : not_written(path, code, err);
 }
 
 static int read_rows(const kelp_url_t& url) {
