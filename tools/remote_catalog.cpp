@@ -280,7 +280,7 @@ int put_run(const put_opts_t& opts) {
         if (!named) up.url.partition = up.path.substr(up.path.rfind('/') + 1);
         if (up.url.partition.empty() || up.url.partition[0] == '.')
             throw tool_error(up.path +
-                             ": cannot be uploaded under its own name; put a name behind the table's");
+                             ": cannot be uploaded under its own name; put a name after the table's");
         if (!names.insert(up.url.partition).second)
             throw tool_error(fmt::format("{}: another file is called {} too, and would be replaced", up.path,
                                          tool_quote(up.url.partition)));

@@ -4,7 +4,7 @@
 // or its members. Each row group (what a filter leaves of it) becomes one record batch. After a failure every
 // further call for a batch fails likewise. How types are expressed:
 //
-//   bool              bool                  repacked, a bit a row
+//   bool              bool                  repacked, a bit per row
 //   int16 to int64    int16, int32, int64   in place
 //   int128            fixed-size binary 16  in place [1]
 //   float, double     float, double         in place

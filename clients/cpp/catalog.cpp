@@ -48,8 +48,8 @@ static bool take(json_t* j, char c) {
 static bool take_string(json_t* j, std::string* ret) {
     if (!take(j, '"')) return false;
     for (size_t at = 0; (at = j->rest.find('"', at)) != j->rest.npos; at++) {
-        json_t behind{j->rest.substr(at + 1)};
-        const char next = peek(&behind);
+        json_t after{j->rest.substr(at + 1)};
+        const char next = peek(&after);
         if (next != ',' && next != ']' && next != '}' && next != ':') continue;
         *ret = j->rest.substr(0, at);
         j->rest.remove_prefix(at + 1);

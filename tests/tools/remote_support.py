@@ -161,7 +161,7 @@ class FakeServer:
 
 
 def receive_head(conn):
-    """Reads a request's head; returns its method, its path, and what came behind it."""
+    """Reads a request's head; returns its method, its path, and what came after it."""
     data = b""
     while b"\r\n\r\n" not in data:
         part = conn.recv(65536)

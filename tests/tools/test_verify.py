@@ -205,7 +205,7 @@ class Verify(ToolTest):
         self.assertEqual("", self.run_unread("verify", ".", status=1))
         self.assertEqual("", self.run_unread("verify", "t.cvn"))
 
-    def test_a_file_that_cannot_be_read_does_not_hide_those_behind_it(self):
+    def test_a_file_that_cannot_be_read_does_not_hide_those_after_it(self):
         os.symlink("nowhere", self.path("a.cvn"))
         self.data[self.get(self.meta(0), "q")] ^= 1
         self.write("b.cvn", bytes(self.data))
