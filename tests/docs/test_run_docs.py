@@ -17,7 +17,7 @@ class RunDocs(unittest.TestCase):
             with open(path, "w") as f:
                 f.write(text)
             p = subprocess.run([sys.executable, os.path.join(HERE, "run_docs.py"), path, *options],
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=60)
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=300)
         return p.returncode, p.stdout
 
     def test_a_document_that_tells_the_truth_passes(self):

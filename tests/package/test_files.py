@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Checks the manual pages with mandoc and the completions with their shells, where these are installed."""
+"""Checks the manual pages with mandoc, the completions with their shells and the scripts with shellcheck, where these
+are installed."""
 import glob
 import os
 import re
@@ -16,6 +17,7 @@ def output(*command):
 
 def main():
     packaging = sys.argv[1]
+    root = os.path.join(packaging, "..")
     bad, checked, missing = [], 0, []
     pages = sorted(glob.glob(os.path.join(packaging, "man", "*.[1-8]")))
     names = {os.path.basename(p) for p in pages}
@@ -33,6 +35,8 @@ def main():
         ("bash", glob.glob(os.path.join(packaging, "completions", "*.bash")), ["bash", "-n"]),
         ("zsh", glob.glob(os.path.join(packaging, "completions", "_*")), ["zsh", "-n"]),
         ("sh", glob.glob(os.path.join(packaging, "debian", "p*")), ["sh", "-n"]),
+        ("shellcheck", glob.glob(os.path.join(root, "scripts", "*")) +
+         [os.path.join(root, ".ci", "run"), os.path.join(packaging, "build_packages")], ["shellcheck"]),
     ]:
         if not shutil.which(tool):
             missing.append(tool)
