@@ -521,6 +521,13 @@ int cvn_scan_rowgroup(cvn_scan_t* scan, int64_t rg, int* ret_ncol, cvn_page_t***
 int cvn_scan_next_rowgroup(cvn_scan_t* scan, int64_t* ret_rg);
 int cvn_scan_page(cvn_scan_t* scan, int64_t rg, int k, cvn_page_t** ret_page, bool uncompress);
 
+/* Finds out whether the pages of the required columns from the first-th on can be read, without keeping them:
+ * for a caller of the two halves that must know before it passes the first one on. It brings them into the
+ * page cache, where reading them finds them, and may end the life of a page that was read before. Only a file
+ * that is changed meanwhile, or memory so short that the kernel drops the pages again, can still fail a read
+ * after it. Codes as cvn_scan_rowgroup. */
+int cvn_scan_prove(cvn_scan_t* scan, int64_t rg, int first);
+
 /* How far LZ4 can expand a block: more than this times its size never comes out. */
 #define CVN_LZ4_MAX_RATIO 255
 

@@ -23,8 +23,8 @@ static void send_file_ret(cvn_scan_t* scan) {
     if (scan) cvn_scan_close(scan);
 }
 
-// Streams the sampler's output. Whatever is wrong with it ends the reply where it stands: the head was sent,
-// and a client reads a body without its end as a failed sample.
+// Streams the sampler's output. When it does not open, or its columns cannot be had, the reply ends where it
+// stands: the head was sent, and a client reads a body without its end as a failed sample.
 static void send_file(htreply_t* reply, const char* tmpfname) {
     cvn_scan_t* scan = nullptr;
     int ncol = 0;
@@ -33,12 +33,13 @@ static void send_file(htreply_t* reply, const char* tmpfname) {
         return send_file_ret(scan);
     for (int i = 0; i < ncol; i++)
         if (cvn_scan_add_required(scan, coldef[i].name) != 0) return send_file_ret(scan);
-    // Kept: any code ends the row groups, and a page that cannot be sent only ends its own.
+    // Kept: a row group that cannot be had ends the row groups, and the stream has its end record all the
+    // same; a page that cannot be sent only ends its own row group.
     int64_t rg;
     while (cvn_scan_next_rowgroup(scan, &rg) == 0) {
         const stream_t sent = stream_rowgroup(reply, scan, rg, false);
-        if (sent == STREAM_BADSIZE || sent == STREAM_NOREAD) return send_file_ret(scan);
-        if (sent == STREAM_NOHEADER) break;
+        if (sent == STREAM_NOREAD || sent == STREAM_NOHEADER) break;
+        if (sent == STREAM_BADSIZE || sent == STREAM_CUT) return send_file_ret(scan);
     }
     (void)stream_header(reply, 0);  // whoever is still there
     (void)htreply_chunk(reply, nullptr, 0);

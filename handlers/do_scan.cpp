@@ -1,6 +1,7 @@
-// Scans: the stored pages of the qualifying row groups, one file after the other. Each page is read and sent
-// before the next is read into its place, so a child holds one page and sends it while the cache does too.
-// Nothing is decompressed, checked or looked at here but the sizes.
+// Scans: the stored pages of the qualifying row groups, one file after the other. Before a record's head is
+// sent all of its pages are known to be readable; then each is read and sent before the next is read into its
+// place, so a child holds one page and sends it while the cache does too. Nothing is decompressed, checked or
+// looked at here but the sizes.
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -34,11 +35,16 @@ stream_t stream_rowgroup(htreply_t* reply, cvn_scan_t* scan, int64_t rg, bool ch
         if (cvn_scan_colmeta(scan, rg, scan->reqcol[k], &meta) != 0 || meta.zbyte < 0) return STREAM_BADSIZE;
         nbyte += CVN_PAGE_HEADSZ + int64_t{meta.zbyte};
     }
+    // Kept: more than a record's size can say is refused; nothing is sent of such a row group.
     if (nbyte > INT32_MAX) return STREAM_BADSIZE;
+    // Once the head has left, a page that cannot be read breaks the record. So the pages after the first are
+    // proved readable, and the first is read, while a failure can still be told as one.
+    cvn_page_t* page = nullptr;
+    if (cvn_scan_prove(scan, rg, 1) != 0) return STREAM_NOREAD;
+    if (scan->nreqcol > 0 && cvn_scan_page(scan, rg, 0, &page, false) != 0) return STREAM_NOREAD;
     if (!stream_header(reply, static_cast<int32_t>(nbyte))) return STREAM_NOHEADER;
     for (int k = 0; k < scan->nreqcol; k++) {
-        cvn_page_t* page;
-        if (cvn_scan_page(scan, rg, k, &page, false) != 0) return STREAM_NOREAD;
+        if (k > 0 && cvn_scan_page(scan, rg, k, &page, false) != 0) return STREAM_CUT;
         if (verbose > 1) {
             if (page->zbyte != page->nbyte)
                 fprintf(stderr, "  page[%d]: %d %d\n", k + 1, page->zbyte, page->nbyte);

@@ -112,8 +112,9 @@ void command_free(command_t* cmd);
 enum stream_t : int {
     STREAM_OK = 0,
     STREAM_BADSIZE,   // the pages do not add up to a record's size; nothing was sent
+    STREAM_NOREAD,    // a page cannot be read; nothing was sent
     STREAM_NOHEADER,  // the record header could not be sent
-    STREAM_NOREAD,    // a page could not be read, though it lay in the file when the record was begun
+    STREAM_CUT,       // a page could not be read any more, though it could before the header was sent
     STREAM_NOPAGE,    // a page could not be sent
 };
 
@@ -124,8 +125,8 @@ bool stream_header(htreply_t* reply, int32_t nbyte);
 // Sends one page, header and body, as one chunk out of its own buffer. Returns true when it was written.
 bool stream_page(htreply_t* reply, const cvn_page_t* page);
 
-// Sends the required columns of one row group as a record: its header, then page by page, up to the first
-// failure. `rg` comes from cvn_scan_next_rowgroup. With `verbose` above 1 each page is printed to standard
+// Sends the required columns of one row group as a record: its header, once all pages are known to be readable,
+// then page by page, up to the first failure. `rg` comes from cvn_scan_next_rowgroup. With `verbose` above 1 each page is printed to standard
 // error before it goes; `check_typ` says that a page without a type is printed too, at any verbosity.
 [[nodiscard]] stream_t stream_rowgroup(htreply_t* reply, cvn_scan_t* scan, int64_t rg, bool check_typ);
 

@@ -5,7 +5,7 @@ add_library(cvn_reader STATIC reader/reader.cpp reader/writer.cpp reader/order.c
 target_include_directories(cvn_reader PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(cvn_reader PRIVATE kelpd_strict PkgConfig::LZ4 PkgConfig::XXHASH)
 
-foreach(name mpool dec cvn_type cvn_write cvn_scan cvn_lens cvn_split cvn_roundtrip)
+foreach(name mpool dec cvn_type cvn_write cvn_scan cvn_prove cvn_lens cvn_split cvn_roundtrip)
   kelpd_unit(${name} colvane cvn_reader)
 endforeach()
 

@@ -259,18 +259,24 @@ TEST_F(DoScan, PagesLargerThanARecordAreRefusedBeforeAnythingIsSent) {
     close(fd[0]);
     close(fd[1]);
 }
-TEST_F(DoScan, APageThatCannotBeReadAnyMoreCutsTheRecord) {
-    write_cvn(p, {{"a", CVN_TYP_INT32}}, 3);
+TEST_F(DoScan, ARecordOfWhichAPageCannotBeReadIsNotBegun) {
+    write_cvn(p, two, 3);
     cvn_scan_t* scan;
     ASSERT_EQ(0, cvn_scan_open(&scan, p.c_str()));
-    ASSERT_EQ(0, cvn_scan_add_required(scan, "a"));
+    ASSERT_EQ(0, cvn_scan_add_required(scan, "id"));
+    ASSERT_EQ(0, cvn_scan_add_required(scan, "note"));
     int64_t rg;
     ASSERT_EQ(0, cvn_scan_next_rowgroup(scan, &rg));
-    ASSERT_EQ(0, truncate(p.c_str(), 12));
+    colmeta_t note;
+    ASSERT_EQ(0, cvn_scan_colmeta(scan, rg, 1, &note));
     client_t client("");
-    htreply_t reply = {client.fd(), true};
+    htreply_t reply = {client.fd(), false};
+    ASSERT_EQ(0, truncate(p.c_str(), note.file_offset + note.zbyte - 1));  // the last byte of the last page
     EXPECT_EQ(STREAM_NOREAD, stream_rowgroup(&reply, scan, rg, true));
-    EXPECT_EQ(record_header(CVN_PAGE_HEADSZ + 13), client.finish());
+    ASSERT_EQ(0, truncate(p.c_str(), 12));  // and the first page
+    EXPECT_EQ(STREAM_NOREAD, stream_rowgroup(&reply, scan, rg, true));
+    EXPECT_FALSE(reply.status_sent);
+    EXPECT_EQ("", client.finish());
     cvn_scan_close(scan);
 }
 TEST_F(DoScan, APageWithoutATypeIsPrintedAndSent) {

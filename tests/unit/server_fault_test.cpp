@@ -1,6 +1,6 @@
 // Every allocation and every call that makes an upload durable fails once, by number: the n-th for n = 1, 2,
-// ... until the operation runs without a fault. So does every write of a chunk. The linker puts the functions
-// below in front of the C library's.
+// ... until the operation runs without a fault. So does every write of a chunk, and reads of a bad byte of a
+// file. The linker puts the functions below in front of the C library's.
 #include <errno.h>
 #include <stdarg.h>
 #include <sys/uio.h>
@@ -22,6 +22,13 @@ const char* fail_name = "";      // the system call that fails
 std::vector<std::string> trace;  // system calls in their order
 int fail_writev = 0;             // the number of the write of a chunk that fails, 0 for none
 int nwritev = 0;
+// A disk that fails: of the file of this inode, the byte at `bad_byte` cannot be read. `good_reads` of them
+// still succeed.
+ino_t bad_ino = 0;
+int64_t bad_byte = 0;
+int good_reads = 0;
+int nbad_read = 0;
+int nbad_send = 0;
 
 bool due(const char* name) {
     if (fail_at == 0 || ++ncall != fail_at) return false;
@@ -36,6 +43,12 @@ bool due(const char* name, const std::string& what) {
     fired = true;
     errno = EIO;
     return true;
+}
+// Whether a read of these bytes meets the bad one.
+bool meets_bad_byte(int fd, int64_t offset, size_t n) {
+    struct stat st;
+    return bad_ino != 0 && offset <= bad_byte && bad_byte - offset < static_cast<int64_t>(n) &&
+           fstat(fd, &st) == 0 && st.st_ino == bad_ino;
 }
 std::string name_of(int fd) {
     char path[4096];
@@ -64,6 +77,10 @@ int __wrap_fdatasync(int fd);
 int __wrap_fsync(int fd);
 int __wrap_rename(const char* from, const char* to);
 ssize_t __wrap_writev(int fd, const iovec* iov, int niov);
+ssize_t __real_pread(int fd, void* buf, size_t n, off_t offset);
+ssize_t __wrap_pread(int fd, void* buf, size_t n, off_t offset);
+ssize_t __real_sendfile(int to, int from, off_t* offset, size_t n);
+ssize_t __wrap_sendfile(int to, int from, off_t* offset, size_t n);
 
 void* __wrap_malloc(size_t n) { return due("malloc") ? nullptr : __real_malloc(n); }
 void* __wrap_calloc(size_t n, size_t sz) { return due("calloc") ? nullptr : __real_calloc(n, sz); }
@@ -89,6 +106,18 @@ int __wrap_rename(const char* from, const char* to) {
 ssize_t __wrap_writev(int fd, const iovec* iov, int niov) {
     if (++nwritev != fail_writev) return __real_writev(fd, iov, niov);
     errno = EMSGSIZE;
+    return -1;
+}
+ssize_t __wrap_pread(int fd, void* buf, size_t n, off_t offset) {
+    if (!meets_bad_byte(fd, offset, n) || good_reads-- > 0) return __real_pread(fd, buf, n, offset);
+    nbad_read++;
+    errno = EIO;
+    return -1;
+}
+ssize_t __wrap_sendfile(int to, int from, off_t* offset, size_t n) {
+    if (!meets_bad_byte(from, *offset, n)) return __real_sendfile(to, from, offset, n);
+    nbad_send++;
+    errno = EIO;
     return -1;
 }
 }
@@ -127,6 +156,8 @@ class ServerFault : public DataDir {
         fired = false;
         failed = fail_name = "";
         fail_writev = nwritev = 0;
+        bad_ino = 0;
+        good_reads = nbad_read = nbad_send = 0;
         trace.clear();
         const char* path = getenv("PATH");
         path_ = path ? path : "";
@@ -528,6 +559,137 @@ TEST_F(ServerFault, ASamplePassesOverTheRestOfARowGroupWhosePageCannotBeSent) {
         EXPECT_TRUE(STREAM_HEAD + want[n] == r.reply) << n << ": " << r.reply.size();
         EXPECT_TRUE(fs::is_empty("tmp")) << n;
     }
+}
+
+// A data file of two columns and two row groups, the pages of the first larger than what is read to prove
+// them.
+void write_large(const std::string& path) {
+    cvn_t* w = nullptr;
+    ASSERT_EQ(0, cvn_create(&w, path.c_str()));
+    for (const char* name : {"a", "b"}) ASSERT_EQ(0, cvn_create_column(w, name, CVN_TYP_INT64, false, false));
+    cvn_datum_t v[2] = {};
+    const bool isnull[2] = {};
+    for (int64_t i = 0; i < CVN_MAX_ROWGROUP_NROW + 5; i++) {
+        v[0].I = i;
+        v[1].I = i * i;
+        ASSERT_EQ(0, cvn_append(w, 2, v, isnull));
+    }
+    ASSERT_EQ(0, cvn_close(w));
+}
+// Makes the last byte of a page of the file bad; `rg` and `cno` say which.
+void spoil(const std::string& path, int64_t rg, int cno) {
+    cvn_scan_t* scan = nullptr;
+    ASSERT_EQ(0, cvn_scan_open(&scan, path.c_str()));
+    colmeta_t m;
+    ASSERT_EQ(0, cvn_scan_colmeta(scan, rg, cno, &m));
+    cvn_scan_close(scan);
+    EXPECT_EQ(rg == 0, m.zbyte > 65536);
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    bad_byte = m.file_offset + m.zbyte - 1;
+    bad_ino = st.st_ino;
+}
+TEST_F(ServerFault, AReadErrorInAnyPageOfTheFirstRecordIsAnOrdinaryError) {
+    const std::string path = dir + "/p.cvn", body = R"({"column":["a","b"]})";
+    write_large(path);
+    for (int cno = 0; cno < 2; cno++) {
+        spoil(path, 0, cno);
+        nbad_read = nbad_send = 0;
+        const result_t r = post("/v1/d/s/e", body);
+        EXPECT_STREQ(BAD, r.status);
+        EXPECT_EQ("", r.reply) << "so that the status can still be sent";
+        EXPECT_EQ(1, nbad_read) << cno;
+        EXPECT_EQ(cno, nbad_send) << "the first page is read, not proved";
+    }
+    // A small first row group, where reading is the proof.
+    write_cvn(path, {{"a", CVN_TYP_INT32}, {"b", CVN_TYP_INT32}}, 5);
+    cvn_scan_t* scan = nullptr;
+    ASSERT_EQ(0, cvn_scan_open(&scan, path.c_str()));
+    colmeta_t m;
+    ASSERT_EQ(0, cvn_scan_colmeta(scan, 0, 1, &m));
+    cvn_scan_close(scan);
+    bad_byte = m.file_offset;
+    nbad_read = nbad_send = 0;
+    const result_t r = post("/v1/d/s/e", body);
+    EXPECT_STREQ(BAD, r.status);
+    EXPECT_EQ("", r.reply);
+    EXPECT_EQ(1, nbad_read);
+    EXPECT_EQ(0, nbad_send);
+}
+TEST_F(ServerFault, AReadErrorInALaterRecordEndsTheStreamAfterTheWholeRecordsBeforeIt) {
+    const std::string path = dir + "/p.cvn", body = R"({"column":["a","b"]})";
+    write_large(path);
+    std::string first = post("/v1/d/s/e", R"({"column":["a","b"],"fragment":[0,2]})").reply;
+    ASSERT_TRUE(first.ends_with(STREAM_END));
+    first.resize(first.size() - STREAM_END.size());
+    for (int cno = 0; cno < 2; cno++) {
+        spoil(path, 1, cno);
+        nbad_read = 0;
+        const result_t r = post("/v1/d/s/e", body);
+        EXPECT_STREQ(BAD, r.status);
+        EXPECT_TRUE(first == r.reply) << cno << ": " << r.reply.size();
+        EXPECT_EQ(1, nbad_read) << cno;
+    }
+}
+TEST_F(ServerFault, APageThatFailsAfterItWasProvedCutsItsRecord) {
+    const std::string path = dir + "/p.cvn";
+    write_cvn(path, {{"a", CVN_TYP_INT32}, {"b", CVN_TYP_INT32}}, 5);
+    const std::string whole = post("/v1/d/s/e", R"({"column":["a","b"]})").reply;
+    cvn_scan_t* scan = nullptr;
+    ASSERT_EQ(0, cvn_scan_open(&scan, path.c_str()));
+    colmeta_t m;
+    ASSERT_EQ(0, cvn_scan_colmeta(scan, 0, 1, &m));
+    cvn_scan_close(scan);
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    bad_byte = m.file_offset;
+    bad_ino = st.st_ino;
+    good_reads = 1;
+    const result_t r = post("/v1/d/s/e", R"({"column":["a","b"]})");
+    EXPECT_STREQ(BAD, r.status);
+    const std::string page(CVN_PAGE_HEADSZ + static_cast<size_t>(m.zbyte), '\0');
+    EXPECT_TRUE(whole.substr(0, whole.size() - chunk(page).size() - STREAM_END.size()) == r.reply)
+        << r.reply.size();
+    EXPECT_EQ(1, nbad_read);
+}
+TEST_F(ServerFault, WithoutAWayToPassPagesOverTheyAreReadAndSentAllTheSame) {
+    const std::string path = dir + "/p.cvn", body = R"({"column":["a","b"]})";
+    write_large(path);
+    const std::string want = post("/v1/d/s/e", body).reply;
+    spoil(path, 0, 1);
+    good_reads = 2;
+    const result_t r = post("/v1/d/s/e", body);
+    EXPECT_EQ(nullptr, r.status);
+    EXPECT_TRUE(want == r.reply) << r.reply.size();
+    EXPECT_EQ(1, nbad_send);
+    EXPECT_EQ(0, good_reads);
+}
+TEST_F(ServerFault, ASampleOfWhichARowGroupCannotBeReadEndsWithItsEndRecord) {
+    write_large("sampled");
+    // The sampler gives the file itself, so that its inode is known.
+    fs::create_directory("bin");
+    write_file("bin/cvnsamp", "#!/bin/sh\nln -f sampled \"$(readlink /proc/$$/fd/1)\"\n");
+    fs::permissions("bin/cvnsamp", fs::perms::owner_all);
+    setenv("PATH", (fs::absolute("bin").string() + ":" + path_).c_str(), 1);
+    const std::string body = R"({"command":["sample","3"]})";
+    const std::string whole = post("/v1/d/s/e", body).reply;
+    fs::remove(dir + "/p.cvn");
+    fs::copy("sampled", dir + "/p.cvn");
+    std::string first = post("/v1/d/s/e", R"({"column":["a","b"],"fragment":[0,2]})").reply;
+    ASSERT_TRUE(whole.ends_with(STREAM_END));
+    ASSERT_GT(whole.size(), first.size());
+    first.resize(first.size() - STREAM_END.size());
+    for (int rg = 0; rg < 2; rg++)
+        for (int cno = 0; cno < 2; cno++) {
+            spoil("sampled", rg, cno);
+            nbad_read = 0;
+            const result_t r = post("/v1/d/s/e", body);
+            EXPECT_EQ(nullptr, r.status);
+            EXPECT_TRUE((rg == 0 ? STREAM_HEAD : first) + STREAM_END == r.reply)
+                << rg << cno << r.reply.size();
+            EXPECT_EQ(1, nbad_read) << rg << cno;
+            EXPECT_TRUE(fs::is_empty("tmp"));
+        }
 }
 
 TEST_F(ServerFault, AnUploadIsFlushedBeforeTheRenameAndItsDirectoryAfter) {
