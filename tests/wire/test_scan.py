@@ -553,6 +553,18 @@ class Damaged(ScanCase):
                 self.store("p.cvn", whole.patched(whole.colmeta(0, 0), struct.pack("<q", offset)))
                 self.check_refused(["id"])
 
+    def test_a_page_of_no_stored_bytes_is_sent_wherever_its_offset_lies(self):
+        whole = small_file()
+        empty = whole.patched(whole.colmeta(0, 0) + 20, bytes(4))
+        head, page, other = whole.record(0, b"id", b"qty")
+        empty_page = page[:28] + bytes(4) + page[32:40]
+        head = struct.pack("<2i", cvnfile.RECORD_MAGIC, len(empty_page) + len(other))
+        for offset in (0, len(empty), 1 << 40, (1 << 63) - 1):
+            with self.subTest(offset=offset):
+                self.store("p.cvn", empty[: whole.colmeta(0, 0)] + struct.pack("<q", offset)
+                           + empty[whole.colmeta(0, 0) + 8 :])
+                self.check_ok(self.query(["id", "qty"]), stream([head, empty_page, other]))
+
     def test_a_page_size_that_cannot_be_is_refused(self):
         whole = small_file()
         for zbyte in (-1, -40, -(1 << 31), (1 << 31) - 1, (1 << 31) - 44, len(whole.data)):
