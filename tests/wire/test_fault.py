@@ -335,8 +335,9 @@ class FullDisk(FaultCase):
         kelpd.store("d/s/e/p", b"old")
         kelpd.limit(resource.RLIMIT_FSIZE, 65536)
         with kelpd.connect() as s:
-            # More than any buffer on the way, and less than the length: the answer must come from inside the copying.
-            kelpd_proc.send(s, put(f"{ENTITY}/p", bytes(3 << 20), length=8 << 20))
+            # Far less than the length: the answer must come from inside the copying, and no later than one piece of
+            # 256 KiB after the byte that could not be written.
+            kelpd_proc.send(s, put(f"{ENTITY}/p", bytes(65536 + (256 << 10) + 8192), length=8 << 20))
             self.assert_reply(error(FAILED), kelpd_proc.receive(s))
         self.assertEqual(f"PUT {ENTITY}/p -> {FAILED}\n", kelpd.await_log(1))
         self.assertEqual(b"old", kelpd.load("d/s/e/p"))
