@@ -70,16 +70,18 @@ bool htreply_status(htreply_t* reply, const char* status, const char* hdline1, c
                     const char* hdline3, const char* hdline4);
 
 // Sends `bufsz` bytes as one chunk, from the caller's buffer, in one writev; the first call sends the head
-// "200 OK" of a chunked octet stream along with it. Returns true when all was written. With `bufsz` 0 it ends
-// the body, and returns false only when a head was due and failed.
+// "200 OK" of a chunked octet stream before it, and goes no further when that fails. Returns true when all was
+// written. With `bufsz` 0 it ends the body, and returns false only when a head was due and failed.
 bool htreply_chunk(htreply_t* reply, const void* buf, int bufsz);
 
-// Sends `bufsz` bytes of JSON with the head "200 OK" before them; a head sent earlier is not repeated, and
-// the bytes then follow bare. Returns true when all was written.
+// Sends `bufsz` bytes of JSON, in one write, with the head "200 OK" before them; a head sent earlier is not
+// repeated, and the bytes then follow bare. Nothing follows a head that fails. Returns true when all was
+// written.
 bool htreply_json(htreply_t* reply, const char* buf, int bufsz);
 
-// Sends an error reply whose body is the status text. When a head was sent earlier only the text is written:
-// in a chunked stream a malformed chunk, by which the client sees the failure. Failures to write are ignored.
+// Sends an error reply whose body is the status text, a write of its own. When a head was sent earlier only the
+// text is written: in a chunked stream a malformed chunk, by which the client sees the failure. Failures to
+// write are ignored.
 void htreply_error(htreply_t* reply, const char* status);
 
 // URLs. Each result is a new string that the caller frees, or null when memory runs out. Nothing is printed.

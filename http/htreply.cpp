@@ -1,5 +1,6 @@
-// Every part of a reply leaves in one system call: the head goes out in the same writev as what follows it,
-// which the client cannot tell from two writes, and page data is never copied.
+// A head is one write, a body or a chunk is one more; page data is never copied. What would fill a segment
+// together is not gathered here: the children of the daemon have the system do it, and the daemon that does not
+// fork means to see each write end as it ends.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,29 +42,6 @@ static int format_head(char* buf, const char* status, const char* const hdline[4
     return addf(buf, len, "\r\n");
 }
 
-// The head that a reply still owes, or no bytes when one was attempted before. The reply counts as begun from
-// here on, whatever becomes of the write.
-static iovec take_head(htreply_t* reply, char* buf, const char* status, const char* hdline1,
-                       const char* hdline2) {
-    if (reply->status_sent) return {buf, 0};
-    reply->status_sent = true;
-    const char* const hdline[4] = {hdline1, hdline2, nullptr, nullptr};
-    return {buf, static_cast<size_t>(format_head(buf, status, hdline))};
-}
-
-// Writes the pieces with one call, the first left out when it is empty. A short count is a failure: the
-// socket blocks, so the client has gone.
-static ssize_t write_pieces(int fd, const iovec* iov, int niov) {
-    return iov[0].iov_len > 0 ? writev(fd, iov, niov) : writev(fd, iov + 1, niov - 1);
-}
-
-static bool write_all(int fd, const iovec* iov, int niov) {
-    size_t total = 0;
-    for (int i = 0; i < niov; i++) total += iov[i].iov_len;
-    const ssize_t n = write_pieces(fd, iov, niov);
-    return n >= 0 && static_cast<size_t>(n) == total;
-}
-
 const char* htreply_create(htreply_t** ret_reply, htrequest_t* req) {
     *ret_reply = nullptr;
     htreply_t* reply = static_cast<htreply_t*>(malloc(sizeof(*reply)));
@@ -84,41 +62,45 @@ bool htreply_status(htreply_t* reply, const char* status, const char* hdline1, c
     return write(reply->fd, head, static_cast<size_t>(len)) == len;
 }
 
+// Writes what may fail unheard.
+static void write_or_not(int fd, const char* buf, size_t n) {
+    if (write(fd, buf, n) == -1) return;
+}
+
 bool htreply_chunk(htreply_t* reply, const void* buf, int bufsz) {
     if (bufsz < 0) return false;
-    char head[HTREPLY_HEADSZ], size[24];
-    static char crlf[] = "\r\n", last[] = "0\r\n\r\n";
-    iovec iov[4];
-    iov[0] = take_head(reply, head, "200 OK", "Transfer-encoding: chunked",
-                       "Content-type: application/octet-stream");
+    if (!htreply_status(reply, "200 OK", "Transfer-encoding: chunked",
+                        "Content-type: application/octet-stream", nullptr, nullptr))
+        return false;
     if (bufsz == 0) {
-        iov[1] = {last, sizeof(last) - 1};
-        const ssize_t n = write_pieces(reply->fd, iov, 2);
-        return iov[0].iov_len == 0 || (n >= 0 && static_cast<size_t>(n) >= iov[0].iov_len);
+        static const char last[] = "0\r\n\r\n";
+        write_or_not(reply->fd, last, sizeof(last) - 1);  // Kept: nobody is told when the end does not arrive
+        return true;
     }
+    char size[24];
     const int sizelen = snprintf(size, sizeof(size), "%x; chunk\r\n", static_cast<unsigned>(bufsz));
-    iov[1] = {size, static_cast<size_t>(sizelen)};
-    iov[2] = {const_cast<void*>(buf), static_cast<size_t>(bufsz)};
-    iov[3] = {crlf, sizeof(crlf) - 1};
-    return write_all(reply->fd, iov, 4);
+    static char crlf[] = "\r\n";
+    const iovec iov[3] = {{size, static_cast<size_t>(sizelen)},
+                          {const_cast<void*>(buf), static_cast<size_t>(bufsz)},
+                          {crlf, sizeof(crlf) - 1}};
+    return writev(reply->fd, iov, 3) == ssize_t{sizelen} + bufsz + 2;
+}
+
+// Sends the head of a body of `len` bytes, unless a head was attempted before.
+static bool send_head(htreply_t* reply, const char* status, int len, const char* type) {
+    char length[40];
+    (void)snprintf(length, sizeof(length), "Content-length: %d", len);  // always fits
+    return htreply_status(reply, status, length, type, nullptr, nullptr);
 }
 
 bool htreply_json(htreply_t* reply, const char* buf, int bufsz) {
     if (bufsz < 0) return false;
-    char head[HTREPLY_HEADSZ], length[40];
-    (void)snprintf(length, sizeof(length), "Content-length: %d", bufsz);  // always fits
-    iovec iov[2];
-    iov[0] = take_head(reply, head, "200 OK", length, "Content-type: application/json");
-    iov[1] = {const_cast<char*>(buf), static_cast<size_t>(bufsz)};
-    return write_all(reply->fd, iov, 2);
+    if (!send_head(reply, "200 OK", bufsz, "Content-type: application/json")) return false;
+    return write(reply->fd, buf, static_cast<size_t>(bufsz)) == bufsz;
 }
 
 void htreply_error(htreply_t* reply, const char* status) {
     const size_t len = strlen(status);
-    char head[HTREPLY_HEADSZ], length[40];
-    (void)snprintf(length, sizeof(length), "Content-length: %d", static_cast<int>(len));  // always fits
-    iovec iov[2];
-    iov[0] = take_head(reply, head, status, length, "Content-type: application/plain");
-    iov[1] = {const_cast<char*>(status), len};
-    (void)write_all(reply->fd, iov, 2);  // nobody is left to tell
+    (void)send_head(reply, status, static_cast<int>(len), "Content-type: application/plain");
+    write_or_not(reply->fd, status, len);  // nobody is left to tell
 }

@@ -144,27 +144,93 @@ TEST(HtreplyChunk, SendsMegabytesWhole) {
     const std::string got = sent([&](htreply_t* r) { EXPECT_TRUE(htreply_chunk(r, data.data(), 3 << 20)); });
     EXPECT_TRUE(got == STREAM_HEAD + "300000; chunk\r\n" + data + "\r\n");
 }
-// Runs `use` on a reply whose connection takes but a part of 3 MB at once: it must be false, after one write
-// that gave the client a true part of `whole`.
+// Runs `use` on a reply whose connection takes but a part of 3 MB at once: it must be false, after one write of
+// the head, unless it was sent before, and one that gave the client a true part of `whole`.
 void expect_short(const std::string& whole, const std::function<bool(htreply_t*)>& use) {
+    for (const bool head_sent : {false, true}) {
+        int fd[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd));
+        const int small = 4096;
+        ASSERT_EQ(0, setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+        watch = {.fd = fd[0], .client_fd = fd[1]};
+        htreply_t r = {fd[0], head_sent};
+        EXPECT_FALSE(use(&r));
+        EXPECT_TRUE(r.status_sent);
+        const watch_t did = watch;
+        watch = {};
+        close(fd[0]);
+        close(fd[1]);
+        const size_t headsz = head_sent ? 0 : did.got.find("\r\n\r\n") + 4;
+        ASSERT_EQ(head_sent ? 1u : 2u, did.wrote.size());
+        if (!head_sent) {
+            EXPECT_EQ(static_cast<ssize_t>(headsz), did.wrote[0]);
+        }
+        EXPECT_EQ(static_cast<ssize_t>(did.got.size() - headsz), did.wrote.back());
+        const std::string got = mask_date(did.got);
+        const std::string want = head_sent ? whole.substr(whole.find("\r\n\r\n") + 4) : whole;
+        EXPECT_GT(did.got.size(), headsz + 500);
+        EXPECT_LT(got.size(), want.size());
+        EXPECT_TRUE(got == want.substr(0, got.size()));
+    }
+}
+// What each write of `use` sent.
+std::vector<std::string> writes(const std::function<void(htreply_t*)>& use) {
     int fd[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd));
-    const int small = 4096;
-    ASSERT_EQ(0, setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fd));
     watch = {.fd = fd[0], .client_fd = fd[1]};
     htreply_t r = {fd[0], false};
-    EXPECT_FALSE(use(&r));
-    EXPECT_TRUE(r.status_sent);
+    use(&r);
     const watch_t did = watch;
     watch = {};
     close(fd[0]);
     close(fd[1]);
-    ASSERT_EQ(1u, did.wrote.size());
-    EXPECT_EQ(did.wrote[0], static_cast<ssize_t>(did.got.size()));
-    const std::string got = mask_date(did.got);
-    EXPECT_GT(got.size(), size_t{1000});  // the head and a part of the data
-    EXPECT_LT(got.size(), whole.size());
-    EXPECT_TRUE(got == whole.substr(0, got.size()));
+    std::vector<std::string> part;
+    size_t at = 0;
+    for (const ssize_t n : did.wrote) {
+        part.push_back(mask_date(did.got.substr(at, static_cast<size_t>(n))));
+        at += static_cast<size_t>(n);
+    }
+    EXPECT_EQ(did.got.size(), at);
+    return part;
+}
+using parts = std::vector<std::string>;
+TEST(Htreply, HeadAndBodyAreWritesOfTheirOwn) {
+    EXPECT_EQ((parts{STREAM_HEAD, "1; chunk\r\nx\r\n", "2; chunk\r\nyz\r\n", "0\r\n\r\n"}),
+              writes([](htreply_t* r) {
+                  EXPECT_TRUE(htreply_chunk(r, "x", 1));
+                  EXPECT_TRUE(htreply_chunk(r, "yz", 2));
+                  EXPECT_TRUE(htreply_chunk(r, nullptr, 0));
+              }));
+    EXPECT_EQ((parts{STREAM_HEAD, "0\r\n\r\n"}),
+              writes([](htreply_t* r) { EXPECT_TRUE(htreply_chunk(r, "", 0)); }));
+    const std::string json = json_reply("[1]");
+    EXPECT_EQ((parts{json.substr(0, json.size() - 3), "[1]"}),
+              writes([](htreply_t* r) { EXPECT_TRUE(htreply_json(r, "[1]", 3)); }));
+    const parts error = writes([](htreply_t* r) { htreply_error(r, "404 Not Found"); });
+    ASSERT_EQ(2u, error.size());
+    EXPECT_TRUE(error[0].ends_with("Content-type: application/plain\r\n\r\n")) << error[0];
+    EXPECT_EQ("404 Not Found", error[1]);
+}
+TEST(Htreply, NothingButAnErrorTextFollowsAHeadThatFailed) {
+    signal(SIGPIPE, SIG_IGN);
+    const auto nwrite = [](const std::function<void(htreply_t*)>& use) {
+        int fd[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fd));
+        shutdown(fd[1], SHUT_RD);
+        watch = {.fd = fd[0], .client_fd = fd[1]};
+        htreply_t r = {fd[0], false};
+        use(&r);
+        const std::vector<ssize_t> wrote = watch.wrote;
+        watch = {};
+        close(fd[0]);
+        close(fd[1]);
+        EXPECT_EQ(std::vector<ssize_t>(wrote.size(), -1), wrote);
+        return wrote.size();
+    };
+    EXPECT_EQ(1u, nwrite([](htreply_t* r) { EXPECT_FALSE(htreply_chunk(r, "x", 1)); }));
+    EXPECT_EQ(1u, nwrite([](htreply_t* r) { EXPECT_FALSE(htreply_chunk(r, nullptr, 0)); }));
+    EXPECT_EQ(1u, nwrite([](htreply_t* r) { EXPECT_FALSE(htreply_json(r, "x", 1)); }));
+    EXPECT_EQ(2u, nwrite([](htreply_t* r) { htreply_error(r, "404 Not Found"); }));
 }
 TEST(HtreplyChunk, FailsAfterAShortWriteAndRetriesNothing) {
     const std::string data(3 << 20, 'm');

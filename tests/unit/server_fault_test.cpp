@@ -20,7 +20,7 @@ bool fired = false;
 const char* failed = "";         // the function whose allocation failed
 const char* fail_name = "";      // the system call that fails
 std::vector<std::string> trace;  // system calls in their order
-int fail_writev = 0;             // the number of the write of a chunk that fails, 0 for none
+int fail_writev = 0;             // the number of the write of a chunk, the last included, that fails, or 0
 int nwritev = 0;
 // A disk that fails: of the file of this inode, the byte at `bad_byte` cannot be read. `good_reads` of them
 // still succeed.
@@ -66,6 +66,8 @@ char* __real_strndup(const char* s, size_t n);
 int __real_fdatasync(int fd);
 int __real_fsync(int fd);
 int __real_rename(const char* from, const char* to);
+ssize_t __real_write(int fd, const void* buf, size_t n);
+ssize_t __wrap_write(int fd, const void* buf, size_t n);
 ssize_t __real_writev(int fd, const iovec* iov, int niov);
 void* __wrap_malloc(size_t n);
 void* __wrap_calloc(size_t n, size_t sz);
@@ -105,6 +107,12 @@ int __wrap_rename(const char* from, const char* to) {
 }
 ssize_t __wrap_writev(int fd, const iovec* iov, int niov) {
     if (++nwritev != fail_writev) return __real_writev(fd, iov, niov);
+    errno = EMSGSIZE;
+    return -1;
+}
+ssize_t __wrap_write(int fd, const void* buf, size_t n) {
+    const bool last_chunk = n == 5 && memcmp(buf, "0\r\n\r\n", n) == 0;
+    if (!last_chunk || ++nwritev != fail_writev) return __real_write(fd, buf, n);
     errno = EMSGSIZE;
     return -1;
 }

@@ -689,6 +689,25 @@ class LostPeerInForeground(unittest.TestCase):
             s.recv(1)
         self.assertEqual(-signal.SIGPIPE, kelpd.await_end())
 
+    def test_a_peer_that_left_before_the_reply_ends_the_process_at_its_second_write(self):
+        """The head of a reply is a write of its own: the first tells of the reset, and a write after it ends the process.
+
+        Nothing follows a head that failed but the text of an error.
+        """
+        for url, ends in (("/v1", False), ("/v2", True)):
+            kelpd = Daemon(nofork=True)
+            self.addCleanup(kelpd.stop)
+            kelpd.start()
+            os.kill(kelpd.pid, signal.SIGSTOP)
+            s = kelpd.connect()
+            s.sendall(get(url))
+            kelpd_proc.reset(s)
+            os.kill(kelpd.pid, signal.SIGCONT)
+            if ends:
+                self.assertEqual(-signal.SIGPIPE, kelpd.await_end())
+            else:
+                self.assertEqual(json_reply("[]"), wirecase.mask_date(self, kelpd.ask(get(url)), 0))
+
 
 def cvn_counting(nrow):
     """A file that states `nrow` rows and holds none: a count of them has no end before the client leaves."""
