@@ -6,6 +6,7 @@
 
 #include "colvane/colvane.h"
 #include "colvane/colvane_int.h"
+#include "common/number.h"
 
 using namespace colvane;
 
@@ -48,19 +49,11 @@ cvn_typ_t colvane::cvn_str_typ(const char* str) {
     return 0;
 }
 
-// The base to read an integer with: 0 finds decimal, "0x" hexadecimal and leading-"0" octal; 8 makes a zero
-// of "0b", which newer C libraries would read as binary.
-static int integer_base(const char* s) {
-    s += strspn(s, " \t\n\v\f\r");
-    if (*s == '+' || *s == '-') s++;
-    return s[0] == '0' && (s[1] == 'b' || s[1] == 'B') ? 8 : 0;
-}
-
 // The three integer readers share one habit. Kept: only a zero with errno set is an error, so out-of-range
 // text is clamped by strtol and then cut to the width.
 static int parse_int32(int32_t* ret, const char* s) {
     errno = 0;
-    const auto v = static_cast<int32_t>(strtol(s, nullptr, integer_base(s)));
+    const auto v = static_cast<int32_t>(strtol(s, nullptr, number_base(s)));
     if (v == 0 && errno) return -6;
     *ret = v;
     return 0;
@@ -68,7 +61,7 @@ static int parse_int32(int32_t* ret, const char* s) {
 
 static int parse_int64(int64_t* ret, const char* s) {
     errno = 0;
-    const int64_t v = strtoll(s, nullptr, integer_base(s));
+    const int64_t v = strtoll(s, nullptr, number_base(s));
     if (v == 0 && errno) return -6;
     *ret = v;
     return 0;

@@ -9,8 +9,9 @@
 #include <unistd.h>
 
 #include "colvane/colvane.h"
+#include "common/number.h"
+#include "common/verbose.h"
 #include "handlers/handlers.h"
-#include "server/kelpd.h"
 #include "store/dir.h"
 #include "store/util.h"
 

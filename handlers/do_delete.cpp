@@ -2,8 +2,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "common/verbose.h"
 #include "handlers/handlers.h"
-#include "server/kelpd.h"
 #include "store/dir.h"
 #include "store/util.h"
 

@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "colvane/colvane.h"
+#include "common/verbose.h"
 #include "handlers/handlers.h"
-#include "server/kelpd.h"
 #include "store/dir.h"
 #include "store/util.h"
 

@@ -13,8 +13,9 @@
 
 #include <string_view>
 
+#include "common/number.h"
+#include "common/verbose.h"
 #include "handlers/handlers.h"
-#include "server/kelpd.h"
 #include "store/util.h"
 
 constexpr int POST_MAXBODY = 32768;

@@ -10,7 +10,6 @@
 
 #include "colvane/colvane.h"
 #include "handlers/handlers.h"
-#include "server/kelpd.h"
 #include "store/util.h"
 
 constexpr int PUT_READSZ = 8192;

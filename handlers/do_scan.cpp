@@ -9,9 +9,10 @@
 #include <strings.h>
 
 #include "colvane/colvane.h"
+#include "common/verbose.h"
 #include "handlers/handlers.h"
-#include "server/kelpd.h"
 #include "store/dir.h"
+#include "store/util.h"
 
 constexpr int64_t SEGMENT_NROW = 0x100000;  // rows that one count record can stand for
 constexpr size_t COUNT_PAGESZ = 131115;     // a page with a bit for every row of a segment

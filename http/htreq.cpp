@@ -9,8 +9,9 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include "common/number.h"
+#include "common/verbose.h"
 #include "http/htlib.h"
-#include "server/kelpd.h"
 
 static const char* htreq_readbuf(htrequest_t* req) {
     if (req->fd < 0 || req->fd >= FD_SETSIZE)

@@ -1,10 +1,14 @@
-// What the whole daemon shares: its settings, its verbosity, and the tests for the kinds of files it stores.
+// What the whole daemon shares: its settings, and, from where the lower layers find them too, its verbosity, its
+// rule for numbers and the tests for the kinds of files that it stores.
 #ifndef KELPD_SERVER_KELPD_H
 #define KELPD_SERVER_KELPD_H
 
 #include <stdio.h>
 
+#include "common/number.h"
+#include "common/verbose.h"
 #include "server/conf.h"
+#include "store/util.h"
 
 struct global_t {
     const char* progname;  // argv[0]; borrowed
@@ -21,17 +25,5 @@ struct global_t {
 };
 
 extern global_t gl;  // all zero when the process starts
-// Raised by each -v: 1 prints progress lines to standard error, 2 one line per page as well.
-extern int verbose;
-
-// The base to give to strtol and its kin for a number in decimal, "0x" hexadecimal or leading-"0" octal: 0,
-// which finds these, or 8 for "0b", which newer C libraries would read as binary and which is a zero here.
-[[nodiscard]] int number_base(const char* text);
-
-// Return 1 when the name ends in ".cvn", ".cvn.mismatch" or ".sql", else 0. The bare suffix counts; case
-// matters.
-[[nodiscard]] int file_is_cvn(const char* path);
-[[nodiscard]] int file_is_cvn_mismatch(const char* path);
-[[nodiscard]] int file_is_sql(const char* path);
 
 #endif

@@ -8,6 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string_view>
+
 #include "http/htlib.h"
 
 // The empty segment before the leading slash, the version, and the four components.
@@ -81,6 +83,12 @@ void tblpath_free(tblpath_t* t) {
     free(t->partition);
     free(t);
 }
+
+int file_is_cvn(const char* path) { return std::string_view(path).ends_with(".cvn"); }
+
+int file_is_cvn_mismatch(const char* path) { return std::string_view(path).ends_with(".cvn.mismatch"); }
+
+int file_is_sql(const char* path) { return std::string_view(path).ends_with(".sql"); }
 
 bool text_addf(text_t* text, const char* fmt, ...) {
     for (;;) {

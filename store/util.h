@@ -1,4 +1,4 @@
-// Table paths, and the text buffer that replies and command lines grow in.
+// Table paths, the kinds of files, and the text buffer that replies and command lines grow in.
 #ifndef KELPD_STORE_UTIL_H
 #define KELPD_STORE_UTIL_H
 
@@ -29,6 +29,11 @@ struct tblpath_t {
 
 // Releases the record and its fields; null is accepted.
 void tblpath_free(tblpath_t* tblpath);
+
+// Return 1 when the name ends in ".cvn", ".cvn.mismatch" or ".sql", else 0. The bare suffix counts; case matters.
+[[nodiscard]] int file_is_cvn(const char* path);
+[[nodiscard]] int file_is_cvn_mismatch(const char* path);
+[[nodiscard]] int file_is_sql(const char* path);
 
 // A text that grows at its end. All zero is the empty text; release it with text_free().
 struct text_t {
