@@ -1,6 +1,6 @@
 // Queries. The body is tokenised, then walked once: every step is given the index of its first token and says
 // how many tokens it consumed. A token that no step consumes is read as the next member of the request, and
-// refused as one; behind the last member nothing is read.
+// refused as one; after the last member nothing is read.
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -104,6 +104,8 @@ static const char* parse_colname_array_err(const char* err, colname_t* lst) {
 }
 
 static const char* parse_colname_array(colname_t** ret, const json_t* json, int first, int* ret_consumed) {
+    *ret = nullptr;
+    *ret_consumed = 0;
     colname_t* lst = nullptr;
     colname_t** tail = &lst;
     if (!is_token(json, first, JSMN_ARRAY)) return parse_colname_array_err(STATUS_BAD_CONTENT, lst);
@@ -122,24 +124,26 @@ static const char* parse_colname_array(colname_t** ret, const json_t* json, int 
     return nullptr;
 }
 
-// Every failure inside a condition, want of memory included, has this one status.
-static const char* parse_cond_err(cond_t* cond) {
+static const char* parse_cond_err(const char* err, cond_t* cond) {
     cond_free(cond);
-    return STATUS_BAD_CONTENT;
+    return err;
 }
 
+// Every failure inside a condition, want of memory included, has the status of bad content.
 static const char* parse_cond(cond_t** ret, const json_t* json, int first, int* ret_consumed) {
+    *ret = nullptr;
+    *ret_consumed = 0;
     cond_t* cond = nullptr;
-    if (!is_token(json, first, JSMN_ARRAY)) return parse_cond_err(cond);
+    if (!is_token(json, first, JSMN_ARRAY)) return parse_cond_err(STATUS_BAD_CONTENT, cond);
     const int n = json->tok[first].size;
-    if (n < 2 || n > 3) return parse_cond_err(cond);
+    if (n < 2 || n > 3) return parse_cond_err(STATUS_BAD_CONTENT, cond);
     if (!is_token(json, first + 1, JSMN_STRING) || !is_token(json, first + 2, JSMN_STRING))
-        return parse_cond_err(cond);
+        return parse_cond_err(STATUS_BAD_CONTENT, cond);
     cond = static_cast<cond_t*>(calloc(1, sizeof(*cond)));
-    if (!cond) return parse_cond_err(cond);
+    if (!cond) return parse_cond_err(STATUS_BAD_CONTENT, cond);
     cond->colname = token_copy(json, first + 1);
     cond->op = token_copy(json, first + 2);
-    if (!cond->colname || !cond->op) return parse_cond_err(cond);
+    if (!cond->colname || !cond->op) return parse_cond_err(STATUS_BAD_CONTENT, cond);
 
     int consumed = 3;
     int narg = 0;
@@ -156,13 +160,13 @@ static const char* parse_cond(cond_t** ret, const json_t* json, int first, int* 
     // read next.
     if (narg > 0) {
         cond->arg = static_cast<char**>(calloc(static_cast<size_t>(narg), sizeof(*cond->arg)));
-        if (!cond->arg) return parse_cond_err(cond);
+        if (!cond->arg) return parse_cond_err(STATUS_BAD_CONTENT, cond);
         cond->narg = narg;
     }
     for (int i = 0; i < narg; i++) {
-        if (!is_token(json, arg + i, JSMN_STRING)) return parse_cond_err(cond);
+        if (!is_token(json, arg + i, JSMN_STRING)) return parse_cond_err(STATUS_BAD_CONTENT, cond);
         cond->arg[i] = token_copy(json, arg + i);
-        if (!cond->arg[i]) return parse_cond_err(cond);
+        if (!cond->arg[i]) return parse_cond_err(STATUS_BAD_CONTENT, cond);
     }
     *ret = cond;
     *ret_consumed = consumed;
@@ -175,6 +179,8 @@ static const char* parse_cond_array_err(const char* err, cond_t* lst) {
 }
 
 static const char* parse_cond_array(cond_t** ret, const json_t* json, int first, int* ret_consumed) {
+    *ret = nullptr;
+    *ret_consumed = 0;
     cond_t* lst = nullptr;
     cond_t** tail = &lst;
     if (!is_token(json, first, JSMN_ARRAY)) return parse_cond_array_err(STATUS_BAD_CONTENT, lst);
@@ -191,6 +197,8 @@ static const char* parse_cond_array(cond_t** ret, const json_t* json, int first,
 }
 
 static const char* parse_command_array(command_t* cmd, const json_t* json, int first, int* ret_consumed) {
+    *cmd = {};
+    *ret_consumed = 0;
     if (!is_token(json, first, JSMN_ARRAY)) return STATUS_BAD_CONTENT;
     const int n = json->tok[first].size;
     if (n >= COMMAND_MAXARG) return STATUS_BAD_CONTENT;
@@ -205,6 +213,8 @@ static const char* parse_command_array(command_t* cmd, const json_t* json, int f
 }
 
 static const char* parse_frag_array(fragment_t* frag, const json_t* json, int first, int* ret_consumed) {
+    *frag = {};
+    *ret_consumed = 0;
     if (!is_token(json, first, JSMN_ARRAY) || json->tok[first].size != 2) return STATUS_BAD_CONTENT;
     int32_t value[2];
     for (int i = 0; i < 2; i++) {
@@ -267,27 +277,33 @@ const char* parse_entity_request(colname_t** ret_colname, cond_t** ret_cond, com
     return parse_entity_request_err(nullptr, &json, nullptr, nullptr);
 }
 
+static const char* read_body_err(const char* err, char* body) {
+    free(body);
+    return err;
+}
+
 // Reads the body into an allocation of its own, NUL-terminated; no body stands for "{}".
 static const char* read_body(char** ret_body, int* ret_len, htrequest_t* req) {
-    if (req->contentlength > POST_MAXBODY) return STATUS_BAD_CONTENT;
-    if (req->contentlength <= 0) {
-        *ret_body = strdup("{}");
-        *ret_len = 2;
-        return *ret_body ? nullptr : STATUS_NOMEM;
+    *ret_body = nullptr;
+    *ret_len = 0;
+    char* body = nullptr;
+    if (req->contentlength > POST_MAXBODY) return read_body_err(STATUS_BAD_CONTENT, body);
+    const bool given = req->contentlength > 0;
+    const int len = given ? static_cast<int>(req->contentlength) : 2;
+    body = given ? static_cast<char*>(malloc(static_cast<size_t>(len) + 1)) : strdup("{}");
+    if (!body) return read_body_err(STATUS_NOMEM, body);
+    if (given) {
+        body[len] = '\0';
+        if (req->bodysz > len) req->bodysz = len;
+        memcpy(body, req->body, static_cast<size_t>(req->bodysz));
+        for (int got = req->bodysz; got < len;) {
+            const ssize_t n = read(req->fd, body + got, static_cast<size_t>(len - got));
+            if (n <= 0) return read_body_err(STATUS_BAD, body);
+            got += static_cast<int>(n);
+        }
     }
-    const int len = static_cast<int>(req->contentlength);
-    char* body = static_cast<char*>(malloc(static_cast<size_t>(len) + 1));
-    if (!body) return STATUS_NOMEM;
     *ret_body = body;
     *ret_len = len;
-    body[len] = '\0';
-    if (req->bodysz > len) req->bodysz = len;
-    memcpy(body, req->body, static_cast<size_t>(req->bodysz));
-    for (int got = req->bodysz; got < len;) {
-        const ssize_t n = read(req->fd, body + got, static_cast<size_t>(len - got));
-        if (n <= 0) return STATUS_BAD;
-        got += static_cast<int>(n);
-    }
     return nullptr;
 }
 

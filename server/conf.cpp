@@ -14,10 +14,10 @@ static int readfile_err(int err, FILE* fp, char* buf) {
     return err;
 }
 
-// Reads the file into one allocation, adding a line feed, so that the last line has one, and a NUL.
-static int readfile(char** ret_buf, size_t* ret_len, const char* fname) {
+// Reads the file into one allocation, adding a line feed, so that the last line has one, and a NUL. A NUL byte in
+// the file hides the lines after it: EINVAL.
+static int readfile(char** ret_buf, const char* fname) {
     *ret_buf = nullptr;
-    *ret_len = 0;
     char* buf = nullptr;
     FILE* fp = fopen(fname, "r");
     if (!fp) return readfile_err(errno, fp, buf);
@@ -32,11 +32,11 @@ static int readfile(char** ret_buf, size_t* ret_len, const char* fname) {
     // An empty file has nothing to read, and reading no item would look like a failure.
     if (sz > 0 && fread(buf, sz, 1, fp) != 1)
         return readfile_err(errno ? errno : EIO, fp, buf);  // no errno: the file shrank meanwhile
+    if (memchr(buf, '\0', sz)) return readfile_err(EINVAL, fp, buf);
     buf[sz] = '\n';
     buf[sz + 1] = '\0';
     fclose(fp);
     *ret_buf = buf;
-    *ret_len = sz + 1;
     return 0;
 }
 
@@ -70,7 +70,7 @@ static char* unescape(char* s) {
         } else if (*p == 't') {
             *out++ = '\t';
         } else if (*p == 'x' ? sscanf(p + 1, "%2x", &code) == 1 : sscanf(p, "%3o", &code) == 1) {
-            // Kept: the widths are fixed, so a shorter number swallows the characters behind it.
+            // Kept: the widths are fixed, so a shorter number swallows the characters after it.
             *out++ = static_cast<char>(code);
             used = 3;
         } else {
@@ -155,27 +155,19 @@ int conf_load(conf_t** lst, const char* fname) {
     *lst = nullptr;
     char* buf = nullptr;
     char** line = nullptr;
-    size_t len = 0;
-    if (const int err = readfile(&buf, &len, fname)) return conf_load_err(err, buf, line);
+    if (const int err = readfile(&buf, fname)) return conf_load_err(err, buf, line);
     size_t nline = 0;
     for (const char* p = buf; *p; p++) nline += *p == '\n';
     if (nline > INT_MAX) return conf_load_err(ENOMEM, buf, line);
-    line = static_cast<char**>(malloc((nline + 1) * sizeof(*line)));
+    line = static_cast<char**>(malloc(nline * sizeof(*line)));  // one at least: its line feed was added
     if (!line) return conf_load_err(ENOMEM, buf, line);
-    size_t n = 0;
-    char* start = buf;
-    for (char* p = buf; p < buf + len; p++) {
-        if (*p != '\n') continue;
-        *p = '\0';
-        if (n < nline) line[n] = start;
-        n++;
-        start = p + 1;
-    }
-    if (n != nline)
-        return conf_load_err(EINVAL, buf, line);  // a NUL byte hid line feeds from the first count
+    char* p = buf;
     for (size_t i = 0; i < nline; i++) {
-        line[i] = strip(line[i]);
+        char* const end = strchr(p, '\n');
+        *end = '\0';
+        line[i] = strip(p);
         if (*line[i] == '#' || *line[i] == '!') *line[i] = '\0';
+        p = end + 1;
     }
     return conf_load_err(conf_parse(lst, line, static_cast<int>(nline)), buf, line);
 }

@@ -11,3 +11,6 @@ kelpd_unit(server_fault kelpd_core)
 foreach(call malloc calloc realloc strdup strndup asprintf fdatasync fsync rename write writev pread sendfile)
   target_link_options(unit_server_fault PRIVATE -Wl,--wrap=${call})
 endforeach()
+
+# The layers of docs/architecture.md.
+add_test(NAME layers.no_include_points_up COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/layers.py)
