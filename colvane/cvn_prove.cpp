@@ -1,9 +1,9 @@
 // Whether a row group's pages can be read, found out before a caller commits itself to passing them on.
 //
-// A large page is given to /dev/null with sendfile: the kernel brings all of it into the page cache, waits for
-// the disk, and copies nothing, which takes no memory and half the time of a read. A small page is read; so is
-// one that sendfile does not take whole, for whatever reason, and what that read gives is the answer. Mapping
-// the file instead costs as much per page and makes a file that is cut meanwhile a signal.
+// A large page is given to /dev/null with sendfile: the kernel brings all of it into the page cache, waits
+// for the disk, and copies nothing, which takes no memory and half the time of a read. A small page is read;
+// so is one that sendfile does not take whole, for whatever reason, and what that read gives is the answer.
+// Mapping the file instead costs as much per page and makes a file that is cut meanwhile a signal.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/sendfile.h>

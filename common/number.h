@@ -1,4 +1,5 @@
-// Whole numbers in texts from outside: in requests, the configuration and conditions they are read by one rule.
+// Whole numbers in texts from outside: in requests, the configuration and conditions they are read by one
+// rule.
 #ifndef KELPD_COMMON_NUMBER_H
 #define KELPD_COMMON_NUMBER_H
 

@@ -23,7 +23,7 @@ const char* do_delete(htrequest_t* req, htreply_t* reply) {
     if (verbose) fprintf(stderr, "  do_delete: %s\n", path);
     if (!*path) return do_delete_err(STATUS_BAD_URL, path, tblpath);  // never: removing "" must not be tried
     if (dir_rmrf(path)) return do_delete_err(STATUS_ERROR, path, tblpath);
-    (void)htreply_status(reply, "200 OK", nullptr, nullptr, nullptr,
-                         nullptr);  // removed, whoever hears of it
+    // Removed, whoever hears of it.
+    (void)htreply_status(reply, "200 OK", nullptr, nullptr, nullptr, nullptr);
     return do_delete_err(nullptr, path, tblpath);
 }

@@ -70,6 +70,7 @@ static const char* get_entity(htreply_t* reply, const char* path) {
         char fpath[4096];
         const int n = snprintf(fpath, sizeof(fpath), "%s/%s", path, p->name);
         if (n < 0 || static_cast<size_t>(n) >= sizeof(fpath)) return get_entity_err(STATUS_ERROR, ls, &text);
+        // Kept: whatever opens as data is listed under its name, a split directory inside the entity too.
         cvn_filestat_t st;
         if (cvn_filestat(&st, fpath) != 0) continue;
         if (!text_addf(

@@ -260,7 +260,7 @@ const char* parse_entity_request(colname_t** ret_colname, cond_t** ret_cond, com
         const std::string_view key = token_text(&json, at++);
         const char* err = STATUS_BAD_CONTENT;  // an unknown key, or one given again
         int consumed = 0;
-        // Kept: only what an earlier member left behind makes a second one a repetition.
+        // Kept: only what an earlier member has yielded makes a second one a repetition.
         if (key == "column" && !colname)
             err = parse_colname_array(&colname, &json, at, &consumed);
         else if (key == "condition" && !cond)

@@ -13,9 +13,9 @@
 #include "store/util.h"
 
 constexpr int PUT_READSZ = 8192;
-// An upload is written in aligned pieces of this size, which the page cache keeps in large folios. Half as much
-// makes writing a twentieth and reading a later scan a tenth dearer, twice as much gains nothing; and as late
-// as one piece may a disk that is full be noticed.
+// An upload is written in aligned pieces of this size, which the page cache keeps in large folios. Half as
+// much makes writing a twentieth and reading a later scan a tenth dearer, twice as much gains nothing; and as
+// late as one piece may a disk that is full be noticed.
 constexpr size_t PUT_WRITESZ = 262144;
 
 static const char* do_put_err(const char* err, char* path, char* tmppath, tblpath_t* tblpath, FILE* fp) {
@@ -29,7 +29,8 @@ static const char* do_put_err(const char* err, char* path, char* tmppath, tblpat
 
 // Opens the temporary file, readable by the daemon alone.
 static FILE* open_tmp(const char* tmppath) {
-    static char* buf;  // kept: a child has one upload, and a daemon that does not fork one at a time
+    // Stays: a child has one upload, and a daemon that does not fork has one at a time.
+    static char* buf;
     const mode_t old = umask(077);
     FILE* fp = fopen(tmppath, "wb");
     umask(old);
@@ -71,7 +72,7 @@ static const char* copy_body(htrequest_t* req, FILE* fp) {
     int64_t remain = req->contentlength;
     if (req->bodysz > 0) {
         if (req->contentlength < req->bodysz) req->bodysz = static_cast<int>(req->contentlength);
-        // Kept: a length of 0 with bytes behind the head writes no item, which is an error.
+        // Kept: a length of 0 with bytes after the head writes no item, which is an error.
         if (fwrite(req->body, static_cast<size_t>(req->bodysz), 1, fp) != 1) return STATUS_ERROR;
         remain -= req->bodysz;
     }
@@ -127,7 +128,8 @@ const char* do_put(htrequest_t* req, htreply_t* reply) {
         return do_put_err(STATUS_BAD, path, tmppath, tblpath, fp);
     if (rename(tmppath, path) == -1) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
     sync_dir(path, nlevel);
-    (void)htreply_status(reply, "200 OK", nullptr, nullptr, nullptr, nullptr);  // stored, whoever hears of it
+    // Stored, whoever hears of it.
+    (void)htreply_status(reply, "200 OK", nullptr, nullptr, nullptr, nullptr);
     free(tmppath);  // renamed: there is nothing to unlink
     tmppath = nullptr;
     return do_put_err(nullptr, path, tmppath, tblpath, fp);

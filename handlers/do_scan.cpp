@@ -36,7 +36,8 @@ stream_t stream_rowgroup(htreply_t* reply, cvn_scan_t* scan, int64_t rg, bool ch
         if (cvn_scan_colmeta(scan, rg, scan->reqcol[k], &meta) != 0 || meta.zbyte < 0) return STREAM_BADSIZE;
         nbyte += CVN_PAGE_HEADSZ + int64_t{meta.zbyte};
     }
-    // Kept: more than a record's size can say is refused; nothing is sent of such a row group.
+    // Kept: more than a record's size can say, 2 GiB with the heads, is refused; nothing is sent of such a
+    // row group.
     if (nbyte > INT32_MAX) return STREAM_BADSIZE;
     // Once the head has left, a page that cannot be read breaks the record. So the pages after the first are
     // proved readable, and the first is read, while a failure can still be told as one.

@@ -62,8 +62,10 @@ constexpr int32_t PAYLOAD_MAGIC = 0x71727374;
 static_assert(sizeof(payloadhdr_t) == 8 && offsetof(payloadhdr_t, magic) == 0 &&
               offsetof(payloadhdr_t, nbyte) == 4);
 
-// GET: the catalogue as JSON. Sub-directory names above the entity, file statistics at the entity, columns at
-// the partition.
+// GET: the catalogue as JSON.
+//   above the entity  names of the sub-directories
+//   at the entity     statistics of all that opens as data: files, and split directories as well
+//   at the partition  its columns
 [[nodiscard]] const char* do_get(htrequest_t* req, htreply_t* reply);
 
 // PUT: stores the body as one file, durable before the reply. A data file (".cvn", ".cvn.mismatch") must open
@@ -79,10 +81,10 @@ static_assert(sizeof(payloadhdr_t) == 8 && offsetof(payloadhdr_t, magic) == 0 &&
 
 // Parses the JSON text of a query.
 //
-// ret_colname, ret_cond  owned by the caller (colname_free, cond_free); cleared on entry, set only on
-// success. cmd                    cleared on entry; its texts are the caller's (command_free), also after a
-// failure. frag                   cleared on entry. json                   `len` bytes, at most 32768, with a
-// NUL behind them; not kept.
+// ret_colname, ret_cond  owned by the caller (colname_free, cond_free); cleared on entry, set only on success
+// cmd                    cleared on entry; its texts are the caller's (command_free), also after a failure
+// frag                   cleared on entry
+// json                   `len` bytes, at most 32768, with a NUL after them; not kept
 //
 // Returns null, "400 Bad Request - invalid content" or "500 Internal Server Error - out of memory".
 [[nodiscard]] const char* parse_entity_request(colname_t** ret_colname, cond_t** ret_cond, command_t* cmd,
@@ -101,7 +103,7 @@ void command_free(command_t* cmd);
 
 // Streams what the external sampler makes of the directory's data files. `argv` is "sample" and a positive
 // row count. After the head the handler only ever returns null: a failed sample shows as a head without a
-// body.
+// body, or as one whose row groups end early.
 [[nodiscard]] const char* do_sample(htreply_t* reply, const char* dpath, int argc, char** argv);
 
 // Streams one row of two int64 columns: the rows and the row groups of the directory's data files. `argv` is
@@ -125,9 +127,14 @@ bool stream_header(htreply_t* reply, int32_t nbyte);
 // Sends one page, header and body, as one chunk out of its own buffer. Returns true when it was written.
 bool stream_page(htreply_t* reply, const cvn_page_t* page);
 
-// Sends the required columns of one row group as a record: its header, once all pages are known to be readable,
-// then page by page, up to the first failure. `rg` comes from cvn_scan_next_rowgroup. With `verbose` above 1 each page is printed to standard
-// error before it goes; `check_typ` says that a page without a type is printed too, at any verbosity.
+// Sends the required columns of one row group as a record: its header, once all pages are known to be
+// readable, then page by page, up to the first failure.
+//
+// rg         comes from cvn_scan_next_rowgroup
+// check_typ  a page without a type is printed to standard error, at any verbosity
+//
+// With `verbose` above 1 each page is printed to standard error before it goes. A row group whose pages pass
+// what a record's 32 bits can say, 2 GiB, is refused.
 [[nodiscard]] stream_t stream_rowgroup(htreply_t* reply, cvn_scan_t* scan, int64_t rg, bool check_typ);
 
 #endif

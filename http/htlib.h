@@ -25,7 +25,7 @@ struct htrequest_t {
     const char* host;      // Host, cut at its first ':'
     const char* contenttype;
     int64_t contentlength;  // -1 when absent; may be any number
-    char* body;             // the bytes behind the blank line that came with the head; body[bodysz] is a NUL
+    char* body;             // the bytes after the blank line that came with the head; body[bodysz] is a NUL
     int bodysz;             // how many; may exceed contentlength
     char buf[HTREQ_BUFSZ];  // what was read, its lines cut in place
 };
@@ -70,8 +70,8 @@ bool htreply_status(htreply_t* reply, const char* status, const char* hdline1, c
                     const char* hdline3, const char* hdline4);
 
 // Sends `bufsz` bytes as one chunk, from the caller's buffer, in one writev; the first call sends the head
-// "200 OK" of a chunked octet stream before it, and goes no further when that fails. Returns true when all was
-// written. With `bufsz` 0 it ends the body, and returns false only when a head was due and failed.
+// "200 OK" of a chunked octet stream before it, and goes no further when that fails. Returns true when all
+// was written. With `bufsz` 0 it ends the body, and returns false only when a head was due and failed.
 bool htreply_chunk(htreply_t* reply, const void* buf, int bufsz);
 
 // Sends `bufsz` bytes of JSON, in one write, with the head "200 OK" before them; a head sent earlier is not
@@ -79,14 +79,14 @@ bool htreply_chunk(htreply_t* reply, const void* buf, int bufsz);
 // written.
 bool htreply_json(htreply_t* reply, const char* buf, int bufsz);
 
-// Sends an error reply whose body is the status text, a write of its own. When a head was sent earlier only the
-// text is written: in a chunked stream a malformed chunk, by which the client sees the failure. Failures to
-// write are ignored.
+// Sends an error reply whose body is the status text, a write of its own. When a head was sent earlier only
+// the text is written: in a chunked stream a malformed chunk, by which the client sees the failure. Failures
+// to write are ignored.
 void htreply_error(htreply_t* reply, const char* status);
 
 // URLs. Each result is a new string that the caller frees, or null when memory runs out. Nothing is printed.
 
-// Returns the path, decoded: from the first '/' behind "//", if that occurs anywhere, else from the first
+// Returns the path, decoded: from the first '/' after "//", if that occurs anywhere, else from the first
 // '/', up to the query; '+' becomes a space, then %XX becomes its byte (a %00 ends the text), and a '%'
 // without two digits stays. Kept: without a query a fragment stays in the path.
 [[nodiscard]] char* hturl_path(const char* url);
@@ -94,7 +94,7 @@ void htreply_error(htreply_t* reply, const char* status);
 // Returns the text between '?' and '#' or the end, undecoded; "" without a '?' or when a '#' comes before it.
 [[nodiscard]] char* hturl_query(const char* url);
 
-// Returns the text behind the first '#', undecoded, or "".
+// Returns the text after the first '#', undecoded, or "".
 [[nodiscard]] char* hturl_fragment(const char* url);
 
 // Returns `str` percent-encoded in lower-case digits. Kept: a space stays as it is, as do letters, digits and

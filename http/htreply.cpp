@@ -1,6 +1,6 @@
 // A head is one write, a body or a chunk is one more; page data is never copied. What would fill a segment
-// together is not gathered here: the children of the daemon have the system do it, and the daemon that does not
-// fork means to see each write end as it ends.
+// together is not gathered here: the children of the daemon have the system do it, and the daemon that does
+// not fork means to see each write end as it ends.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -14,8 +14,8 @@
 #include "http/htlib.h"
 
 static const char* htreq_readbuf(htrequest_t* req) {
-    if (req->fd < 0 || req->fd >= FD_SETSIZE)
-        return "select failed";  // such a descriptor does not fit the set
+    // Such a descriptor does not fit the set.
+    if (req->fd < 0 || req->fd >= FD_SETSIZE) return "select failed";
     fd_set rset;
     FD_ZERO(&rset);
     FD_SET(req->fd, &rset);

@@ -14,8 +14,8 @@ static int readfile_err(int err, FILE* fp, char* buf) {
     return err;
 }
 
-// Reads the file into one allocation, adding a line feed, so that the last line has one, and a NUL. A NUL byte in
-// the file hides the lines after it: EINVAL.
+// Reads the file into one allocation, adding a line feed, so that the last line has one, and a NUL. A NUL
+// byte in the file hides the lines after it: EINVAL.
 static int readfile(char** ret_buf, const char* fname) {
     *ret_buf = nullptr;
     char* buf = nullptr;
@@ -30,8 +30,8 @@ static int readfile(char** ret_buf, const char* fname) {
     if (!buf) return readfile_err(ENOMEM, fp, buf);
     errno = 0;
     // An empty file has nothing to read, and reading no item would look like a failure.
-    if (sz > 0 && fread(buf, sz, 1, fp) != 1)
-        return readfile_err(errno ? errno : EIO, fp, buf);  // no errno: the file shrank meanwhile
+    // Without an errno the file shrank meanwhile.
+    if (sz > 0 && fread(buf, sz, 1, fp) != 1) return readfile_err(errno ? errno : EIO, fp, buf);
     if (memchr(buf, '\0', sz)) return readfile_err(EINVAL, fp, buf);
     buf[sz] = '\n';
     buf[sz + 1] = '\0';
@@ -163,11 +163,11 @@ int conf_load(conf_t** lst, const char* fname) {
     if (!line) return conf_load_err(ENOMEM, buf, line);
     char* p = buf;
     for (size_t i = 0; i < nline; i++) {
-        char* const end = strchr(p, '\n');
-        *end = '\0';
-        line[i] = strip(p);
+        char* const start = p;
+        p += strcspn(p, "\n");
+        *p++ = '\0';
+        line[i] = strip(start);
         if (*line[i] == '#' || *line[i] == '!') *line[i] = '\0';
-        p = end + 1;
     }
     return conf_load_err(conf_parse(lst, line, static_cast<int>(nline)), buf, line);
 }

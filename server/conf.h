@@ -18,8 +18,8 @@ struct conf_t {
 
 // Loads the file `fname`.
 //
-// lst    the entries in file order; owned by the caller, release with conf_free(). Cleared on entry, set only on
-//        success; null when the file has no entries, an empty file included.
+// lst    the entries in file order; owned by the caller, release with conf_free(). Cleared on entry, set only
+//        on success; null when the file has no entries, an empty file included.
 // fname  NUL-terminated; not kept.
 //
 // Returns 0, or an errno value: that of the failed open, seek or read, ENOMEM, or EINVAL for a file with a

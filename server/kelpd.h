@@ -1,5 +1,5 @@
-// What the whole daemon shares: its settings, and, from where the lower layers find them too, its verbosity, its
-// rule for numbers and the tests for the kinds of files that it stores.
+// What the whole daemon shares: its settings, and, from where the lower layers find them too, its verbosity,
+// its rule for numbers and the tests for the kinds of files that it stores.
 #ifndef KELPD_SERVER_KELPD_H
 #define KELPD_SERVER_KELPD_H
 
@@ -24,6 +24,6 @@ struct global_t {
     } conf;
 };
 
-extern global_t gl;  // all zero when the process starts
+extern constinit global_t gl;  // all zero when the process starts
 
 #endif

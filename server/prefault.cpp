@@ -33,10 +33,15 @@ struct program_t {
     uintptr_t rodata_end;  // where the segment with the constants ends; 0 until found
 };
 
+// The loader and the linker say where things lie in numbers.
+static void* pointer_to(uintptr_t address) {
+    return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 static void prefault_segment(const program_t* program, uintptr_t begin, uintptr_t end) {
     begin &= ~(program->pagesz - 1);
     end = (end + program->pagesz - 1) & ~(program->pagesz - 1);
-    void* const first = reinterpret_cast<void*>(begin);
+    void* const first = pointer_to(begin);
     if (pwrite(program->mem, first, 1, static_cast<off_t>(begin)) != 1) return;
     (void)madvise(first, end - begin, MADV_POPULATE_READ);  // else fork copies what the parent has used
 }
@@ -59,7 +64,7 @@ static int prefault_object(struct dl_phdr_info* info, size_t, void* arg) {
 static void unmap_pages(const program_t* program, uintptr_t begin, uintptr_t end) {
     begin = (begin + program->pagesz - 1) & ~(program->pagesz - 1);
     end &= ~(program->pagesz - 1);
-    if (begin < end) (void)madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+    if (begin < end) (void)madvise(pointer_to(begin), end - begin, MADV_DONTNEED);
 }
 
 void prefault_program() {

@@ -17,7 +17,7 @@ struct tblpath_t {
 // is accepted down to the entity; an encoded '/' parts components as a plain one does.
 //
 // ret_tblpath  the record, owned by the caller, release with tblpath_free(). Cleared on entry, set only on
-// success.
+//              success.
 //
 // Returns null or "400 Bad Request - invalid url", "400 Bad Request - invalid version" or
 // "500 Internal Server Error - out of memory". Prints nothing.
@@ -30,7 +30,8 @@ struct tblpath_t {
 // Releases the record and its fields; null is accepted.
 void tblpath_free(tblpath_t* tblpath);
 
-// Return 1 when the name ends in ".cvn", ".cvn.mismatch" or ".sql", else 0. The bare suffix counts; case matters.
+// Return 1 when the name ends in ".cvn", ".cvn.mismatch" or ".sql", else 0. The bare suffix counts; case
+// matters.
 [[nodiscard]] int file_is_cvn(const char* path);
 [[nodiscard]] int file_is_cvn_mismatch(const char* path);
 [[nodiscard]] int file_is_sql(const char* path);

@@ -1,5 +1,7 @@
 #include "store/dir.h"
 
+#include <malloc.h>
+
 #include "tests/server_support.h"
 
 namespace {
@@ -60,9 +62,20 @@ TEST_F(Dir, CreatesOneLevelWithTheMode) {
     EXPECT_FALSE(dir_create("base/n", 0700));
     EXPECT_FALSE(dir_create("base/x/y", 0700));
 }
-TEST_F(Dir, FreesListsWithMissingNames) {
-    dir_free(nullptr);
-    dir_item_t* p = static_cast<dir_item_t*>(calloc(1, sizeof(*p)));
-    dir_free(p);
+TEST_F(Dir, FreesEveryNodeAndNameAlsoWhereANameIsMissing) {
+    const auto make_and_free = [](int nnode) {
+        dir_item_t* lst = nullptr;
+        for (int i = 0; i < nnode; i++) {
+            dir_item_t* p = static_cast<dir_item_t*>(calloc(1, sizeof(*p)));
+            p->name = i % 2 ? strdup("name") : nullptr;
+            p->next = lst;
+            lst = p;
+        }
+        dir_free(lst);
+    };
+    make_and_free(6);  // what the allocator keeps for the next time is there from now on
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; i++) make_and_free(i % 7);  // none at all among them
+    EXPECT_EQ(before, mallinfo2().uordblks);
 }
 }  // namespace

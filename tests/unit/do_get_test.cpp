@@ -54,6 +54,12 @@ TEST_F(DoGet, PassesTheStatusOfABadUrlOn) {
     expect_status("400 Bad Request - invalid url", get("/v1/.x"));
     expect_status("400 Bad Request - invalid version", get("/v2"));
 }
+TEST_F(DoGet, ASplitDirectoryInsideAnEntityIsListed) {
+    fs::create_directories("base/d/s/e/plain");
+    write_cvn("source.cvn", two, 5);
+    ASSERT_EQ(0, cvnx_split("base/d/s/e/split", "source.cvn"));
+    expect_json("[" + filestat("split") + "]\n", get("/v1/d/s/e"));
+}
 TEST_F(DoGet, AnEmptyEntityIsAnEmptyArrayAndALineEnd) {
     fs::create_directories("base/d/s/e");
     expect_json("[]\n", get("/v1/d/s/e"));

@@ -197,7 +197,7 @@ TEST_F(DoScan, APageThatCannotBeReadCutsTheStreamWithTheStatusOfBadInput) {
     std::string bytes = read_file(p);
     int64_t footsz;
     memcpy(&footsz, bytes.data() + bytes.size() - 16, sizeof(footsz));
-    // The second row group's only colmeta_t begins with the file offset, which now lies behind the end.
+    // The second row group's only colmeta_t begins with the file offset, which now lies after the end.
     const size_t meta = bytes.size() - 16 - static_cast<size_t>(footsz) + 40 + 136 + 112 + (16 + 144) + 16;
     bytes.replace(meta, 8, le64(int64_t{1} << 40));
     write_file(p, bytes);

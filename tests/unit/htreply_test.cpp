@@ -144,8 +144,8 @@ TEST(HtreplyChunk, SendsMegabytesWhole) {
     const std::string got = sent([&](htreply_t* r) { EXPECT_TRUE(htreply_chunk(r, data.data(), 3 << 20)); });
     EXPECT_TRUE(got == STREAM_HEAD + "300000; chunk\r\n" + data + "\r\n");
 }
-// Runs `use` on a reply whose connection takes but a part of 3 MB at once: it must be false, after one write of
-// the head, unless it was sent before, and one that gave the client a true part of `whole`.
+// Runs `use` on a reply whose connection takes but a part of 3 MB at once: it must be false, after one write
+// of the head, unless it was sent before, and one that gave the client a true part of `whole`.
 void expect_short(const std::string& whole, const std::function<bool(htreply_t*)>& use) {
     for (const bool head_sent : {false, true}) {
         int fd[2];

@@ -497,7 +497,7 @@ TEST_F(ServerFault, SamplesFailWithTheirStatusesAndLeaveNoFile) {
     const std::string body = R"({"command":["sample","3"]})";
     const std::string want = post("/v1/d/s/e", body).reply;
     EXPECT_GT(want.size(), STREAM_HEAD.size() + STREAM_END.size());
-    // Once the head is sent, a failure shows as what is missing behind it.
+    // Once the head is sent, a failure shows as what is missing after it.
     handler(do_post, request("POST", "/v1/d/s/e", body), want,
             url_path(3) + outcomes("malloc realloc strndup strndup", NOMEM) + listing(1) +
                 outcomes("realloc", NOMEM) + outcomes("calloc calloc", STREAM_HEAD));
@@ -514,7 +514,7 @@ TEST_F(ServerFault, MetaIsABadRequestWhenAnyOfItsFirstFourChunksCannotBeSent) {
         const result_t r = post("/v1/d/s/e", R"({"command":["meta"]})");
         EXPECT_STREQ(n <= 4 ? BAD : nullptr, r.status) << n;  // nobody asks for the closing one
         EXPECT_EQ(so_far, r.reply) << n;
-        EXPECT_EQ(n <= 5 ? n : 5, nwritev);  // nothing is tried behind the one that failed
+        EXPECT_EQ(n <= 5 ? n : 5, nwritev);  // nothing is tried after the one that failed
         if (n <= 5) so_far += sent[static_cast<size_t>(n) - 1];
     }
 }

@@ -1,5 +1,7 @@
 #include "store/util.h"
 
+#include <malloc.h>
+
 #include "tests/server_support.h"
 
 namespace {
@@ -14,7 +16,7 @@ std::string joined(const char* url) {
     }
     char* path = tblpath_join(t);
     tblpath_free(t);
-    const std::string copy = path;
+    std::string copy = path;
     free(path);
     return copy;
 }
@@ -83,7 +85,19 @@ TEST(TblpathParse, LeavesQueryAndFragmentOut) {
     EXPECT_EQ("base/db#f", joined("/v1/db#f"));
     EXPECT_EQ("base/db", joined("http://h:1/v1/db?x#f"));
 }
-TEST(TblpathFree, AcceptsNull) { tblpath_free(nullptr); }
+TEST(TblpathFree, FreesTheRecordAndTheFieldsThatAreSetAndTakesNull) {
+    const auto make_and_free = [](int nfield) {
+        tblpath_t* t = static_cast<tblpath_t*>(calloc(1, sizeof(*t)));
+        char** const field[4] = {&t->database, &t->schema, &t->entity, &t->partition};
+        for (int i = 0; i < nfield; i++) *field[i] = strdup("name");
+        tblpath_free(t);
+        tblpath_free(nullptr);
+    };
+    make_and_free(4);  // what the allocator keeps for the next time is there from now on
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; i++) make_and_free(i % 5);
+    EXPECT_EQ(before, mallinfo2().uordblks);
+}
 
 TEST(TextAddf, AppendsAndTerminates) {
     text_t t = {};
