@@ -11,7 +11,7 @@
 static int readfile_err(int err, FILE* fp, char* buf) {
     if (fp) fclose(fp);
     free(buf);
-    return err;
+    return err ? err : EIO;  // without a number the file shrank meanwhile
 }
 
 // Reads the file into one allocation, adding a line feed, so that the last line has one, and a NUL. A NUL
@@ -30,8 +30,7 @@ static int readfile(char** ret_buf, const char* fname) {
     if (!buf) return readfile_err(ENOMEM, fp, buf);
     errno = 0;
     // An empty file has nothing to read, and reading no item would look like a failure.
-    // Without an errno the file shrank meanwhile.
-    if (sz > 0 && fread(buf, sz, 1, fp) != 1) return readfile_err(errno ? errno : EIO, fp, buf);
+    if (sz > 0 && fread(buf, sz, 1, fp) != 1) return readfile_err(errno, fp, buf);
     if (memchr(buf, '\0', sz)) return readfile_err(EINVAL, fp, buf);
     buf[sz] = '\n';
     buf[sz + 1] = '\0';

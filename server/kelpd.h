@@ -24,6 +24,7 @@ struct global_t {
     } conf;
 };
 
-extern constinit global_t gl;  // all zero when the process starts
+// All zero when the process starts. NOLINTNEXTLINE(bugprone-dynamic-static-initializers): it says so itself
+extern constinit global_t gl;
 
 #endif
