@@ -25,7 +25,7 @@ static void check_text(const htrequest_t* req, const char* s) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size > 2 * HTREQ_BUFSZ) return 0;
+    if (size > size_t{2} * HTREQ_BUFSZ) return 0;
     int fd[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0) abort();
     if (size > 0 && write(fd[1], data, size) != static_cast<ssize_t>(size)) abort();

@@ -146,7 +146,7 @@ constexpr char BAD_CONTENT[] = "400 Bad Request - invalid content";
 strings outcomes(const std::string& functions, const std::string& result) {
     strings lst;
     std::istringstream in(functions);
-    for (std::string name; in >> name;) lst.push_back(name + ": " + result);
+    for (std::string name; in >> name;) lst.push_back(name.append(": ").append(result));
     return lst;
 }
 strings operator+(strings a, const strings& b) {
