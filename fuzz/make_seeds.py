@@ -3,9 +3,15 @@
 that were found later stand beside them under other names and are left alone."""
 import os
 import struct
+import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 GOLDEN = os.path.join(HERE, "..", "tests", "golden")
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
+
+import cvnfile  # noqa: E402
+from cvnfile import CSTR, END, INT32, INT64, Layout, page, patched, record  # noqa: E402
+from replies import LAST_CHUNK, chunk  # noqa: E402
 
 
 def read(name):
@@ -20,27 +26,20 @@ def put(entry, name, data):
         f.write(data)
 
 
-def patched(data, at, fmt, value):
-    return data[:at] + struct.pack(fmt, value) + data[at + struct.calcsize(fmt):]
-
-
 def hostile(data):
     """Variants with one number of the footer led astray."""
-    size = struct.unpack("<q", data[-16:-8])[0]
-    foot = len(data) - 16 - size
-    ncol = struct.unpack_from("<i", data, foot + 4)[0]
-    group = foot + 40 + 248 * ncol
-    meta = group + 16
-    yield "footer_long", patched(data, len(data) - 16, "<q", len(data))
-    yield "footer_39", patched(data, len(data) - 16, "<q", 39)
-    yield "version", patched(data, foot, "<i", 2)
-    yield "ncol_negative", patched(data, foot + 4, "<i", -1)
-    yield "nrowgroup_huge", patched(data, foot + 16, "<q", 1 << 60)
-    yield "coldefsz_shifted", patched(patched(data, foot + 24, "<i", 136 * ncol + 1), foot + 28, "<i", 112 * ncol - 1)
-    yield "coldefsz_negative", patched(patched(data, foot + 24, "<i", -40), foot + 28, "<i", 248 * ncol + 40)
-    yield "name_unterminated", data[:foot + 40] + b"n" * 128 + data[foot + 168:]
-    if group + 16 < len(data) - 16:
-        yield "group_ncol", patched(data, group + 8, "<i", 3)
+    at = Layout(data)
+    yield "footer_long", patched(data, at.trailer, "<q", len(data))
+    yield "footer_39", patched(data, at.trailer, "<q", 39)
+    yield "version", patched(data, at.footer, "<i", 2)
+    yield "ncol_negative", patched(data, at.footer + 4, "<i", -1)
+    yield "nrowgroup_huge", patched(data, at.footer + 16, "<q", 1 << 60)
+    yield "coldefsz_shifted", patched(data, at.footer + 24, "<2i", 136 * at.ncol + 1, 112 * at.ncol - 1)
+    yield "coldefsz_negative", patched(data, at.footer + 24, "<2i", -40, 248 * at.ncol + 40)
+    yield "name_unterminated", patched(data, at.coldef(0), "128s", b"n" * 128)
+    if at.nrowgroup > 0:
+        meta = at.colmeta(0, 0)
+        yield "group_ncol", patched(data, at.rowgroup(0) + 8, "<i", 3)
         yield "offset_negative", patched(data, meta, "<q", -1)
         yield "offset_huge", patched(data, meta, "<q", (1 << 63) - 1)
         yield "nbyte_huge", patched(data, meta + 16, "<i", 0x7fffffff)
@@ -91,57 +90,20 @@ def main():
     put("lz4", "length_run", struct.pack("<i", 5000) + b"\xf0" + b"\xff" * 60)
     put("lz4", "match_run", struct.pack("<i", 5000) + b"\x1fx\x01\x00" + b"\xff" * 20)
     put("lz4", "zeros", struct.pack("<i", 300) + bytes(40))
-    data = read("compressed.cvn")
-    size = struct.unpack("<q", data[-16:-8])[0]
-    meta = len(data) - 16 - size + 40 + 248 * 3 + 16
-    nbyte, zbyte = struct.unpack_from("<ii", data, meta + 16)
-    put("lz4", "page", struct.pack("<i", nbyte) + data[8:8 + zbyte])
+    compressed = cvnfile.read(read("compressed.cvn")).groups[0][0]
+    put("lz4", "page", struct.pack("<i", compressed.nbyte) + compressed.body)
     client()
 
 
 # The client: what a server says, and what users type.
 
-TYPES = (1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0x10003, 0x20003, 0x30004)
-NAMES = ("bool", "int16", "int32", "int64", "int128", "float", "double", "bytea", "cstr", "dec64", "dec128", "date",
-         "time_millis", "timestamp_millis")
+TYPES = tuple(cvnfile.NAMES)
 PART = b"\xff|\xff"
 
 
-def page_head(cno, typ, nrow, nnull, nmapoff, nbyte, zbyte, hash_=0):
-    return struct.pack("<iiiiiiiiIi", 0x19293949, cno, typ, nrow, nnull, nmapoff, nbyte, zbyte, hash_, 0)
-
-
 def plain_page(cno, typ, nrow, values):
-    body = values + bytes((nrow + 7) // 8)
-    return page_head(cno, typ, nrow, 0, len(values), len(body), len(body)) + body
-
-
-def record(*pages):
-    return struct.pack("<ii", 0x71727374, sum(map(len, pages))) + b"".join(pages)
-
-
-def columns_of(data):
-    """Yields (name, type, [(offset, nrow, nbyte, zbyte, nnull, nmapoff, hash) of each row group])."""
-    foot = len(data) - 16 - struct.unpack("<q", data[-16:-8])[0]
-    ncol, ngroup = struct.unpack_from("<i8xq", data, foot + 4)
-    for c in range(ncol):
-        at = foot + 40 + 136 * c
-        name = data[at:at + 128].split(b"\0")[0].decode()
-        typ = struct.unpack_from("<i", data, at + 128)[0]
-        first = foot + 40 + 248 * ncol + 16 + 144 * c
-        yield name, typ, [struct.unpack_from("<qi4xiiiiI", data, first + g * (16 + 144 * ncol)) for g in range(ngroup)]
-
-
-def stream_of(data):
-    columns = list(columns_of(data))
-    out = []
-    for group in range(len(columns[0][2])):
-        pages = []
-        for cno, (_, typ, metas) in enumerate(columns):
-            offset, nrow, nbyte, zbyte, nnull, nmapoff, hash_ = metas[group]
-            pages.append(page_head(cno, typ, nrow, nnull, nmapoff, nbyte, zbyte, hash_) + data[offset:offset + zbyte])
-        out.append(record(*pages))
-    return b"".join(out) + record()
+    """A page of values that are encoded already, none of them NULL, whose hash is not made."""
+    return page(values + bytes((nrow + 7) // 8), cno, typ, nrow, nmapoff=len(values), hash=0)
 
 
 def catalogue(columns):
@@ -153,9 +115,9 @@ def client_replies():
     files = (b'[{"name": "p.cvn", "chksum": -5, "ncol": 2, "nrow": 20, "nrowgroup": 2, "nbyte": 90, "zbyte": 80},\n'
              b' {"name": "q"u.cvn", "chksum": 7, "ncol": 2, "nrow": 1, "nrowgroup": 1, "nbyte": 9, "zbyte": 9}]')
     numbers = [struct.pack("<3i", 1, 2, 3), struct.pack("<2i", 0, -1)]
-    rows = record(plain_page(0, 3, 3, numbers[0]), plain_page(1, 9, 3, b"x\0\0001\0")) + record(
-        plain_page(0, 3, 2, numbers[1]), plain_page(1, 9, 2, b"0\0zz\0"))
-    first = record(plain_page(0, 3, 3, numbers[0])) + record(plain_page(0, 3, 2, numbers[1]))
+    rows = record(plain_page(0, INT32, 3, numbers[0]), plain_page(1, CSTR, 3, b"x\0\0001\0")) + record(
+        plain_page(0, INT32, 2, numbers[1]), plain_page(1, CSTR, 2, b"0\0zz\0"))
+    first = record(plain_page(0, INT32, 3, numbers[0])) + record(plain_page(0, INT32, 2, numbers[1]))
     two = catalogue([("a", "int32"), ("b", "cstr")])
 
     def scan(name, how, flags, *bodies):
@@ -166,45 +128,41 @@ def client_replies():
     put("client_reply", "columns", bytes([2, 0, 0]) + two)
     put("client_reply", "columns_unknown", bytes([2, 0, 0]) + catalogue([("a", "int256")]))
     put("client_reply", "table", bytes([3, 0, 0]) + files + PART + two)
-    totals = record(*(plain_page(c, 4, 1, struct.pack("<q", 20)) for c in (0, 1)))
-    put("client_reply", "meta", bytes([4, 0, 0]) + totals + record())
-    count = record(page_head(-1, 0, 20, 0, 0, 1, 1) + b"\0")
-    put("client_reply", "count", bytes([5, 0, 0]) + count + count + record())
+    totals = record(*(plain_page(c, INT64, 1, struct.pack("<q", 20)) for c in (0, 1)))
+    put("client_reply", "meta", bytes([4, 0, 0]) + totals + END)
+    count = record(page(b"\0", -1, 0, 20, nmapoff=0, hash=0))
+    put("client_reply", "count", bytes([5, 0, 0]) + count + count + END)
     for how in (0, 1, 8, 9, 25, 33, 41):
-        scan("scan_%02d" % how, how, 1, two, rows + record())
+        scan("scan_%02d" % how, how, 1, two, rows + END)
     for how in (5, 73, 77):
-        scan("scan_%02d" % how, how, 1, two, first + record())
-    scan("scan_cut", 1, 3, two, rows + record())
+        scan("scan_%02d" % how, how, 1, two, first + END)
+    scan("scan_cut", 1, 3, two, rows + END)
     scan("scan_short", 1, 1, two, rows)
-    put("client_reply", "sample", bytes([7, 0, 1]) + files + PART + two + PART + rows + record())
+    put("client_reply", "sample", bytes([7, 0, 1]) + files + PART + two + PART + rows + END)
     for name in ("types", "groups", "compressed", "text50"):
-        data = read(name + ".cvn")
-        if len(data) < 16000:
-            listed = catalogue([(column, NAMES[TYPES.index(typ)]) for column, typ, _ in columns_of(data)])
-            scan("scan_" + name, 1, 1, listed, stream_of(data))
+        whole = cvnfile.read(read(name + ".cvn"))
+        if len(whole.data) < 16000:
+            listed = catalogue([(column.name.decode(), cvnfile.NAMES[column.typ]) for column in whole.columns])
+            scan("scan_" + name, 1, 1, listed, whole.stream())
 
 
 def client_pages():
     for name in ("types", "compressed"):
-        data = read(name + ".cvn")
-        for column, typ, metas in columns_of(data):
-            offset, nrow, nbyte, zbyte, nnull, nmapoff, _ = metas[0]
-            for mode in (0, 3) if nbyte == zbyte else (0,):
-                head = bytes([TYPES.index(typ), mode, typ % 5, typ % 9])
-                head += struct.pack("<4i", nrow, nnull, nmapoff, nbyte)
-                if zbyte < 8192:
-                    put("client_page", "%s_%s_%d" % (name, column, mode), head + data[offset:offset + zbyte])
+        whole = cvnfile.read(read(name + ".cvn"))
+        for column, stored in zip(whole.columns, whole.groups[0]):
+            for mode in (0, 3) if stored.nbyte == stored.zbyte else (0,):
+                head = bytes([TYPES.index(column.typ), mode, column.typ % 5, column.typ % 9])
+                head += struct.pack("<4i", stored.nrow, stored.nnull, stored.nmapoff, stored.nbyte)
+                if stored.zbyte < 8192:
+                    put("client_page", "%s_%s_%d" % (name, column.name.decode(), mode), head + stored.body)
 
 
 def client_http():
-    def chunk(data):
-        return b"%x; chunk\r\n" % len(data) + data + b"\r\n"
-
     def reply(status, *lines):
         return b"HTTP/1.1 " + status + b"\r\n" + b"".join(line + b"\r\n" for line in lines) + b"\r\n"
 
-    put("client_chunk", "plain", chunk(b"hello") + chunk(b"x" * 20) + b"0\r\n\r\n")
-    put("client_chunk", "empty", b"0\r\n\r\n")
+    put("client_chunk", "plain", chunk(b"hello") + chunk(b"x" * 20) + LAST_CHUNK)
+    put("client_chunk", "empty", LAST_CHUNK)
     put("client_chunk", "trailer", b"5;a=b\nhello\r\n0;last\r\nName: value\r\n\r\n")
     put("client_chunk", "error_text", chunk(b"hello") + b"500 Internal Server Error")
     put("client_chunk", "long_line", b"0" * 300 + b"5\r\nhello\r\n0\r\n\r\n")
@@ -215,15 +173,15 @@ def client_http():
     chunked = b"Transfer-Encoding: chunked"
     for i, status in enumerate((b"200 OK", b"404 Not Found", b"401 Unauthorized", b"100 Continue", b"301 Moved")):
         put("client_http", "length_%d" % i, bytes([i % 4]) + reply(status, length % 3) + b"abc")
-        put("client_http", "chunked_%d" % i, bytes([i % 4]) + reply(status, chunked) + chunk(b"abc") + b"0\r\n\r\n")
+        put("client_http", "chunked_%d" % i, bytes([i % 4]) + reply(status, chunked) + chunk(b"abc") + LAST_CHUNK)
     put("client_http", "until_close", get + reply(b"200 OK") + b"abc")
     put("client_http", "cut", get + reply(b"200 OK", length % 30) + b"abc")
     put("client_http", "error_in_stream", post + reply(b"200 OK", chunked) + chunk(b"abc") + b"500 Internal Error")
     put("client_http", "interim", upload + reply(b"100 Continue") + reply(b"200 OK", length % 0))
-    put("client_http", "upload_chunked", upload + reply(b"200 OK", chunked) + b"0\r\n\r\n")
-    put("client_http", "both", get + reply(b"200 OK", chunked, length % 2) + chunk(b"abc") + b"0\r\n\r\n")
+    put("client_http", "upload_chunked", upload + reply(b"200 OK", chunked) + LAST_CHUNK)
+    put("client_http", "both", get + reply(b"200 OK", chunked, length % 2) + chunk(b"abc") + LAST_CHUNK)
     put("client_http", "bare_return", get + reply(b"200 OK", b"Fol\rded: 0"))
-    put("client_http", "unknown_coding", get + reply(b"200 OK", b"Transfer-Encoding: other") + b"0\r\n\r\n")
+    put("client_http", "unknown_coding", get + reply(b"200 OK", b"Transfer-Encoding: other") + LAST_CHUNK)
     put("client_http", "nothing", get)
     put("client_http", "no_http", get + b"SSH-2.0-x\r\n")
 
@@ -232,7 +190,8 @@ def client_texts():
     for i, text in enumerate((
             "kelp://localhost:8080/a/b/c", "http://h/v1/a%20b/c+d/%e4/p.cvn/", "https://user:pw@h:443/v1", "kelp://h/a",
             "http://[::1]:80/v1/a", "kelp://h:0", "kelp://h:65536", "http://h/v2/a", "http://h:1/v1/a?b",
-            "kelp://h:1//a", "kelp://h:1/.a", "kelp://h:1/a%2fb", "kelp://h:1/a%00b", "kelp://u@v@h:1/a", "kelp://h:1/a%", "://", "")):
+            "kelp://h:1//a", "kelp://h:1/.a", "kelp://h:1/a%2fb", "kelp://h:1/a%00b", "kelp://u@v@h:1/a", "kelp://h:1/a%",
+            "://", "")):
         put("client_text", "url_%02d" % i, bytes([14]) + text.encode())
     for i, text in enumerate((
             "a = 1", "a==1", "a <> 'it''s'", '"a ""b" >= "x"', "a is null", "a IS NOT NULL", "a isnull", "a isnotnull",

@@ -15,7 +15,7 @@ if(TARGET colvane_client)
     set(duckdb_dir ${CMAKE_CURRENT_BINARY_DIR}/duckdb)
     set(duckdb_lib ${duckdb_dir}/node_modules/@duckdb/node-bindings-linux-x64/libduckdb.so)
     add_test(NAME client_duckdb.the_library_is_fetched
-      COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/client/fetch_duckdb.py ${duckdb_dir} ${duckdb_lib})
+      COMMAND Python3::Interpreter ${support_dir}/fetch_duckdb.py ${duckdb_dir} ${duckdb_lib})
     set_tests_properties(client_duckdb.the_library_is_fetched PROPERTIES
       FIXTURES_SETUP duckdb SKIP_RETURN_CODE 77 TIMEOUT 300)
   endif()

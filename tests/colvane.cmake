@@ -2,7 +2,7 @@
 
 # The second reader and writer: shares the format with the library, and no code.
 add_library(cvn_reader STATIC reader/reader.cpp reader/writer.cpp reader/order.cpp)
-target_include_directories(cvn_reader PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+target_include_directories(cvn_reader PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${support_dir})
 target_link_libraries(cvn_reader PRIVATE kelpd_strict PkgConfig::LZ4 PkgConfig::XXHASH)
 
 foreach(name mpool dec cvn_type cvn_write cvn_scan cvn_prove cvn_lens cvn_split cvn_roundtrip)

@@ -5,6 +5,7 @@ if(TARGET cvn)
   foreach(name create read verify)
     add_test(NAME tools.${name}
       COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/tools/test_${name}.py -v)
-    set_tests_properties(tools.${name} PROPERTIES TIMEOUT 900 ENVIRONMENT "CVN=$<TARGET_FILE:cvn>;PYTHONDONTWRITEBYTECODE=1")
+    set_tests_properties(tools.${name} PROPERTIES TIMEOUT 900
+      ENVIRONMENT "CVN=$<TARGET_FILE:cvn>;${python_test_environment}")
   endforeach()
 endif()

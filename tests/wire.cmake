@@ -3,9 +3,10 @@
 if(TARGET kelpd)
   foreach(area start request reply get put delete post scan sample_meta load fault)
     add_test(NAME wire.${area}
-      COMMAND /usr/bin/env PYTHONDONTWRITEBYTECODE=1 KELPD=$<TARGET_FILE:kelpd> python3 -m unittest -v test_${area}
+      COMMAND Python3::Interpreter -m unittest -v test_${area}
       WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/wire)
-    set_tests_properties(wire.${area} PROPERTIES TIMEOUT 900)
+    set_tests_properties(wire.${area} PROPERTIES TIMEOUT 900
+      ENVIRONMENT "KELPD=$<TARGET_FILE:kelpd>;${python_test_environment}")
   endforeach()
   set_tests_properties(wire.load PROPERTIES PROCESSORS 2)
 endif()

@@ -14,7 +14,7 @@ import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "wire"))
+sys.path.insert(0, os.path.join(HERE, "..", "support"))
 
 ROWS = "".join("%d %s\n" % (i, "NULL" if i % 10 == 3 else "row %d" % i) for i in range(990, 1000) if i != 995)
 EXPECTED = "1000 rows\n" + ROWS + "id l\nprice d:38,2\nnote u\n1000 rows\nremoved: code -8\n"

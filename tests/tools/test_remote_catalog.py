@@ -5,7 +5,10 @@ import os
 import threading
 import unittest
 
-from remote_support import Column, CommandTest, DaemonTest, FakeServer, cvnfile, receive_head
+import cvnfile
+from cvnfile import Column
+from fake_server import FakeServer, receive_head
+from remote_support import CommandTest, DaemonTest
 
 
 class Ls(DaemonTest):
@@ -278,7 +281,7 @@ class PutProgress(CommandTest):
         drawn = threading.Event()
 
         def serve(conn):
-            method, _, rest = receive_head(conn)
+            method, _, _, rest = receive_head(conn)
             if method == "GET":
                 conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: 2\r\n\r\n[]")
                 return
@@ -301,7 +304,7 @@ class PutFile(CommandTest):
         self.build("big.cvn", [Column(b"a", cvnfile.BYTEA)], [[[os.urandom(3 << 20)]] for _ in range(6)])
 
         def serve(conn):
-            method, _, _ = receive_head(conn)
+            method, _, _, _ = receive_head(conn)
             if method == "GET":
                 conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: 2\r\n\r\n[]")
                 return
@@ -376,7 +379,7 @@ class Counts(CommandTest):
         listing = "[ %s, %s ]" % (item % "a", item % "b")
 
         def serve(conn):
-            method, path, _ = receive_head(conn)
+            method, path, _, _ = receive_head(conn)
             text = "" if method == "DELETE" else listing if path.endswith("/t") else "[]"
             conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: %d\r\n\r\n" % len(text) + text.encode())
 

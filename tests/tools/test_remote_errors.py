@@ -2,12 +2,13 @@
 """Bad input and bad servers: one line that says what is wrong and what to do, the right status, nothing left behind."""
 import shutil
 import socket
-import ssl
-import subprocess
 import unittest
 
-from remote_support import (STREAM_END, STREAM_HEAD, Column, CommandTest, DaemonTest, FakeServer, chunk, cvnfile, drain,
-                            fake_table, receive_head)
+import cvnfile
+from cvnfile import STREAM_END, STREAM_HEAD, Column
+from fake_server import FakeServer, answering, drain, receive_head, table_of, tls_context
+from remote_support import CommandTest, DaemonTest
+from replies import chunk, json_reply
 
 # Every command that asks a server, with {} for a table's URL.
 COMMANDS = [
@@ -133,18 +134,7 @@ class Secure(CommandTest):
         super().setUp()
         if not shutil.which("openssl"):
             self.skipTest("openssl is not there")
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
-                        "-addext", "subjectAltName=DNS:localhost", "-keyout", self.path("key.pem"), "-out",
-                        self.path("cert.pem")], check=True, capture_output=True, timeout=60)
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(self.path("cert.pem"), self.path("key.pem"))
-
-        def serve(conn):
-            with context.wrap_socket(conn, server_side=True) as secure:
-                receive_head(secure)
-                secure.sendall(b'HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: 6\r\n\r\n["db"]')
-
-        server = FakeServer(serve)
+        server = FakeServer(answering(lambda *_: json_reply('["db"]')), tls=tls_context(self.dir))
         self.addCleanup(server.close)
         self.base = f"https://localhost:{server.port}"
 
@@ -234,7 +224,7 @@ class Servers(CommandTest):
             conn.sendall(STREAM_HEAD + b"".join(parts))
             drain(conn)
 
-        return self.each(self.serve(fake_table(self.whole, post)), [
+        return self.each(self.serve(table_of(self.whole, post)), [
             ["query", "{}", "-o", "o.csv", "--jobs", "1"], ["get", "{}", "o.cvn", "--jobs", "2"],
             ["count", "{}", "--where", "id > 0"], ["sample", "{}", "3", "-o", "o.csv"]])
 
@@ -264,7 +254,7 @@ class Servers(CommandTest):
 
     def test_names_from_the_server_cannot_write_to_the_terminal(self):
         self.whole = self.build("t.cvn", [Column(b"a\n\x1b[31mb", cvnfile.INT64)], [[[1]]])
-        url = self.serve(fake_table(self.whole, drain))
+        url = self.serve(table_of(self.whole, drain))
         for args in (("--where", "nope = 1"), ("--columns", "nope")):
             err = self.fails("query", url, *args)
             self.assertIn("there is no column", err)
@@ -276,7 +266,7 @@ class Servers(CommandTest):
             conn.sendall(STREAM_HEAD + self.record(0))
             drain(conn)
 
-        done = self.cvn("query", self.serve(fake_table(self.whole, post)), "--jobs", "1", status=1)
+        done = self.cvn("query", self.serve(table_of(self.whole, post)), "--jobs", "1", status=1)
         self.assertLess(set(done.out.split()), {"id", "1", "2", "3", "4"})
         self.assertEqual(1, done.err.count("\n"))
 

@@ -9,8 +9,13 @@ import threading
 import time
 import unittest
 
-from remote_support import (CVN, STREAM_END, STREAM_HEAD, WAIT, Column, CommandTest, DaemonTest, FakeServer, chunk,
-                            cvnfile, drain, fake_table)
+import cvnfile
+from cvnfile import STREAM_END, STREAM_HEAD, Column
+from fake_server import FakeServer, drain, table_of
+from kelpd_proc import WAIT
+from remote_support import CommandTest, DaemonTest
+from replies import chunk
+from support import CVN
 
 SCHEMA = ("b bool, s int16, i int32, l int64, h int128, f float, d double, y bytea, t cstr -z, e dec64, q dec128, "
           "day date, tm time_millis, ts timestamp_millis")
@@ -275,7 +280,7 @@ class Streams(CommandTest):
         self.whole = self.build("t.cvn", [Column(b"id", cvnfile.INT64)], [[list(range(1000))] for _ in range(4)])
 
     def serve(self, post):
-        server = FakeServer(fake_table(self.whole, post))
+        server = FakeServer(table_of(self.whole, post))
         self.addCleanup(server.close)
         return f"kelp://127.0.0.1:{server.port}/db/sc/t"
 

@@ -1,39 +1,26 @@
 #!/usr/bin/env python3
 """cvn verify: every kind of damage is found and named, none makes it crash."""
-import ctypes
 import os
 import random
 import struct
 import subprocess
 import unittest
 
+from cvnfile import Layout, sealed, xxh32
 from support import CVN, ToolTest
-
-XXH = ctypes.CDLL("libxxhash.so.0")
-XXH.XXH32.restype = ctypes.c_uint32
-XXH.XXH32.argtypes = [ctypes.c_char_p, ctypes.c_size_t, ctypes.c_uint32]
-
-
-def xxh32(data):
-    return XXH.XXH32(bytes(data), len(data), 0)
 
 
 class Verify(ToolTest):
-    NCOL = 3
-
     def setUp(self):
         super().setUp()
         rows = "".join("%d,%s,%s\n" % (i, "" if i % 5 == 0 else i * 0.5, "text %d" % i) for i in range(1, 1004))
         self.create("a int32 -z, b double, t cstr -z", "a,b,t\n" + rows)
         with open(self.path("t.cvn"), "rb") as f:
             self.data = bytearray(f.read())
-        size, = struct.unpack_from("<q", self.data, len(self.data) - 16)
-        self.footer = len(self.data) - 16 - size
-        self.stat = self.footer + 40 + 136 * self.NCOL
-        self.group = self.stat + 112 * self.NCOL
+        self.at = Layout(self.data)
 
     def meta(self, col):
-        return self.group + 16 + 144 * col
+        return self.at.colmeta(0, col)
 
     def put(self, at, fmt, value):
         struct.pack_into("<" + fmt, self.data, at, value)
@@ -43,8 +30,7 @@ class Verify(ToolTest):
 
     def seal(self):
         """Makes the footer's hash right again, so that only the change itself is wrong."""
-        footer = self.data[self.footer:-16]
-        self.put(len(self.data) - 8, "I", xxh32(footer))
+        self.data = sealed(self.data)
 
     def found(self, *texts):
         self.write("bad.cvn", bytes(self.data))
@@ -65,7 +51,7 @@ class Verify(ToolTest):
         self.assertNotIn("column 'a'", out)
 
     def test_a_changed_footer_fails_its_hash(self):
-        self.data[self.footer + 40 + 134] = 1
+        self.data[self.at.footer + 40 + 134] = 1
         self.found("the footer's hash is", "padding of its definition")
 
     def test_magics_and_sizes_are_checked(self):
@@ -88,13 +74,13 @@ class Verify(ToolTest):
         self.found("row group 0, column 'a': the smallest value is '1', the record says '2'")
 
     def test_statistics_of_the_file_are_held_against_the_chunks(self):
-        self.put(self.stat + 64, "i", 99999)
+        self.put(self.at.colstat(0) + 64, "i", 99999)
         self.seal()
         self.only("column 'a': its chunks range from '1' to '1003', the file's statistics say '1' to '99999'")
 
     def test_nulls_are_counted(self):
         self.put(self.meta(1) + 24, "i", 7)
-        self.put(self.stat + 112, "q", 7)
+        self.put(self.at.colstat(1), "q", 7)
         self.seal()
         self.only("row group 0, column 'b': the null bitmap holds 200 NULLs, the record says 7")
 
@@ -123,7 +109,7 @@ class Verify(ToolTest):
         offset, nbyte = self.get(self.meta(col), "q"), self.get(self.meta(col) + 16, "i")
         self.assertEqual(nbyte, self.get(self.meta(col) + 20, "i"))
         change(offset, self.get(self.meta(col) + 28, "i"))
-        self.put(self.meta(col) + 32, "I", xxh32(self.data[offset:offset + nbyte]))
+        self.put(self.meta(col) + 32, "i", xxh32(self.data[offset:offset + nbyte]))
         self.seal()
 
     def test_unused_bitmap_bits_and_values_under_nulls_are_found(self):
@@ -131,10 +117,7 @@ class Verify(ToolTest):
         self.create("a int32", "a\n" + rows, "t.cvn")
         with open(self.path("t.cvn"), "rb") as f:
             good = f.read()
-        self.NCOL = 1
-        self.footer = len(good) - 16 - struct.unpack_from("<q", good, len(good) - 16)[0]
-        self.stat = self.footer + 40 + 136
-        self.group = self.stat + 112
+        self.at = Layout(good)
 
         def bit(offset, nmapoff):
             self.data[offset + nmapoff + 1] |= 1
@@ -150,7 +133,7 @@ class Verify(ToolTest):
         self.only("the NULL in row 3 has a value beneath it")
 
     def test_row_counts_are_added_up(self):
-        self.put(self.footer + 8, "q", 1004)
+        self.put(self.at.footer + 8, "q", 1004)
         self.seal()
         self.only("the row groups hold 1003 rows, the footer says 1004")
 
@@ -167,7 +150,7 @@ class Verify(ToolTest):
             self.data = bytearray(good)
             for _ in range(rng.randrange(1, 4)):
                 # Inside the footer, whose hash is then made right: the reading code itself is on trial.
-                self.data[rng.randrange(self.footer, len(good) - 16)] = rng.randrange(256)
+                self.data[rng.randrange(self.at.footer, len(good) - 16)] = rng.randrange(256)
             if bytes(self.data) == good:
                 continue
             self.seal()

@@ -1239,7 +1239,7 @@ TEST(ClientSample, ReadsTheReplyLikeAScan) {
 
 TEST(ClientTls, TrustsTheAuthorityThatIsNamedAndNoOther) {
     support::temp_dir_t dir;
-    FILE* out = popen(("python3 " TESTS_DIR "/client/tls_server.py " + dir.str()).c_str(), "r");
+    FILE* out = popen(("python3 " TESTS_DIR "/support/tls_server.py " + dir.str()).c_str(), "r");
     ASSERT_NE(nullptr, out);
     int port = 0;
     ASSERT_EQ(1, fscanf(out, "%d", &port));

@@ -1,5 +1,5 @@
 #include "store/dir.h"
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

@@ -2,7 +2,7 @@
 
 #include <malloc.h>
 
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

@@ -1,5 +1,5 @@
 // The grammar of a query, apart from what becomes of it.
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

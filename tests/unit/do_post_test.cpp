@@ -1,5 +1,5 @@
 // What becomes of a query before it reaches a scan or a command.
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

@@ -1,6 +1,6 @@
 #include <sys/resource.h>
 
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

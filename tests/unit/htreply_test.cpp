@@ -3,7 +3,7 @@
 #include <sys/uio.h>
 #include <time.h>
 
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

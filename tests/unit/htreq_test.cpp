@@ -4,7 +4,7 @@
 #include <netinet/in.h>
 #include <sys/select.h>
 
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

@@ -1,4 +1,4 @@
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 using namespace server_support;

@@ -10,7 +10,7 @@
 #include "server/conf.h"
 #include "store/dir.h"
 #include "store/util.h"
-#include "tests/server_support.h"
+#include "server_support.h"
 
 namespace {
 // The faults of the test under way. The client's thread allocates as well, but not through these names.

@@ -5,16 +5,16 @@ import json
 import os
 import shutil
 import socket
-import ssl
 import struct
-import subprocess
 import threading
 import time
 import unittest
 
-from support import CHUNKED_HEAD, END, Case, FakeServer, chunk, chunked, int32_page, json_reply, kelp, page, record, \
-    stream_of, table_server
+from support import Case, FakeServer, int32_page, kelp, serve, stream_of, table_server
+from cvnfile import END, STREAM_HEAD, page, record
+from fake_server import answering, tls_context
 from kelp import client
+from replies import chunk, chunked, json_reply
 
 OK = b"HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n"
 
@@ -66,7 +66,7 @@ class Addresses(unittest.TestCase):
 
 class Requests(Case):
     def serve(self, answer):
-        self.server = FakeServer(self, answer)
+        self.server = serve(self, answer)
         return kelp.connect(self.server.url, timeout=10)
 
     def test_the_catalogue_is_listed_sorted_and_quoted(self):
@@ -144,7 +144,7 @@ class Requests(Case):
 
     def test_a_chunked_reply_without_a_body_is_success_as_well(self):
         # A proxy in front of the server may put its empty replies into chunks.
-        connection = self.serve(lambda *_: CHUNKED_HEAD + b"0\r\n\r\n")
+        connection = self.serve(lambda *_: STREAM_HEAD + b"0\r\n\r\n")
         connection.table("d.s.e").upload(b"x", "x.sql")
         connection.table("d.s.e").remove("x.sql")
         self.assertEqual(["PUT", "DELETE"], [r[0] for r in self.server.requests])
@@ -197,12 +197,11 @@ class Requests(Case):
     def test_passwords_go_to_the_proxy(self):
         seen = []
 
-        class Recorder(FakeServer):
-            def _talk(self, connection):
-                seen.append(connection.recv(65536))
-                connection.sendall(json_reply(b"[]"))
-                connection.close()
-        server = Recorder(self, None)
+        def note(conn):
+            seen.append(conn.recv(65536))
+            conn.sendall(json_reply("[]"))
+        server = FakeServer(note)
+        self.addCleanup(server.close)
         kelp.connect(server.url.replace("kelp://", "http://joe:pa%3Ass@")).databases()
         self.assertIn(b"\r\nAuthorization: Basic am9lOnBhOnNz\r\n", seen[0])
 
@@ -211,25 +210,11 @@ class Tls(Case):
     def test_https_is_spoken_to_a_proxy_whose_certificate_is_trusted(self):
         if not shutil.which("openssl"):
             self.skipTest("openssl makes the certificate and is not installed")
-        key, certificate = self.path("key.pem"), self.path("cert.pem")
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-                        "-nodes", "-keyout", key, "-out", certificate, "-days", "2", "-subj", "/CN=localhost",
-                        "-addext", "subjectAltName=DNS:localhost"], check=True, capture_output=True, timeout=60)
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(certificate, key)
-
-        class Wrapped(FakeServer):
-            def _talk(self, connection):
-                try:
-                    with context.wrap_socket(connection, server_side=True) as wrapped:
-                        wrapped.recv(65536)
-                        wrapped.sendall(json_reply(b'["a"]'))
-                        wrapped.unwrap()
-                except OSError:
-                    connection.close()
-        url = Wrapped(self, None).url.replace("kelp://127.0.0.1", "https://localhost")
+        server = FakeServer(answering(lambda *_: json_reply('["a"]')), tls=tls_context(self.dir))
+        self.addCleanup(server.close)
+        url = f"https://localhost:{server.port}"
         old = os.environ.get("SSL_CERT_FILE")
-        os.environ["SSL_CERT_FILE"] = certificate
+        os.environ["SSL_CERT_FILE"] = self.path("cert.pem")
         try:
             self.assertEqual(["a"], kelp.connect(url, timeout=10).databases())
             os.environ["SSL_CERT_FILE"] = self.write({"a": [1]})
@@ -245,7 +230,7 @@ class Queries(Case):
     FIELDS = [("a", "int16"), ("s", "cstr"), ("f", "double")]
 
     def bodies(self, **arguments):
-        server = table_server(self, self.FIELDS, lambda body: CHUNKED_HEAD + chunked(END))
+        server = table_server(self, self.FIELDS, lambda body: STREAM_HEAD + chunked(END))
         server.table.scan(**arguments).read()
         return sorted(body.decode() for method, _, body in server.requests if method == "POST")
 
@@ -285,7 +270,7 @@ class Queries(Case):
     def test_rows_are_filtered_exactly_on_columns_that_are_dropped_again(self):
         data = self.bytes_of({"a": [1, 20, None, 30], "s": ["x", None, "y", "z"], "f": [0.5, 1.5, 2.5, 3.5]},
                              "a int16, s cstr, f double")
-        server = table_server(self, self.FIELDS, lambda body: CHUNKED_HEAD + chunked(
+        server = table_server(self, self.FIELDS, lambda body: STREAM_HEAD + chunked(
             stream_of(data, json.loads(body)["column"]), (17,)))
         table = server.table.scan(columns=["s"], where="a >= 20 and f < 3").read()
         self.assertEqual([(None,)], list(table.rows()))
@@ -294,7 +279,7 @@ class Queries(Case):
         self.assertEqual(0, len(server.table.scan(where="s = nothing").read()))
 
     def test_an_empty_result_still_has_its_columns(self):
-        server = table_server(self, self.FIELDS, lambda body: CHUNKED_HEAD + chunked(END))
+        server = table_server(self, self.FIELDS, lambda body: STREAM_HEAD + chunked(END))
         table = server.table.scan().read()
         self.assertEqual([("a", "int16"), ("s", "cstr"), ("f", "double")],
                          [(c.name, c.type.name) for c in table.columns.values()])
@@ -307,10 +292,10 @@ class Queries(Case):
 
         def post(body):
             if body == b"{}":
-                return CHUNKED_HEAD + chunked(counts, (8, 100))
+                return STREAM_HEAD + chunked(counts, (8, 100))
             if b"meta" in body:
-                return CHUNKED_HEAD + chunked(record(*numbers) + END)
-            return CHUNKED_HEAD + chunked(record(int32_page([4, 5])) + END)
+                return STREAM_HEAD + chunked(record(*numbers) + END)
+            return STREAM_HEAD + chunked(record(int32_page([4, 5])) + END)
         server = table_server(self, [("c", "int32")], post)
         self.assertEqual(1048583, server.table.count())
         self.assertEqual([1048576, 7], [len(batch) for batch in server.table.scan(columns=[])])
@@ -321,7 +306,7 @@ class Queries(Case):
             server.table.sample(0)
 
     def test_a_sample_that_ends_behind_its_head_has_failed(self):
-        server = table_server(self, [("c", "int32")], lambda body: CHUNKED_HEAD)
+        server = table_server(self, [("c", "int32")], lambda body: STREAM_HEAD)
         with self.assertRaisesRegex(kelp.KelpError, "the sample failed: .*is cvnsamp installed"):
             server.table.sample(5)
 
@@ -334,7 +319,7 @@ class Jobs(Case):
             job, jobs = request.get("fragment", [0, 1])
             time.sleep(delay(job))
             mine = [record(int32_page(g)) for r, g in enumerate(groups) if r % jobs == job]
-            return CHUNKED_HEAD + chunked(b"".join(mine) + END, (100,))
+            return STREAM_HEAD + chunked(b"".join(mine) + END, (100,))
         return table_server(self, [("c", "int32")], post).table
 
     def test_any_number_of_jobs_gives_the_same_rows_in_the_same_order(self):
@@ -353,7 +338,7 @@ class Jobs(Case):
         def post(body):
             job = json.loads(body)["fragment"][0]
             good = chunk(record(int32_page([job])))
-            return CHUNKED_HEAD + good + (b"400 Bad Request" if job == 2 else chunked(END))
+            return STREAM_HEAD + good + (b"400 Bad Request" if job == 2 else chunked(END))
         table = table_server(self, [("c", "int32")], post).table
         with self.assertRaisesRegex(kelp.KelpError, "in the middle of the reply"):
             table.scan(jobs=4).read()
@@ -373,7 +358,7 @@ class Jobs(Case):
         hold = threading.Event()
 
         def post(body):
-            yield CHUNKED_HEAD + chunk(record(int32_page([1])))
+            yield STREAM_HEAD + chunk(record(int32_page([1])))
             hold.wait(10)
             yield b""
         for jobs in (1, 2):
@@ -421,7 +406,7 @@ class Jobs(Case):
         count = record(page(bytes(1), -1, 0, 7, 0, 0, hash=0))
 
         def post(body):
-            yield CHUNKED_HEAD + chunk(count) + chunk(count)
+            yield STREAM_HEAD + chunk(count) + chunk(count)
             hold.wait(10)
             yield b""
         server = table_server(self, [("c", "int32")], post)

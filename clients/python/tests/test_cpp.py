@@ -15,9 +15,10 @@ from decimal import Decimal as D
 
 import numpy as np
 
-from support import Case, Daemon, kelp
+from support import Case, kelp, start_daemon
+from cvnfile import encode
 from test_format import SAMPLES
-from kelp import dpd, types
+from kelp import types
 
 ROWS, CVN, KELPD, CVNSAMP = (os.environ.get(name) for name in ("ROWS", "CVN", "KELPD", "CVNSAMP"))
 
@@ -38,16 +39,7 @@ def stored(type_, value):
     if value is None:
         return b""
     plain = type_.coerce(value)
-    if type_.storage in (types.CSTR, types.BYTEA):
-        return plain
-    if type_.storage == types.FLOAT:
-        return struct.pack("<f", plain)
-    if type_.storage == types.DOUBLE:
-        return struct.pack("<d", plain)
-    if type_.is_decimal:
-        encode = dpd.encode_one64 if type_.storage == types.DEC64 else dpd.encode_one128
-        return encode(plain).to_bytes(type_.width, "little")
-    return plain.to_bytes(type_.width, "little", signed=True)
+    return plain if type_.storage in (types.CSTR, types.BYTEA) else encode(plain, type_.code)
 
 
 def rows_of(fields, columns):
@@ -218,7 +210,7 @@ class Served(Case):
             path = os.environ["PATH"]
             os.environ["PATH"] = os.path.dirname(CVNSAMP) + os.pathsep + path
             self.addCleanup(os.environ.__setitem__, "PATH", path)
-        self.daemon = Daemon(self, KELPD, self.fork)
+        self.daemon = start_daemon(self, self.fork)
         self.connection = kelp.connect(self.daemon.url, timeout=60)
         self.table = self.connection.table("d.s.e")
 
@@ -277,7 +269,7 @@ class Server(Served):
 
     def test_a_page_damaged_on_the_server_s_disk_is_noticed(self):
         path = self.upload({"n": list(range(1000))}, "n int32")
-        kept = os.path.join(self.daemon.directory.name, "base/d/s/e/p.cvn")
+        kept = self.daemon.path("base/d/s/e/p.cvn")
         with open(kept, "r+b") as file:
             file.seek(kelp.inspect(path).rowgroups[0][0].offset + 5)
             file.write(b"\x55")

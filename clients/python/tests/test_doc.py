@@ -10,7 +10,7 @@ import subprocess
 import sys
 import unittest
 
-from support import Case, Daemon, kelp
+from support import Case, kelp, start_daemon
 
 PACKAGE = os.path.dirname(os.path.dirname(os.path.abspath(kelp.__file__)))
 KELPD = os.environ.get("KELPD")
@@ -24,7 +24,7 @@ class Readme(Case):
 
     @unittest.skipUnless(KELPD, "KELPD is not set")
     def test_the_examples_print_what_the_readme_shows(self):
-        daemon = Daemon(self, KELPD)
+        daemon = start_daemon(self)
         here = os.getcwd()
         self.addCleanup(os.chdir, here)
         os.chdir(self.dir)

@@ -12,6 +12,7 @@ from decimal import Decimal as D
 import numpy as np
 
 from support import Case, kelp
+from cvnfile import Layout, patched, sealed
 from kelp import native, writer
 
 MASK32 = 0xffffffff
@@ -277,15 +278,15 @@ class RoundTrips(Case):
         data = self.bytes_of(columns)
         info = kelp.inspect(data)
         os.mkdir(self.path("split"))
-        meta_at = len(data) - 16 - struct.unpack("<q", data[-16:-8])[0]
-        footer = bytearray(data[meta_at:-16])
+        at = Layout(data)
+        meta = data
         for cno in range(2):
             chunk = info.rowgroups[0][cno]
             with open(self.path("split/%d.cvnx" % cno), "wb") as file:
                 file.write(data[chunk.offset:chunk.offset + chunk.zbyte])
-            struct.pack_into("<q", footer, 40 + 248 * 2 + 16 + 144 * cno, 0)
+            meta = patched(meta, at.colmeta(0, cno), "<q", 0)
         with open(self.path("split/meta.cvnx"), "wb") as file:
-            file.write(data[:8] + footer + data[-16:])
+            file.write(meta[:8] + meta[at.footer:])
         self.assertEqual(list(kelp.read_table(data).rows()), list(kelp.read_table(self.path("split")).rows()))
         self.assertTrue(kelp.inspect(self.path("split")).split)
         self.assertEqual(info.checksum, kelp.inspect(self.path("split")).checksum)
@@ -433,21 +434,15 @@ class HostileFiles(Case):
         super().setUp()
         self.data = self.bytes_of({"a": list(range(3000)), "b": ["t%d" % i for i in range(3000)],
                                    "c": [b"y" * (i % 5) for i in range(3000)]})
-        self.meta_at = len(self.data) - 16 - struct.unpack("<q", self.data[-16:-8])[0]
-
-    def rehashed(self, data):
-        """The file with its footer hash made right again, so that only the one bad field is wrong."""
-        footer = bytes(data[self.meta_at:-16])
-        return bytes(data[:-8]) + struct.pack("<I", native.xxh32(footer)) + b"CVN1"
+        self.at = Layout(self.data)
 
     def refuse(self, data, pattern):
         with self.assertRaisesRegex(kelp.KelpError, pattern):
             kelp.read_table(bytes(data))
 
     def patched(self, at, fmt, value):
-        data = bytearray(self.data)
-        struct.pack_into(fmt, data, at, value)
-        return self.rehashed(data)
+        """The file with one bad field, and the hash of its footer right again."""
+        return sealed(patched(self.data, at, fmt, value))
 
     def test_every_truncation_is_refused(self):
         for size in list(range(0, 200)) + list(range(200, len(self.data), 97)) + list(
@@ -472,27 +467,22 @@ class HostileFiles(Case):
         self.refuse(b"CVN2" + self.data[4:], "begin with CVN1IX86")
         self.refuse(self.data[:-1] + b"2", "end with CVN1")
         self.refuse(self.data[:-8] + b"\0\0\0\0CVN1", "does not match its hash")
-        self.refuse(self.patched(self.meta_at, "<i", 2), "version is 2")
+        self.refuse(self.patched(self.at.footer, "<i", 2), "version is 2")
 
     def test_footers_that_contradict_themselves(self):
-        groups = self.meta_at + 40 + 248 * 3
+        footer, group, meta, typ = self.at.footer, self.at.rowgroup(0), self.at.colmeta(0, 0), self.at.coldef(0) + 128
         for at, fmt, value, pattern in (
-                (self.meta_at + 4, "<i", -1, "contradicts"), (self.meta_at + 4, "<i", 2, "contradicts"),
-                (self.meta_at + 16, "<q", 2, "add up"), (self.meta_at + 16, "<q", 2**62, "add up"),
-                (self.meta_at + 8, "<q", 2999, "row groups do not add up"),
-                (groups + 8, "<i", 2, "row groups do not add up"),
-                (groups + 16, "<q", 2**62, "outside the file"), (groups + 16, "<q", -8, "sizes of a chunk|outside"),
-                (groups + 16 + 20, "<i", -1, "sizes of a chunk"),
-                (groups + 16 + 16, "<i", 2**31 - 1, "sizes of a page"),
-                (groups + 16 + 28, "<i", 5, "sizes of a page"), (groups + 16 + 24, "<i", 1, "miscounts its NULLs"),
-                (groups + 16 + 32, "<i", 1, "does not match its hash"),
-                (self.meta_at + 40 + 128, "<i", 12, "unknown type 12"),
-                (self.meta_at + 40 + 128, "<i", 3, "no room for its rows")):
+                (footer + 4, "<i", -1, "contradicts"), (footer + 4, "<i", 2, "contradicts"),
+                (footer + 16, "<q", 2, "add up"), (footer + 16, "<q", 2**62, "add up"),
+                (footer + 8, "<q", 2999, "row groups do not add up"), (group + 8, "<i", 2, "row groups do not add up"),
+                (meta, "<q", 2**62, "outside the file"), (meta, "<q", -8, "sizes of a chunk|outside"),
+                (meta + 20, "<i", -1, "sizes of a chunk"), (meta + 16, "<i", 2**31 - 1, "sizes of a page"),
+                (meta + 28, "<i", 5, "sizes of a page"), (meta + 24, "<i", 1, "miscounts its NULLs"),
+                (meta + 32, "<i", 1, "does not match its hash"), (typ, "<i", 12, "unknown type 12"),
+                (typ, "<i", 3, "no room for its rows")):
             with self.subTest(at=at, value=value):
                 self.refuse(self.patched(at, fmt, value), pattern)
-        data = bytearray(self.data)
-        data[self.meta_at + 40:self.meta_at + 168] = b"n" * 128
-        self.refuse(self.rehashed(data), "name has no end")
+        self.refuse(self.patched(self.at.coldef(0), "128s", b"n" * 128), "name has no end")
 
     def test_trailer_sizes_beyond_the_file(self):
         for size in (-1, 0, 7, 39, len(self.data), 2**62, -2**63):

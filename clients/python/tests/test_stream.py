@@ -8,9 +8,10 @@ import unittest
 
 import numpy as np
 
-from support import (CHUNKED_HEAD, END, Case, FakeServer, chunk, chunked, int32_page, json_reply, kelp, page, record,
-                     stream_of, table_server)
+from support import Case, int32_page, kelp, serve, stream_of, table_server
+from cvnfile import END, STREAM_HEAD, page, record
 from kelp.stream import RecordReader, read_counts, read_meta
+from replies import chunk, chunked, json_reply
 
 
 class Body:
@@ -169,12 +170,12 @@ class Http(Case):
         stream = record(int32_page(list(range(100)))) + record(int32_page([5, 6])) + END
         want = list(range(100)) + [5, 6]
         for sizes in ((8, 40, 1), (1,), (3, 5), (1 << 20,), (1000, 1)):
-            table = self.scan(lambda body: CHUNKED_HEAD + chunked(stream, sizes)).read()
+            table = self.scan(lambda body: STREAM_HEAD + chunked(stream, sizes)).read()
             self.assertEqual(want, table["c"].to_list(), sizes)
 
     def test_a_reply_that_trickles_in_gives_the_same_rows(self):
         stream = record(int32_page([1, 2])) + END
-        reply = CHUNKED_HEAD + chunked(stream, (30,))
+        reply = STREAM_HEAD + chunked(stream, (30,))
         self.assertEqual([1, 2], self.scan(lambda body: [reply[i:i + 1] for i in range(len(reply))]).read()
                          ["c"].to_list())
 
@@ -182,14 +183,14 @@ class Http(Case):
         stream = record(int32_page([1, 2])) + END
         plain = b"HTTP/1.1 200 OK\r\nConnection: close\r\n"
         for reply in (plain + b"Content-Length: %d\r\n\r\n" % len(stream) + stream, plain + b"\r\n" + stream,
-                      CHUNKED_HEAD + b"%X\r\n" % len(stream) + stream + b"\r\n0\r\nSome-Trailer: 1\r\n\r\n"):
+                      STREAM_HEAD + b"%X\r\n" % len(stream) + stream + b"\r\n0\r\nSome-Trailer: 1\r\n\r\n"):
             self.assertEqual([1, 2], self.scan(lambda body: reply).read()["c"].to_list())
 
     def test_an_error_text_in_the_stream_is_reported_with_its_words(self):
         for text in ("400 Bad Request", "500 Internal Server Error", "500 Internal Server Error - out of memory"):
             for whole in (0, 1, 2):
                 before = b"".join(chunk(record(int32_page([i]))) for i in range(whole))
-                scan = self.scan(lambda body: CHUNKED_HEAD + before + text.encode())
+                scan = self.scan(lambda body: STREAM_HEAD + before + text.encode())
                 got = []
                 with self.assertRaisesRegex(kelp.KelpError, "in the middle of the reply: " + text) as caught:
                     for batch in scan:
@@ -202,10 +203,10 @@ class Http(Case):
     def test_an_error_text_that_begins_like_a_size_is_not_a_size(self):
         # "400" is also the size of a chunk of 1024 bytes; what follows it must be an extension or the line's end.
         with self.assertRaisesRegex(kelp.KelpError, "damaged|in the middle"):
-            self.scan(lambda body: CHUNKED_HEAD + b"400 Bad Request\r\n" + bytes(2000)).read()
+            self.scan(lambda body: STREAM_HEAD + b"400 Bad Request\r\n" + bytes(2000)).read()
 
     def test_every_truncation_of_the_reply_is_an_error(self):
-        reply = CHUNKED_HEAD + chunked(record(int32_page([1, 2])) + END, (8, 49))
+        reply = STREAM_HEAD + chunked(record(int32_page([1, 2])) + END, (8, 49))
         sizes = list(range(0, len(reply)))
         server = table_server(self, [("c", "int32")], lambda body: reply[:sizes[0]])
         scan = server.table.scan()
@@ -223,15 +224,15 @@ class Http(Case):
                               (chunked(good + good), "goes on behind"),
                               (chunked(good[:-8]), "without its end mark")):
             with self.assertRaisesRegex(kelp.KelpError, pattern, msg=body):
-                self.scan(lambda _: CHUNKED_HEAD + body).read()
+                self.scan(lambda _: STREAM_HEAD + body).read()
 
     def test_pages_of_another_type_or_number_than_asked_for_are_refused(self):
         with self.assertRaisesRegex(kelp.KelpError, "int32 in one file of the table and int64 in another"):
-            self.scan(lambda body: CHUNKED_HEAD + chunked(record(int32_page([1], typ=4)) + END)).read()
+            self.scan(lambda body: STREAM_HEAD + chunked(record(int32_page([1], typ=4)) + END)).read()
         with self.assertRaisesRegex(kelp.KelpError, "unknown type"):
-            self.scan(lambda body: CHUNKED_HEAD + chunked(record(int32_page([1], typ=77)) + END)).read()
+            self.scan(lambda body: STREAM_HEAD + chunked(record(int32_page([1], typ=77)) + END)).read()
         with self.assertRaisesRegex(kelp.KelpError, "more columns than were asked for"):
-            self.scan(lambda body: CHUNKED_HEAD + chunked(record(int32_page([1]), int32_page([1])) + END)).read()
+            self.scan(lambda body: STREAM_HEAD + chunked(record(int32_page([1]), int32_page([1])) + END)).read()
 
     def test_refusals_say_what_the_server_said(self):
         for status, pattern in ((b"400 Bad Request", "the server refused the query: 400 Bad Request; "),
@@ -250,7 +251,7 @@ class Http(Case):
                                (b"HTTP/1.1 200 OK\r\n" + b"a: b\r\n" * 200, "is no kelpd"),
                                (b"HTTP/1.1 200 OK\r\n" + b"a" * 20000, "is no kelpd"),
                                (b"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n[]", "early")):
-            server = FakeServer(self, lambda *_: reply)
+            server = serve(self, lambda *_: reply)
             with self.assertRaisesRegex(kelp.KelpError, pattern, msg=reply):
                 kelp.connect(server.url, timeout=10).databases()
 

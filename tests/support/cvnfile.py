@@ -1,9 +1,13 @@
 """Data files built and read without the library.
 
-`build` lays a file out byte by byte from Python values: chunks, null maps, LZ4 blocks, statistics, footer and trailer.
-`read` takes one apart again and proves every size and hash on the way. `read_stream` does the same for the records of
-a scan reply. The tests compare what the daemon sends with what these say, so nothing here calls the code under test;
-only LZ4 and xxHash are shared, as the installed libraries.
+`build` lays a file out byte by byte from Python values: chunks, null maps, LZ4 blocks, statistics, footer and trailer;
+`build_split` does it for a split directory. `page` and `record` make what replies carry, with any field wrong that a
+test wants wrong. `read` takes a file apart again and proves every size and hash on the way, `read_stream` does the same
+for the records of a scan reply, and a Layout says where the parts of a file lie, for tests that damage one of them.
+
+This is the only encoder of the format in Python, and the oracle of all tests: they compare what the library, the
+daemon, the tools and the clients say with what it says, so nothing here calls the code under test; only LZ4 and xxHash
+are shared, as the installed libraries.
 
 All integers are little-endian. Offsets and sizes are in bytes.
 """
@@ -12,6 +16,8 @@ import ctypes.util
 import decimal
 import struct
 from typing import NamedTuple
+
+from replies import LAST_CHUNK, Unsound, chunk, dechunk, stream_head
 
 HEAD_MAGIC = b"CVN1IX86"
 TAIL_MAGIC = b"CVN1"
@@ -44,10 +50,6 @@ _xxh.XXH32.restype = ctypes.c_uint32
 _xxh.XXH32.argtypes = (ctypes.c_char_p, ctypes.c_size_t, ctypes.c_uint32)
 _lz4.LZ4_compress_default.argtypes = (ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_int)
 _lz4.LZ4_decompress_safe.argtypes = (ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_int)
-
-
-class Unsound(Exception):
-    """Bytes that are not what their format says."""
 
 
 def xxh32(data):
@@ -102,6 +104,8 @@ _UNDECLET = {_declet(n): n for n in range(1000)}
 def encode_decimal(value, storage):
     width, ebits, ndigit, bias = _DECIMAL[storage]
     sign, digits, exponent = decimal.Decimal(value).as_tuple()
+    if exponent in ("F", "n"):  # infinity, and what is no number
+        return ((sign << 5 | (30 if exponent == "F" else 31)) << width * 8 - 6).to_bytes(width, "little")
     number = int("".join(map(str, digits)))
     if number >= 10**ndigit:
         raise ValueError("too many digits")
@@ -124,9 +128,11 @@ def decode_decimal(data, storage):
         number = number * 1000 + _UNDECLET[low >> k & 1023]
     exponent = bits >> nlow & (1 << ebits) - 1
     comb = bits >> nlow + ebits & 31
+    sign = bits >> width * 8 - 1
+    if comb >= 30:
+        return decimal.Decimal((sign, (), "F" if comb == 30 else "n"))
     first, high = (8 | comb & 1, comb >> 1 & 3) if comb >= 24 else (comb & 7, comb >> 3)
     number += first * 10 ** (ndigit - 1)
-    sign = bits >> width * 8 - 1
     return decimal.Decimal((sign, tuple(map(int, str(number))), (high << ebits | exponent) - bias))
 
 
@@ -138,9 +144,9 @@ def encode(value, typ):
     if storage in _INT_WIDTH:
         return (value or 0).to_bytes(_INT_WIDTH[storage], "little", signed=True)
     if storage == FLOAT:
-        return struct.pack("<f", value or 0.0)
+        return struct.pack("<f", 0.0 if value is None else value)
     if storage == DOUBLE:
-        return struct.pack("<d", value or 0.0)
+        return struct.pack("<d", 0.0 if value is None else value)
     if storage == BYTEA:
         return struct.pack("<i", len(value or b"")) + (value or b"")
     if storage == CSTR:
@@ -148,6 +154,16 @@ def encode(value, typ):
     if storage in _DECIMAL:
         return encode_decimal(value if value is not None else 0, storage)
     raise ValueError(f"no such type: {typ}")
+
+
+def encode_chunk(values, typ):
+    """The values and then the null map, uncompressed, and where the null map begins."""
+    raw = b"".join(encode(value, typ) for value in values)
+    nullmap = bytearray((len(values) + 7) // 8)
+    for row, value in enumerate(values):
+        if value is None:
+            nullmap[row // 8] |= 0x80 >> row % 8
+    return raw + nullmap, len(raw)
 
 
 def decode_chunk(raw, typ, nrow, nmapoff):
@@ -193,6 +209,24 @@ class Column(NamedTuple):
     nflag: int = 0
 
 
+def page(body, cno=0, typ=INT32, nrow=2, nnull=0, nmapoff=8, nbyte=None, zbyte=None, hash=None, magic=PAGE_MAGIC):
+    """One page as replies carry it, every field open to a lie. Sizes and hash, when not given, are those of `body`."""
+    nbyte, zbyte = (len(body) if size is None else size for size in (nbyte, zbyte))
+    hash = xxh32(body) if hash is None else hash
+    return struct.pack("<10i", magic, cno, typ, nrow, nnull, nmapoff, nbyte, zbyte, hash, 0) + body
+
+
+def record(*pages, magic=RECORD_MAGIC, nbyte=None):
+    """One record of a reply stream around these pages."""
+    body = b"".join(pages)
+    return struct.pack("<2i", magic, len(body) if nbyte is None else nbyte) + body
+
+
+END = record()
+STREAM_END = chunk(END) + LAST_CHUNK
+STREAM_HEAD = stream_head()
+
+
 class Page(NamedTuple):
     """A column chunk with its header, as files describe it and as replies carry it."""
 
@@ -207,9 +241,8 @@ class Page(NamedTuple):
     body: bytes
 
     def bytes(self):
-        return struct.pack(
-            "<10i", PAGE_MAGIC, self.cno, self.typ, self.nrow, self.nnull, self.nmapoff, self.nbyte, self.zbyte,
-            self.hash, 0) + self.body
+        return page(self.body, self.cno, self.typ, self.nrow, self.nnull, self.nmapoff, self.nbyte, self.zbyte,
+                    self.hash)
 
     def values(self):
         """Decompresses, proves the hash and the null count, and decodes."""
@@ -222,6 +255,44 @@ class Page(NamedTuple):
         if values.count(None) != self.nnull:
             raise Unsound("the null count is wrong")
         return values
+
+
+def page_of(values, cno=0, typ=INT32):
+    """The uncompressed page of these values."""
+    raw, nmapoff = encode_chunk(values, typ)
+    return Page(cno, typ, len(values), values.count(None), nmapoff, len(raw), len(raw), xxh32(raw), raw)
+
+
+class Layout:
+    """Where the parts of a file lie that ends in a footer, going by the footer's size and column count alone."""
+
+    def __init__(self, data):
+        self.trailer = len(data) - 16
+        self.footer = self.trailer - struct.unpack_from("<q", data, self.trailer)[0]
+        self.ncol, self.nrow, self.nrowgroup = struct.unpack_from("<i2q", data, self.footer + 4)
+
+    def coldef(self, column):
+        return self.footer + 40 + 136 * column
+
+    def colstat(self, column):
+        return self.coldef(self.ncol) + 112 * column
+
+    def rowgroup(self, group):
+        return self.colstat(self.ncol) + (16 + 144 * self.ncol) * group
+
+    def colmeta(self, group, column):
+        return self.rowgroup(group) + 16 + 144 * column
+
+
+def patched(data, offset, form, *values):
+    """The bytes with numbers packed over those at `offset`."""
+    return data[:offset] + struct.pack(form, *values) + data[offset + struct.calcsize(form) :]
+
+
+def sealed(data):
+    """The file with the hash of its footer made right again, so that only the change itself is wrong."""
+    layout = Layout(data)
+    return patched(data, layout.trailer + 8, "<i", xxh32(data[layout.footer : layout.trailer]))
 
 
 class File(NamedTuple):
@@ -244,24 +315,26 @@ class File(NamedTuple):
     def zbyte(self):
         return sum(page.zbyte for group in self.groups for page in group)
 
-    # Where the parts lie, for tests that damage one of them.
+    @property
+    def layout(self):
+        return Layout(self.data)
+
     @property
     def trailer(self):
-        return len(self.data) - 16
+        return self.layout.trailer
 
     @property
     def footer(self):
-        return self.trailer - struct.unpack_from("<q", self.data, self.trailer)[0]
+        return self.layout.footer
 
     def coldef(self, column):
-        return self.footer + 40 + 136 * column
+        return self.layout.coldef(column)
 
     def colmeta(self, group, column):
-        ncol = len(self.columns)
-        return self.footer + 40 + 248 * ncol + group * (16 + 144 * ncol) + 16 + 144 * column
+        return self.layout.colmeta(group, column)
 
     def patched(self, offset, new):
-        """The bytes with `new` at `offset`; the trailer's hash is left as it was, since no reader checks it."""
+        """The bytes with `new` at `offset`; the trailer's hash is left as it was, since no server checks it."""
         return self.data[:offset] + new + self.data[offset + len(new) :]
 
     def record(self, group, *names):
@@ -269,6 +342,11 @@ class File(NamedTuple):
         numbers = [[c.name for c in self.columns].index(name) for name in names]
         pages = [self.groups[group][k].bytes() for k in numbers]
         return [struct.pack("<2i", RECORD_MAGIC, sum(map(len, pages)))] + pages
+
+    def stream(self, names=None):
+        """All records that a scan of the columns `names`, or of all, sends, and the end record."""
+        names = [column.name for column in self.columns] if names is None else names
+        return b"".join(part for group in range(len(self.groups)) for part in self.record(group, *names)) + END
 
     def json(self, name):
         """The item of this file in the listing of its entity."""
@@ -278,12 +356,40 @@ class File(NamedTuple):
         )
 
 
+class Bytes:
+    """Bytes under construction, and for each part what it is, from which a listing of all of them can be made."""
+
+    def __init__(self):
+        self.data = bytearray()
+        self._parts = []
+
+    def put(self, data, what, *values):
+        self._parts.append((len(self.data), len(data), what, values))
+        self.data += data
+
+    def title(self, what, *values):
+        self._parts.append((None, 0, what, values))
+
+    def listing(self):
+        lines = []
+        for offset, size, what, values in self._parts:
+            text = what % values
+            if offset is None:
+                lines.append("\n" + text)
+                continue
+            data = self.data[offset : offset + size]
+            shown = "00 ..." if size > 24 and not any(data) else data[:24].hex(" ") + (" ..." if size > 24 else "")
+            lines.append("%6d %5d  %s\n              %s" % (offset, size, text, shown))
+        return "\n".join(lines)
+
+
 def _datum(value, typ):
     image = value[:40] if typ & 0xFFFF == CSTR else encode(value, typ)
     return image.ljust(48, b"\0")
 
 
 def _bounds(values):
+    """The smallest and the largest value, the first of equal ones; both None when there are none."""
     low = high = None
     for value in values:
         if value is None:
@@ -297,70 +403,162 @@ def _bounds(values):
     return low, high
 
 
+def _widened(bounds, low, high, typ):
+    """The bounds of a column with those of one more row group."""
+    if bounds[0] is None:
+        return low, high
+    if low is None:
+        return bounds
+    key = (lambda value: value[:40]) if typ & 0xFFFF == CSTR else (lambda value: value)
+    return (low if key(low) < key(bounds[0]) else bounds[0], high if key(high) > key(bounds[1]) else bounds[1])
+
+
+def _put_bounds(out, bounds, typ):
+    for name, value in zip(("minval", "maxval"), bounds):
+        if value is None:
+            out.put(bytes(48), name + ", not valid")
+        else:
+            out.put(_datum(value, typ), name)
+
+
+def _put_chunk(out, column, values, page):
+    """The stored bytes of a chunk and what pads them."""
+    if page.zbyte == page.nbyte:
+        nshown = 12
+        for value in values[:nshown]:
+            out.put(encode(value, column.typ), "NULL" if value is None else "value %s",
+                    *(() if value is None else (value,)))
+        if len(values) > nshown:
+            out.put(b"".join(encode(value, column.typ) for value in values[nshown:]), "%d more values",
+                    len(values) - nshown)
+        out.put(page.body[page.nmapoff :], "null bitmap")
+    else:
+        out.put(page.body, "one LZ4 block of %d values and their bitmap, %d bytes", len(values), page.nbyte)
+    if len(out.data) % 8:
+        out.put(bytes(align8(len(out.data)) - len(out.data)), "padding")
+
+
+def _put_footer(out, columns, nrow, groups):
+    """The footer; `groups` holds per row group its pages, each with its offset and its bounds."""
+    ncol = len(columns)
+    out.title("schema description")
+    out.put(struct.pack("<i", 1), "version 1")
+    out.put(struct.pack("<i", ncol), "ncol %d", ncol)
+    out.put(struct.pack("<q", nrow), "nrow %d", nrow)
+    out.put(struct.pack("<q", len(groups)), "nrowgroup %d", len(groups))
+    out.put(struct.pack("<i", 136 * ncol), "coldefsz 136 * %d", ncol)
+    out.put(struct.pack("<i", 112 * ncol), "colstatsz 112 * %d", ncol)
+    out.put(struct.pack("<q", len(groups) * (16 + 144 * ncol)), "rowgroupsz %d * (16 + 144 * %d)", len(groups), ncol)
+    for cno, column in enumerate(columns):
+        out.title("definition of column %d", cno)
+        out.put(struct.pack("<128s", column.name), "name %s", column.name.decode("latin-1"))
+        out.put(struct.pack("<i", column.typ), "typ %s", NAMES.get(column.typ, column.typ))
+        out.put(bytes([column.zflag]), "zflag")
+        out.put(bytes([column.nflag]), "nflag")
+        out.put(bytes(2), "padding")
+    for cno, column in enumerate(columns):
+        nnull, bounds = 0, (None, None)
+        for group in groups:
+            nnull += group[cno][0].nnull
+            bounds = _widened(bounds, *group[cno][2], column.typ)
+        out.title("statistics of column %d", cno)
+        out.put(struct.pack("<q", nnull), "nnull %d", nnull)
+        out.put(bytes([bounds[0] is not None]), "hasminmax %d", bounds[0] is not None)
+        out.put(bytes(7), "unused")
+        _put_bounds(out, bounds, column.typ)
+    for number, group in enumerate(groups):
+        nbyte = sum(align8(page.zbyte) for page, _, _ in group)
+        nrow = group[0][0].nrow if group else 0
+        out.title("row group %d", number)
+        out.put(struct.pack("<i", nbyte), "nbyte %d", nbyte)
+        out.put(struct.pack("<i", nrow), "nrow %d", nrow)
+        out.put(struct.pack("<i", ncol), "ncol %d", ncol)
+        out.put(bytes(4), "unused")
+        for cno, (page, offset, bounds) in enumerate(group):
+            out.title("row group %d, column %d", number, cno)
+            out.put(struct.pack("<q", offset), "file_offset %d", offset)
+            out.put(struct.pack("<i", page.nrow), "nrow %d", page.nrow)
+            out.put(bytes([page.zbyte < page.nbyte]), "zflag")
+            out.put(bytes([columns[cno].nflag]), "nflag")
+            out.put(bytes(1), "unused1")
+            out.put(bytes([bounds[0] is not None]), "hasminmax")
+            out.put(struct.pack("<i", page.nbyte), "nbyte %d", page.nbyte)
+            out.put(struct.pack("<i", page.zbyte), "zbyte %d", page.zbyte)
+            out.put(struct.pack("<i", page.nnull), "nnull %d", page.nnull)
+            out.put(struct.pack("<i", page.nmapoff), "nmapoff %d", page.nmapoff)
+            out.put(struct.pack("<i", page.hash), "hash of the stored bytes")
+            out.put(bytes(12), "unused2, padding")
+            _put_bounds(out, bounds, page.typ)
+
+
+def _put_trailer(out, begin, hash=None):
+    size = len(out.data) - begin
+    what = "footer hash" if hash is None else "footer hash of the data file, copied"
+    hash = xxh32(out.data[begin:]) if hash is None else hash
+    out.title("trailer")
+    out.put(struct.pack("<q", size), "footer size %d", size)
+    out.put(struct.pack("<i", hash), what)
+    out.put(TAIL_MAGIC, "tail magic")
+
+
+def _page_to_store(column, values, cno):
+    """The page of a column's values as a writer stores it: compressed where that pays."""
+    raw, nmapoff = encode_chunk(values, column.typ)
+    share = 0.8 if column.zflag else 0.5
+    block = lz4_block(raw, align8(int(share * len(raw)))) if len(raw) >= 4096 else None
+    stored = block or raw
+    return Page(cno, column.typ, len(values), values.count(None), nmapoff, len(raw), len(stored), xxh32(stored), stored)
+
+
 def build(columns, groups, nrow=None):
     """A file of `columns`, each a Column, and row groups, each a list with one list of values per column.
 
     `nrow` overrides the row count that the footer states for the file.
     """
+    return build_listed(columns, groups, nrow)[0]
+
+
+def build_listed(columns, groups, nrow=None):
+    """The file, and its Bytes, which can list what each of them is."""
     columns = tuple(columns)
-    out = bytearray(HEAD_MAGIC)
-    pages, records = [], []
-    nnull = [0] * len(columns)
-    bounds = [None] * len(columns)
-    for group in groups:
-        start, metas, group_pages = len(out), [], []
+    out = Bytes()
+    out.title("head")
+    out.put(HEAD_MAGIC, "head magic")
+    placed = []
+    for number, group in enumerate(groups):
+        placed.append([])
         for cno, (column, values) in enumerate(zip(columns, group, strict=True)):
-            raw = b"".join(encode(value, column.typ) for value in values)
-            nmapoff = len(raw)
-            nullmap = bytearray((len(values) + 7) // 8)
-            for row, value in enumerate(values):
-                if value is None:
-                    nullmap[row // 8] |= 0x80 >> row % 8
-            raw += nullmap
-            share = 0.8 if column.zflag else 0.5
-            block = lz4_block(raw, align8(int(share * len(raw)))) if len(raw) >= 4096 else None
-            zflag, stored = (1, block) if block else (0, raw)
-            low, high = (None, None) if column.nflag or column.typ & 0xFFFF == BYTEA else _bounds(values)
-            if low is not None:
-                if bounds[cno] is None:
-                    bounds[cno] = [low, high]
-                else:
-                    cut = slice(40) if column.typ & 0xFFFF == CSTR else None
-                    key = (lambda v: v[cut]) if cut else (lambda v: v)
-                    if key(low) < key(bounds[cno][0]):
-                        bounds[cno][0] = low
-                    if key(high) > key(bounds[cno][1]):
-                        bounds[cno][1] = high
-            nulls = values.count(None)
-            nnull[cno] += nulls
-            page = Page(cno, column.typ, len(values), nulls, nmapoff, len(raw), len(stored), xxh32(stored), stored)
-            group_pages.append(page)
-            meta = struct.pack(
-                "<qi4B6i8x", len(out), len(values), zflag, column.nflag, 0, int(low is not None), len(raw),
-                len(stored), nulls, nmapoff, page.hash, 0)
-            if low is not None:
-                meta += _datum(low, column.typ) + _datum(high, column.typ)
-            metas.append(meta.ljust(144, b"\0"))
-            out += stored
-            out += bytes(align8(len(out)) - len(out))
-        rows = len(group[0]) if group else 0
-        records.append(struct.pack("<4i", len(out) - start, rows, len(columns), 0) + b"".join(metas))
-        pages.append(tuple(group_pages))
+            page = _page_to_store(column, values, cno)
+            bounded = not column.nflag and column.typ & 0xFFFF != BYTEA
+            placed[-1].append((page, len(out.data), _bounds(values) if bounded else (None, None)))
+            out.title("row group %d, column %d (%s)", number, cno, column.name.decode("latin-1"))
+            _put_chunk(out, column, values, page)
     if nrow is None:
-        nrow = sum(len(group[0]) if group else 0 for group in groups)
-    ncol = len(columns)
-    footer = struct.pack(
-        "<2i2q2iq", 1, ncol, nrow, len(records), 136 * ncol, 112 * ncol, len(records) * (16 + 144 * ncol))
-    for column in columns:
-        footer += struct.pack("<128si2B2x", column.name, column.typ, column.zflag, column.nflag)
-    for cno, column in enumerate(columns):
-        stat = struct.pack("<qB7x", nnull[cno], int(bounds[cno] is not None))
-        if bounds[cno] is not None:
-            stat += _datum(bounds[cno][0], column.typ) + _datum(bounds[cno][1], column.typ)
-        footer += stat.ljust(112, b"\0")
-    footer += b"".join(records)
-    data = bytes(out) + footer + struct.pack("<qi", len(footer), xxh32(footer)) + TAIL_MAGIC
-    return File(data, columns, tuple(pages), nrow)
+        nrow = sum(group[0][0].nrow if group else 0 for group in placed)
+    begin = len(out.data)
+    _put_footer(out, columns, nrow, placed)
+    _put_trailer(out, begin)
+    return File(bytes(out.data), columns, tuple(tuple(page for page, _, _ in group) for group in placed), nrow), out
+
+
+def build_split(columns, groups):
+    """The split directory of the same file: the bytes of each column's file, and the Bytes of its metadata file, in
+    which a chunk's offset is the one in its column's file and the footer's hash is the data file's."""
+    columns = tuple(columns)
+    whole = build(columns, groups)
+    files, placed = [b""] * len(columns), []
+    for group, pages in zip(groups, whole.groups):
+        placed.append([])
+        for cno, (column, values, page) in enumerate(zip(columns, group, pages)):
+            bounded = not column.nflag and column.typ & 0xFFFF != BYTEA
+            placed[-1].append((page, len(files[cno]), _bounds(values) if bounded else (None, None)))
+            files[cno] += page.body
+    out = Bytes()
+    out.title("head")
+    out.put(HEAD_MAGIC, "head magic")
+    _put_footer(out, columns, whole.nrow, placed)
+    _put_trailer(out, len(HEAD_MAGIC), whole.chksum)
+    return files, out
 
 
 def read(data):
@@ -403,33 +601,6 @@ def read(data):
     if where != len(data) - 16 - size:
         raise Unsound("the footer does not follow the row groups")
     return File(bytes(data), tuple(columns), tuple(groups), nrow)
-
-
-def dechunk(body):
-    """Cuts a chunked body. Returns its chunks and what follows the last whole one.
-
-    The rest is b"" behind the closing chunk, and anything else when the body stopped before it.
-    """
-    chunks, at = [], 0
-    while True:
-        end = body.find(b"\r\n", at)
-        if end < 0:
-            return chunks, body[at:]
-        line = body[at:end]
-        if line == b"0" and body[end : end + 4] == b"\r\n\r\n":
-            if body[end + 4 :]:
-                raise Unsound("something follows the closing chunk")
-            return chunks, b""
-        text, separator, extension = line.partition(b"; ")
-        if separator + extension != b"; chunk" or b"%x" % int(text, 16) != text or text == b"0":
-            raise Unsound(f"a chunk's size line is wrong: {line!r}")
-        size = int(text, 16)
-        if len(body) < end + 2 + size + 2:
-            return chunks, body[at:]
-        if body[end + 2 + size : end + 4 + size] != b"\r\n":
-            raise Unsound("a chunk does not end where it says")
-        chunks.append(body[end + 2 : end + 2 + size])
-        at = end + 4 + size
 
 
 def read_pages(data):

@@ -3,7 +3,8 @@
 Each Daemon has a temporary data directory of its own and a free port. The environment variable KELPD names the program.
 A daemon that forks into the background leaves its launcher behind, so this process declares itself the reaper of
 orphans: the daemon becomes its child, is found by that, and its exit status can be read. Everything is stopped by
-process id. Every wait is bounded by WAIT seconds, which only a broken daemon ever reaches.
+process id. Every wait is bounded by WAIT seconds, which only a broken daemon ever reaches, and every test of a
+BoundedCase by some more, so that nothing hangs without saying where.
 """
 import collections
 import ctypes
@@ -55,6 +56,28 @@ def until(condition, what, wait=None):
         if time.monotonic() > end:
             raise AssertionError(f"waited in vain for {what}")
         time.sleep(0.005)
+
+
+class BoundedCase(unittest.TestCase):
+    """A test that fails, with the place where it stood, when it has not ended after `limit` seconds.
+
+    The waits below have bounds of their own; this one is for what has none, such as opening a pipe without a peer, or
+    a loop whose end never comes. It rings again every minute, should the first ring be lost in a handler of errors.
+    """
+
+    limit = 3 * WAIT
+
+    def run(self, result=None):
+        def ring(*_):
+            raise AssertionError(f"the test has not ended after {self.limit:.0f} seconds")
+
+        before = signal.signal(signal.SIGALRM, ring)
+        signal.setitimer(signal.ITIMER_REAL, self.limit, 60)
+        try:
+            return super().run(result)
+        finally:
+            signal.setitimer(signal.ITIMER_REAL, 0)
+            signal.signal(signal.SIGALRM, before)
 
 
 def free_port(low=10240, high=32000):
@@ -150,54 +173,99 @@ def listening(pid):
         return []
     found = []
     with open("/proc/net/tcp") as f:
-        for line in f.readlines()[1:]:
+        next(f)
+        for line in f:
             field = line.split()
-            if field[3] == "0A" and field[9] in inodes:
+            if field[3] != "0A":  # those that listen come first
+                break
+            if field[9] in inodes:
                 address, port = field[1].split(":")
                 found.append((struct.pack("=I", int(address, 16)), int(port, 16)))
     return found
 
 
-def _descriptors_or_none(pid):
+def _sockets(pid):
+    """The sockets that a process has open, none when it is gone."""
     try:
-        return descriptors(pid)
+        return [name for name in descriptors(pid).values() if name.startswith("socket:")]
     except OSError:
-        return {}
+        return []
 
 
-def _server_inode(s):
-    """The inode of the accepted socket at the other end of the connected socket `s`."""
-    def find():
-        ends = s.getpeername()[1], s.getsockname()[1]
-        with open("/proc/net/tcp") as f:
-            for line in f.readlines()[1:]:
-                field = line.split()
-                local, remote = (int(field[k].split(":")[1], 16) for k in (1, 2))
-                if (local, remote) == ends and field[9] != "0":
-                    return field[9]
-        return None
-    return until(find, "the daemon to accept the connection")
+# One end of a TCP connection: its socket's inode, 0 before it is accepted, the bytes that its peer has not confirmed
+# yet, and those that have come and were not read.
+End = collections.namedtuple("End", "inode unsent unread")
 
 
-def backlog(port):
-    """The backlog of the IPv4 socket listening on `port`, asked from the kernel's socket diagnostics."""
+def _diagnose(local, remote, flags, states):
+    """Asks the kernel's socket diagnostics about TCP sockets of IPv4; yields the descriptions of those it names."""
+    ends = struct.pack(">HH4s12x4s12x", local[1], remote[1], *(socket.inet_aton(end[0]) for end in (local, remote)))
+    request = struct.pack("=BBBxI", socket.AF_INET, socket.IPPROTO_TCP, 0, states) + ends + struct.pack(
+        "=I8s", 0, b"\xff" * 8)
     with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 4) as s:
         s.settimeout(WAIT)
-        request = struct.pack("=BBBxI", socket.AF_INET, socket.IPPROTO_TCP, 0, 1 << 10) + bytes(48)
-        s.send(struct.pack("=IHHII", 16 + len(request), 20, 0x301, 1, 0) + request)
+        s.send(struct.pack("=IHHII", 16 + len(request), 20, 1 | flags, 1, 0) + request)
         while True:
             data = s.recv(1 << 16)
             while data:
                 size, kind = struct.unpack_from("=IH", data)
-                if kind in (2, 3):
-                    return None
-                body = data[16:size]
-                if struct.unpack_from(">H", body, 4)[0] == port:
-                    return struct.unpack_from("=I", body, 60)[0]
+                if kind in (2, 3):  # there is none, or no more
+                    return
+                yield data[16:size]
+                if not flags:
+                    return
                 data = data[(size + 3) // 4 * 4 :]
 
 
+def _end(local, remote):
+    """The end at `local` of the connection with `remote`, both (address, port), or None.
+
+    Asked for by its name, since the list of all sockets is long and slow to read while many connections linger, and a
+    child gives up a request whose head is not there in five seconds.
+    """
+    for found in _diagnose(local, remote, 0, 0xFFFFFFFF):
+        unread, unsent, _, inode = struct.unpack_from("=4I", found, 56)
+        return End(inode, unsent, unread)
+    return None
+
+
+def _server_inode(s):
+    """The inode of the accepted socket at the other end of the connected socket `s`."""
+    ends = s.getpeername(), s.getsockname()
+
+    def find():
+        end = _end(*ends)
+        return end and end.inode
+    return until(find, "the daemon to accept the connection")
+
+
+def await_taken(s):
+    """Waits until the other end of the connected socket `s` has been accepted and all that was sent to it was read."""
+    here, there = s.getsockname(), s.getpeername()
+
+    def is_taken():
+        mine, other = _end(here, there), _end(there, here)
+        return mine and other and mine.unsent == 0 and other.inode != 0 and other.unread == 0
+    until(is_taken, "the daemon to read what was sent")
+
+
+def backlog(port):
+    """The backlog of the IPv4 socket listening on `port`, asked from the kernel's socket diagnostics."""
+    for found in _diagnose(("0.0.0.0", 0), ("0.0.0.0", 0), 0x300, 1 << 10):
+        if struct.unpack_from(">H", found, 4)[0] == port:
+            return struct.unpack_from("=I", found, 60)[0]
+    return None
+
+
 # Sockets.
+
+
+def held_by_sockets(rcvbuf):
+    """Bytes that are surely more than the two sockets of a connection hold while a client with this receive buffer
+    does not read: the sender's buffer grows up to the system's limit, and the kernel doubles what a receiver asks for.
+    """
+    with open("/proc/sys/net/ipv4/tcp_wmem") as f:
+        return int(f.read().split()[2]) + 2 * rcvbuf + 1
 
 
 def connect(port, rcvbuf=None, source=None):
@@ -222,8 +290,10 @@ def send(s, data):
 
 def receive(s):
     """Everything up to the peer's close, which may be a reset: that is what a close with bytes unread turns into."""
-    parts = []
+    parts, end = [], time.monotonic() + 2 * WAIT
     while True:
+        if time.monotonic() > end:
+            raise AssertionError(f"the reply has no end: {sum(map(len, parts))} bytes so far")
         try:
             part = s.recv(1 << 16)
         except ConnectionResetError:
@@ -338,6 +408,10 @@ class Daemon:
     def path(self, *names):
         return os.path.join(self.dir, *names)
 
+    @property
+    def url(self):
+        return f"kelp://127.0.0.1:{self.port}"
+
     # Starting.
 
     def start(self):
@@ -394,19 +468,26 @@ class Daemon:
         if status != 0:
             self.exit_status = status
             return
-        found = [pid for pid in children_of(os.getpid()) if pid not in before]
+        # Other orphans may come at the same time, left by a daemon that was stopped before: they have another session.
+        found = [s.pid for s in map(stat_of, children_of(os.getpid()))
+                 if s and s.pid not in before and s.sid in (s.pid, launcher.pid)]
         if len(found) != 1:
-            raise AssertionError(f"the launcher left {len(found)} processes behind")
+            raise AssertionError(f"the launcher left {len(found)} processes")
         self.pid = found[0]
 
     def _await_listening(self):
         if self.pid is None:
             return False
-        until(lambda: listening(self.pid) or self.has_ended(), "the daemon to listen")
+        # It listens before its start is over, and has other files open until then.
+        until(lambda: self.has_ended() or listening(self.pid) and self._is_accepting(), "the daemon to listen")
         if self.exit_status is not None:
             return False
         self.port = listening(self.pid)[0][1]
         return True
+
+    def _is_accepting(self):
+        process = stat_of(self.pid)
+        return len(_sockets(self.pid)) == 1 and process and process.state == "S"
 
     # Watching.
 
@@ -458,19 +539,22 @@ class Daemon:
         until(lambda: self.log().count("\n", self._taken) >= nline or self.has_ended(), f"{nline} log lines")
         return self.take_log()
 
-    def children(self):
-        return [s for s in map(stat_of, children_of(self.pid)) if s and s.ppid == self.pid]
-
     def await_idle(self):
         """Waits until no connection child is left, not even as a zombie."""
         until(lambda: not children_of(self.pid), "the connection children to end")
 
+    def end_children(self):
+        """Ends the connection children, so that what one test broke does not fail the next."""
+        for pid in children_of(self.pid):
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        self.await_idle()
+
     def await_accept(self):
         """Waits until the daemon sleeps in accept(), the connections so far closed on its side."""
-        def is_accepting():
-            sockets = [name for name in descriptors(self.pid).values() if name.startswith("socket:")]
-            return len(sockets) == 1 and stat_of(self.pid).state == "S"
-        until(is_accepting, "the daemon to wait for a connection")
+        until(self._is_accepting, "the daemon to wait for a connection")
 
     def await_child(self, s):
         """The process that serves the connection `s`, once it has closed its copy of the listening socket.
@@ -480,8 +564,7 @@ class Daemon:
         socket_name = f"socket:[{_server_inode(s)}]"
 
         def find():
-            return [c.pid for c in self.children()
-                    if socket_name in _descriptors_or_none(c.pid).values() and not listening(c.pid)]
+            return [pid for pid in children_of(self.pid) if socket_name in _sockets(pid) and len(_sockets(pid)) == 1]
         return until(find, "a connection child")[0]
 
     def limit(self, what, soft, pid=None):
@@ -500,7 +583,11 @@ class Daemon:
                 os._exit(0)
             finally:
                 os._exit(1)
-        if os.waitpid(helper, 0)[1] != 0:
+
+        def ended():
+            found, status = os.waitpid(helper, os.WNOHANG)
+            return found and (os.waitstatus_to_exitcode(status),)
+        if until(ended, "the limit to be set") != (0,):
             raise RuntimeError("cannot set the limit")
 
     def free_descriptor(self, pid=None):
@@ -514,8 +601,12 @@ class Daemon:
         return connect(self.port, **options)
 
     def ask(self, raw, half_close=False):
-        """Sends `raw` on a new connection and returns the whole reply."""
-        with self.connect() as s:
+        """Sends `raw` on a new connection and returns the whole reply, b"" when the daemon ends meanwhile."""
+        try:
+            s = self.connect()
+        except ConnectionResetError:  # the daemon was faster than the end of connect()
+            return b""
+        with s:
             send(s, raw)
             if half_close:
                 try:
@@ -527,7 +618,7 @@ class Daemon:
     # The data directory.
 
     def clear(self):
-        """Empties base/ and tmp/ behind the daemon's back."""
+        """Empties base/ and tmp/ without asking the daemon."""
         for name in ("base", "tmp"):
             shutil.rmtree(self.path(name), ignore_errors=True)
             os.mkdir(self.path(name), 0o700)
@@ -546,7 +637,7 @@ class Daemon:
             return f.read()
 
     def tree(self, top="base"):
-        """Every path below a directory, sorted, directories with a slash behind them."""
+        """Every path below a directory, sorted, directories with a slash at their end."""
         found = []
         for folder, folders, files in os.walk(self.path(top)):
             inside = os.path.relpath(folder, self.path(top))
