@@ -1,7 +1,9 @@
 # The tests of the client library.
 if(TARGET colvane_client)
   set(client_test_libs colvane_client cvn_reader PkgConfig::LZ4 PkgConfig::XXHASH CURL::libcurl ${CMAKE_DL_LIBS})
-  foreach(name rows_decode client_filter client_text client_stream client_scan client_columns client_arrow)
+  set(client_units rows_decode client_filter client_text client_stream client_scan client_scan_damage client_time
+    client_memory client_catalogue client_upload client_tls client_columns client_arrow)
+  foreach(name ${client_units})
     kelpd_unit(${name} ${client_test_libs} colvane_rows)
   endforeach()
 
@@ -35,7 +37,7 @@ if(TARGET colvane_client)
   endif()
 
   # GCC 12 takes a text literal added to a string for an overlapping copy (its bug 105651).
-  foreach(name rows_decode client_filter client_text client_stream client_scan client_columns client_arrow client_duckdb client_kelpd)
+  foreach(name ${client_units} client_duckdb client_kelpd)
     if(TARGET unit_${name})
       target_compile_options(unit_${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
     endif()
