@@ -14,7 +14,7 @@ import unittest
 
 import cvnfile
 import kelpd_proc
-from kelpd_proc import Daemon, SANITIZED, stat_of, until
+from kelpd_proc import BoundedCase, Daemon, SANITIZED, stat_of, until
 from wirecase import (OK, SILENCE, STREAM, WireCase, delete, error, get, json_reply, mask_date, post, put,
                       small_file, stream)
 
@@ -22,6 +22,12 @@ ENTITY = "/v1/d/s/e"
 FAILED = "500 Internal Server Error"
 REFUSED = "400 Bad Request"
 NO_MEMORY = "500 Internal Server Error - out of memory"
+
+
+def long_file(rcvbuf):
+    """A file whose stream is more than the sockets to a client with this receive buffer hold."""
+    return cvnfile.build([cvnfile.Column(b"a", cvnfile.BYTEA)],
+                         [[[os.urandom(1 << 20)]] for _ in range(-(-kelpd_proc.held_by_sockets(rcvbuf) >> 20) + 12)])
 
 
 class FaultCase(WireCase):
@@ -71,19 +77,21 @@ class VanishingClients(FaultCase):
                 self.assert_old()
 
     def test_a_scan_abandoned_in_the_middle_ends_its_child(self):
-        whole = cvnfile.build([cvnfile.Column(b"a", cvnfile.BYTEA)], [[[os.urandom(1 << 20)]] for _ in range(16)])
+        whole = long_file(rcvbuf=8192)
         self.kelpd.store("d/s/big/p.cvn", whole.data)
         for size in (1, 1000, 100000):
             with self.kelpd.connect(rcvbuf=8192) as s:
                 s.sendall(post("/v1/d/s/big", '{"column":["a"]}'))
                 while size > 0:
-                    size -= len(s.recv(min(size, 4096)))
+                    part = s.recv(min(size, 4096))
+                    self.assertTrue(part, "the reply ended early")
+                    size -= len(part)
                 kelpd_proc.reset(s)
             self.assert_log(f"POST /v1/d/s/big -> {REFUSED}")
 
     def test_a_listing_abandoned_in_the_middle_is_no_error(self):
-        # A list of columns that no socket buffers hold: more than six million bytes.
-        ncol = 40000
+        # A list of columns that the sockets do not hold: more than 150 bytes for each.
+        ncol = kelpd_proc.held_by_sockets(4096) // 150 + 10000
         footer = b"".join((struct.pack("<2i2q2iq", 1, ncol, 0, 0, 136 * ncol, 112 * ncol, 0),
                            *(struct.pack("<127sxi4x", b"%0127d" % k, cvnfile.INT32) for k in range(ncol)),
                            bytes(112 * ncol)))
@@ -99,7 +107,7 @@ class VanishingClients(FaultCase):
                 self.assertTrue(state and state.state != "Z", "the sockets have taken the whole reply")
                 return state.state == "S"
 
-            # Asleep behind the beginning of its reply, it has more to send than it can.
+            # Asleep after the beginning of its reply, it has more to send than it can.
             until(is_waiting, "the child to wait for its client")
             kelpd_proc.reset(s)
         self.assert_log("GET /v1/d/s/wide/p.cvn -> 200 OK")
@@ -156,7 +164,7 @@ class KilledChildren(FaultCase):
             self.kelpd.store("d/s/e/p.cvn", self.old.data)
             s, child = self.begin_upload(len(self.new.data) - 1)
             s.sendall(self.new.data[-1:])
-            # From at once to well after the usual reply: the signal falls before, into and behind the rename.
+            # From at once to well after the usual reply: the signal falls before, into and after the rename.
             time.sleep(chance.random() * 1.5 * usual)
             try:
                 os.kill(child, signal.SIGKILL)
@@ -185,7 +193,7 @@ class KilledChildren(FaultCase):
         self.check_ok(get(ENTITY), json_reply("[ " + self.new.json("p.cvn") + "]\n"))
 
     def test_a_child_killed_inside_a_scan_leaves_a_stream_without_an_end(self):
-        whole = cvnfile.build([cvnfile.Column(b"a", cvnfile.BYTEA)], [[[os.urandom(1 << 20)]] for _ in range(16)])
+        whole = long_file(rcvbuf=8192)
         self.kelpd.store("d/s/big/p.cvn", whole.data)
         with self.kelpd.connect(rcvbuf=8192) as s:
             s.sendall(post("/v1/d/s/big", '{"column":["a"]}'))
@@ -194,7 +202,7 @@ class KilledChildren(FaultCase):
             os.kill(child, signal.SIGKILL)
             raw += kelpd_proc.receive(s)
         got = mask_date(self, raw, self.since)
-        full = stream(*(whole.record(k, b"a") for k in range(16)))
+        full = stream(*(whole.record(k, b"a") for k in range(len(whole.groups))))
         self.assertLess(len(got), len(full))
         self.assertTrue(full.startswith(got))
         with self.assertRaises(cvnfile.Unsound):
@@ -202,7 +210,7 @@ class KilledChildren(FaultCase):
         self.check_ok(get("/v1"), json_reply('["d"]'))
 
 
-class KilledDaemon(unittest.TestCase):
+class KilledDaemon(BoundedCase):
     def setUp(self):
         self.kelpd = Daemon()
         self.addCleanup(self.kelpd.stop)
@@ -247,7 +255,8 @@ def mount(test, point, options):
     """A small memory file system at `point`, or a skipped test where that is not allowed."""
     if os.geteuid() != 0:
         test.skipTest("needs root to mount a file system")
-    done = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "none", point], capture_output=True, text=True)
+    done = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "none", point], capture_output=True, text=True,
+                          timeout=kelpd_proc.WAIT)
     if done.returncode:
         test.skipTest(f"cannot mount a file system here: {done.stderr.strip()}")
 
@@ -261,7 +270,7 @@ class FullDisk(FaultCase):
 
     def mount(self, name="base", options=f"size={SIZE},mode=0700"):
         mount(self, self.kelpd.path(name), options)
-        self.addCleanup(subprocess.run, ["umount", self.kelpd.path(name)], check=True)
+        self.addCleanup(subprocess.run, ["umount", self.kelpd.path(name)], check=True, timeout=kelpd_proc.WAIT)
 
     def fill(self, left):
         """Fills base/ until `left` bytes, a multiple of a page, are free."""
@@ -344,7 +353,7 @@ class FullDisk(FaultCase):
         self.assertEqual(["d/", "d/s/", "d/s/e/", "d/s/e/p"], kelpd.tree())
 
 
-class DaemonLimits(unittest.TestCase):
+class DaemonLimits(BoundedCase):
     """What ends the daemon itself."""
 
     def start(self, **options):

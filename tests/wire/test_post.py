@@ -117,7 +117,7 @@ class Body(PostCase):
     def test_a_body_may_follow_the_head_later(self):
         with self.kelpd.connect() as s:
             s.sendall(request("POST", self.URL, length=2))
-            self.kelpd.await_child(s)
+            kelpd_proc.await_taken(s)
             s.sendall(b"{}")
             self.assert_reply(EMPTY, kelpd_proc.receive(s))
         self.assert_log(f"POST {self.URL} -> 200 OK")

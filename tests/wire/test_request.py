@@ -51,7 +51,7 @@ class Reading(RequestCase):
     def test_a_reset_after_the_child_has_read_is_read_as_the_end(self):
         s = self.kelpd.connect()
         s.sendall(b"GET")
-        self.kelpd.await_child(s)
+        kelpd_proc.await_taken(s)
         kelpd_proc.reset(s)
         self.assert_log("htreq_readbuf failed: clnt closed without valid req")
 
@@ -135,18 +135,10 @@ class FailedRead(RequestCase):
     def test_an_error_takes_back_the_last_byte(self):
         with self.kelpd.connect() as s:
             s.sendall(self.FIRST)
-            self.await_read(self.kelpd.await_child(s), len(self.FIRST))
+            kelpd_proc.await_taken(s)
             s.sendall(b" HTTP/1.1\r\n\r\n")
             self.assert_reply(LISTING, kelpd_proc.receive(s))
         self.assert_log("GET /v1 -> 200 OK")
-
-    @staticmethod
-    def await_read(pid, size):
-        """Waits until a process has read as many bytes since it was forked."""
-        def has_read():
-            with open(f"/proc/{pid}/io") as f:
-                return f.readline().split() == ["rchar:", str(size)]
-        kelpd_proc.until(has_read, "the child to read")
 
 
 class InterruptedWait(RequestCase):
@@ -179,8 +171,8 @@ class TimeOut(RequestCase):
                 kelpd_proc.send(opened["slow"], b"x")
         self.assertEqual({}, opened, "never closed")
         for name, seconds in took.items():
-            # No tight bound above: the machine may be busy with other things.
-            self.assertTrue(5.0 <= seconds < 20.0, f"the {name} client was closed after {seconds} s")
+            # No bound above but that of the wait: the machine may be busy with other things.
+            self.assertLessEqual(5.0, seconds, f"the {name} client was closed early")
         self.assert_log(*["htreq_readbuf failed: clnt timed out"] * 3)
         self.assertEqual("htreq_readbuf failed: clnt timed out\nERROR: clnt timed out\n", foreground.await_log(2))
 

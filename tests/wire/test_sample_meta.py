@@ -1,4 +1,5 @@
 """The commands "sample" and "meta". The sampler is a program of the test's own, found through PATH."""
+import errno
 import json
 import os
 import resource
@@ -16,7 +17,7 @@ from wirecase import STREAM, STREAM_END, WireCase, error, listed, post, put, sma
 URL = "/v1/d/s/e"
 INVALID = "400 Bad Request - invalid content"
 
-# Notes its arguments, each with a NUL behind it, then does what the file "act" says.
+# Notes its arguments, each with a NUL after it, then does what the file "act" says.
 SAMPLER = """#!/bin/sh
 printf '%s\\0' "$@" > "$SAMPLER_DIR/seen"
 . "$SAMPLER_DIR/act"
@@ -55,6 +56,19 @@ class SampleCase(WireCase):
         with open(os.path.join(self.home, "act"), "w", encoding="utf-8") as f:
             f.write(script + "\n")
 
+    @staticmethod
+    def open_gate(gate):
+        """Lets the sampler go on that waits for a line from the named pipe `gate`, once it waits there."""
+        def attempt():
+            try:
+                return os.fdopen(os.open(gate, os.O_WRONLY | os.O_NONBLOCK), "w", encoding="ascii")
+            except OSError as problem:
+                if problem.errno != errno.ENXIO:  # nobody reads yet
+                    raise
+                return None
+        with until(attempt, "the sampler to wait at the gate") as f:
+            f.write("\n")
+
     def seen(self):
         """The arguments that the sampler got, or None when it was not run."""
         try:
@@ -74,7 +88,7 @@ class SampleCase(WireCase):
         return stream(*(whole.record(k, *names) for k in range(len(whole.groups))))
 
     def check_failed(self, raw=None, *lines):
-        """The reply stops behind its head, as it does when there is no readable sample."""
+        """The reply stops after its head, as it does when there is no readable sample."""
         self.check(raw or command("sample", "5"), STREAM, *lines, f"POST {URL} -> 200 OK")
 
 
@@ -147,8 +161,7 @@ class Sample(SampleCase):
             (name,) = until(lambda: self.kelpd.tree("tmp"), "the output file")
             self.assertRegex(name, r"\A[0-9a-f]+-[0-9a-f]+-[0-9a-f]+\.tmp\Z")
             self.assertEqual(f"{child:x}", name.split("-")[0])
-            with open(gate, "w", encoding="ascii") as f:
-                f.write("\n")
+            self.open_gate(gate)
             self.assert_reply(self.sampled(), kelpd_proc.receive(s))
         self.assert_log(f"POST {URL} -> 200 OK")
         self.assertEqual([], self.kelpd.tree("tmp"))
@@ -169,11 +182,10 @@ class Sample(SampleCase):
             self.addCleanup(s.close)
             s.sendall(command("sample", str(k)))
         until(lambda: len(self.kelpd.tree("tmp")) == 8, "eight output files")
-        open_gate = os.open(gate, os.O_RDWR)
-        os.write(open_gate, b"\n" * 8)
-        for k, s in sockets.items():
-            self.assert_reply(self.sampled(wanted[k]), kelpd_proc.receive(s))
-        os.close(open_gate)
+        with open(gate, "r+b", buffering=0) as both:  # opened to read as well, it waits for nobody
+            both.write(b"\n" * 8)
+            for k, s in sockets.items():
+                self.assert_reply(self.sampled(wanted[k]), kelpd_proc.receive(s))
         self.assert_log(*[f"POST {URL} -> 200 OK"] * 8)
 
 
@@ -277,8 +289,7 @@ class FailingSampler(SampleCase):
         s.sendall(command("sample", "5"))
         (name,) = until(lambda: self.kelpd.tree("tmp"), "the output file")
         kelpd_proc.reset(s)
-        with open(gate, "w", encoding="ascii") as f:
-            f.write("\n")
+        self.open_gate(gate)
         self.assert_log(f"POST {URL} -> 200 OK")
         self.kelpd.await_idle()
         self.assertEqual([name], self.kelpd.tree("tmp"))
@@ -287,7 +298,8 @@ class FailingSampler(SampleCase):
         os.unlink(self.kelpd.path("tmp", name))
 
     def test_a_client_that_leaves_during_the_stream_leaves_nothing(self):
-        whole = cvnfile.build([Column(b"a", cvnfile.BYTEA)], [[[os.urandom(1 << 20)]] for _ in range(16)])
+        ngroup = (kelpd_proc.held_by_sockets(8192) >> 20) + 12
+        whole = cvnfile.build([Column(b"a", cvnfile.BYTEA)], [[[os.urandom(1 << 20)]] for _ in range(ngroup)])
         with open(os.path.join(self.home, "sample"), "wb") as f:
             f.write(whole.data)
         s = self.kelpd.connect(rcvbuf=8192)

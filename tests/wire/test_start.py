@@ -13,7 +13,7 @@ import unittest
 
 import kelpd_proc
 import wirecase
-from kelpd_proc import Daemon, Fault, WAIT, free_port, listening, program, status_field, until
+from kelpd_proc import BoundedCase, Daemon, Fault, WAIT, free_port, listening, program, status_field, until
 from wirecase import SILENCE, WireCase, error, get, json_reply, request
 
 LOGNAME = re.compile(r"log/kelpd-(\d{4})-(\d\d)-(\d\d)_(\d\d)(\d\d)(\d\d)\.log")
@@ -29,7 +29,7 @@ def run(*arguments, name="kelpd", cwd=None):
     return done.returncode, done.stderr.decode("latin-1")
 
 
-class CommandLine(unittest.TestCase):
+class CommandLine(BoundedCase):
     USAGE = (
         "Usage: kelpd [-hn] -D datadir\n\n"
         "\t-h: print this message\n"
@@ -83,7 +83,7 @@ class CommandLine(unittest.TestCase):
                          run("-D", "/nonexistent/a", "-D", "/nonexistent/b"))
 
 
-class Refused(unittest.TestCase):
+class Refused(BoundedCase):
     """Starts that end before anything listens."""
 
     def setUp(self):
@@ -183,7 +183,7 @@ class Refused(unittest.TestCase):
         self.assert_refused(b"port=8080\n", "cannot create dir ./tmp\n", made=["base", "tmp"])
 
 
-class Configuration(unittest.TestCase):
+class Configuration(BoundedCase):
     """Starts that succeed; what the configuration said shows in the port and on the terminal."""
 
     def start(self, conf=None, **options):
@@ -331,7 +331,7 @@ class Configuration(unittest.TestCase):
                          "WARNING: conf file invalid line 4 ... ignored.", self.warnings(kelpd))
 
 
-class DataDirectory(unittest.TestCase):
+class DataDirectory(BoundedCase):
     def start(self, **options):
         kelpd = Daemon(**options)
         self.addCleanup(kelpd.stop)
@@ -464,7 +464,7 @@ class Daemonised(WireCase):
         self.assert_log(*["GET /v1 -> 200 OK"] * 50)
 
 
-class Logs(unittest.TestCase):
+class Logs(BoundedCase):
     def test_a_log_is_named_after_the_local_time_and_a_reply_dated_in_gmt(self):
         kelpd = Daemon(env={"TZ": "XYZ-5:30"})
         self.addCleanup(kelpd.stop)
@@ -543,7 +543,7 @@ class Logs(unittest.TestCase):
             self.assertEqual(SILENCE, kelpd_proc.receive(idle))
 
 
-class FailedStarts(unittest.TestCase):
+class FailedStarts(BoundedCase):
     """Starts at which a call of the system fails."""
 
     def check_end(self, log, *faults, terminal="", **options):
@@ -593,7 +593,7 @@ class FailedStarts(unittest.TestCase):
         self.assertEqual("GET /v1 -> 200 OK\n", kelpd.await_log(1))
 
 
-class Unprivileged(unittest.TestCase):
+class Unprivileged(BoundedCase):
     """A start that may not read everything. Run by root, the test starts it as another user."""
 
     def check_start_ends(self, name, text):
@@ -616,7 +616,7 @@ class Unprivileged(unittest.TestCase):
         self.check_start_ends("base", "cannot create dir ./base\n")
 
 
-class Inherited(unittest.TestCase):
+class Inherited(BoundedCase):
     def test_the_foreground_process_keeps_its_umask_session_and_group(self):
         kelpd = Daemon(nofork=True, umask=0o027, session=False)
         self.addCleanup(kelpd.stop)
@@ -678,7 +678,7 @@ class Foreground(WireCase):
             self.kelpd.take_log()
 
 
-class LostPeerInForeground(unittest.TestCase):
+class LostPeerInForeground(BoundedCase):
     def test_a_peer_that_leaves_during_a_reply_ends_the_process(self):
         kelpd = Daemon(nofork=True)
         self.addCleanup(kelpd.stop)

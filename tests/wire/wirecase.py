@@ -5,44 +5,35 @@ Around each test the case also sees to it that the log holds the lines that the 
 sanitizer reported anything, that the daemon has kept its descriptors and has no child left, and that tmp/ is empty.
 """
 import datetime
+import functools
 import os
 import re
 import time
-import unittest
 from urllib.parse import quote
 
 import cvnfile
-from kelpd_proc import Daemon, descriptors, until
+import replies
+from cvnfile import STREAM_END
+from kelpd_proc import BoundedCase, Daemon, descriptors, until
+from replies import chunk
 
 _DATE = re.compile(rb"\A(HTTP/1\.1 [^\r\n]*\r\nDate: )([^\r\n]*)(\r\n)")
 _RFC1123 = re.compile(
     r"(Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d GMT")
 
 
-def head(status, *lines):
-    """A reply head with its date masked."""
-    return b"".join(line + b"\r\n" for line in (b"HTTP/1.1 " + status.encode(), b"Date: *", b"Connection: close",
-                                                *(line.encode() for line in lines), b""))
-
-
-def error(status):
-    """A whole error reply."""
-    return head(status, f"Content-length: {len(status)}", "Content-type: application/plain") + status.encode()
+# The replies with their date masked.
+head = functools.partial(replies.head, date="*")
+error = functools.partial(replies.error, date="*")
 
 
 def json_reply(text):
-    body = text.encode() if isinstance(text, str) else text
-    return head("200 OK", f"Content-length: {len(body)}", "Content-type: application/json") + body
-
-
-def chunk(data):
-    return b"%x; chunk\r\n" % len(data) + data + b"\r\n"
+    return replies.json_reply(text, date="*")
 
 
 SILENCE = b""
 OK = head("200 OK")
-STREAM = head("200 OK", "Transfer-encoding: chunked", "Content-type: application/octet-stream")
-STREAM_END = chunk(bytes.fromhex("7473727100000000")) + b"0\r\n\r\n"
+STREAM = replies.stream_head(date="*")
 
 
 def stream(*records, end=STREAM_END):
@@ -101,7 +92,7 @@ def mask_date(test, raw, since):
     return raw[: found.start(2)] + b"*" + raw[found.end(2) :]
 
 
-class WireCase(unittest.TestCase):
+class WireCase(BoundedCase):
     """One daemon for a class of tests, with an emptied base/ for each."""
 
     options = ()
@@ -120,6 +111,15 @@ class WireCase(unittest.TestCase):
         self.assertEqual("", self.kelpd.take_log(), "log lines from nowhere")
 
     def tearDown(self):
+        try:
+            self.check_around()
+        except BaseException:
+            self.kelpd.end_children()
+            self.kelpd.take_log()
+            raise
+
+    def check_around(self):
+        """Nothing is left of the test: no process, no log line, no file, no connection."""
         self.assertFalse(self.kelpd.has_ended(), f"the daemon has ended: {self.kelpd.exit_status}")
         self.kelpd.await_idle()
         self.assertEqual("", self.kelpd.take_log(), "log lines that the test does not expect")
