@@ -7,6 +7,7 @@ import random
 import struct
 import threading
 import unittest
+import warnings
 from decimal import Decimal as D
 
 import numpy as np
@@ -293,7 +294,9 @@ class RoundTrips(Case):
 
     def test_pandas_frames_go_both_ways(self):
         try:
-            import pandas
+            with warnings.catch_warnings():
+                warnings.simplefilter("ignore")  # what it warns of while it is loaded is its own affair
+                import pandas
         except ImportError:
             self.skipTest("pandas is not installed")
         columns = {name: values for name, values in SAMPLES.items()}
