@@ -190,8 +190,8 @@ def client_texts():
     for i, text in enumerate((
             "kelp://localhost:8080/a/b/c", "http://h/v1/a%20b/c+d/%e4/p.cvn/", "https://user:pw@h:443/v1", "kelp://h/a",
             "http://[::1]:80/v1/a", "kelp://h:0", "kelp://h:65536", "http://h/v2/a", "http://h:1/v1/a?b",
-            "kelp://h:1//a", "kelp://h:1/.a", "kelp://h:1/a%2fb", "kelp://h:1/a%00b", "kelp://u@v@h:1/a", "kelp://h:1/a%",
-            "://", "")):
+            "kelp://h:1//a", "kelp://h:1/.a", "kelp://h:1/a%2fb", "kelp://h:1/a%00b", "kelp://u@v@h:1/a",
+            "kelp://h:1/a%", "://", "")):
         put("client_text", "url_%02d" % i, bytes([14]) + text.encode())
     for i, text in enumerate((
             "a = 1", "a==1", "a <> 'it''s'", '"a ""b" >= "x"', "a is null", "a IS NOT NULL", "a isnull", "a isnotnull",

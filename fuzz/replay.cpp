@@ -14,14 +14,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 static void run(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    // A copy of exactly the input's size, so that a read behind it is seen.
+    // A copy of exactly the input's size, so that a read past it is seen.
     const std::vector<uint8_t> input(bytes.begin(), bytes.end());
     LLVMFuzzerTestOneInput(input.data(), input.size());
 }
 
 int main(int argc, char** argv) {
     int n = 0;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; i++) {
         if (!std::filesystem::is_directory(argv[i])) {
             run(argv[i]);
             ++n;

@@ -31,11 +31,14 @@ import re
 import resource
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+
+from kelpd_proc import children_of, free_port  # noqa: E402
 
 SKIPPED = 77
 PACKAGED_PORT = "7070"
@@ -105,30 +108,10 @@ def matches(expected, output):
 def free_ports(count):
     """Ports that nothing listens on."""
     found = []
-    for port in range(20000 + os.getpid() % 5000, 32000):
-        with socket.socket() as s:
-            try:
-                s.bind(("127.0.0.1", port))
-            except OSError:
-                continue
-        found.append(str(port))
-        if len(found) == count:
-            return found
-    raise RuntimeError("no free port")
-
-
-def children():
-    """The processes whose parent is this one: orphans of the documents' commands among them."""
-    me, found = os.getpid(), []
-    for name in os.listdir("/proc"):
-        if name.isdigit():
-            try:
-                with open(f"/proc/{name}/stat") as f:
-                    fields = f.read().rpartition(")")[2].split()
-                if int(fields[1]) == me:
-                    found.append(int(name))
-            except OSError:
-                pass
+    while len(found) < count:
+        port = str(free_port())
+        if port not in found:
+            found.append(port)
     return found
 
 
@@ -136,7 +119,7 @@ def stop_children():
     """Stops what the commands left running, by process id."""
     end = time.monotonic() + 20
     while time.monotonic() < end:
-        left = children()
+        left = children_of(os.getpid())
         if not left:
             return
         for pid in left:

@@ -21,7 +21,8 @@ class RunDocs(unittest.TestCase):
         return p.returncode, p.stdout
 
     def test_a_document_that_tells_the_truth_passes(self):
-        status, out = self.run_text("```sh\nx=1; echo a b; echo c\n```\n```text\na ...\n...\n```\n\n```sh\ntest $x = 1\n```\n")
+        status, out = self.run_text("```sh\nx=1; echo a b; echo c\n```\n```text\na ...\n...\n```\n\n"
+                                    "```sh\ntest $x = 1\n```\n")
         self.assertEqual(0, status, out)
 
     def test_other_output_than_the_document_says_fails(self):

@@ -27,7 +27,8 @@ class CommandLine(unittest.TestCase):
         if seed is not None:
             environ["CVNSAMP_SEED"] = seed
         environ.update(env)
-        p = subprocess.run([ARGS.cvnsamp, *args], env=environ, stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
+        p = subprocess.run([ARGS.cvnsamp, *args], env=environ, stdin=subprocess.DEVNULL, capture_output=True,
+                           timeout=60)
         self.assertEqual([], os.listdir(self.tmp.name), "left behind")
         return p.returncode, p.stdout, p.stderr.decode()
 
@@ -86,7 +87,8 @@ class CommandLine(unittest.TestCase):
     def test_a_terminal_gets_no_sample(self):
         parent, child = pty.openpty()
         try:
-            p = subprocess.run([ARGS.cvnsamp, "5", golden("types.cvn")], stdout=child, stderr=subprocess.PIPE, timeout=60)
+            p = subprocess.run([ARGS.cvnsamp, "5", golden("types.cvn")], stdout=child, stderr=subprocess.PIPE,
+                               timeout=60)
         finally:
             os.close(child)
             os.close(parent)
@@ -95,7 +97,8 @@ class CommandLine(unittest.TestCase):
 
     def test_a_full_output_is_a_failure(self):
         with open("/dev/full", "wb") as full:
-            p = subprocess.run([ARGS.cvnsamp, "5", golden("types.cvn")], stdout=full, stderr=subprocess.PIPE, timeout=60)
+            p = subprocess.run([ARGS.cvnsamp, "5", golden("types.cvn")], stdout=full, stderr=subprocess.PIPE,
+                               timeout=60)
         self.assertEqual(1, p.returncode)
         self.assertIn(b"No space left on device", p.stderr)
 
@@ -121,7 +124,7 @@ class CommandLine(unittest.TestCase):
         self.assertEqual((0, ""), (status, err))
         self.assertRegex(out.decode(), r"^cvnsamp \d+\.\d+\.\d+\n$")
 
-    def test_an_operand_behind_two_dashes_may_start_with_one(self):
+    def test_an_operand_after_two_dashes_may_start_with_one(self):
         status, out, err = self.run_it("--", "5", "-x.cvn")
         self.assertEqual((1, b"", "cvnsamp: '-x.cvn': No such file or directory\n"), (status, out, err))
 

@@ -11,7 +11,6 @@ import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
@@ -19,6 +18,7 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs"))
 import run_docs  # noqa: E402
+from run_docs import free_port  # noqa: E402
 
 SKIPPED = 77
 
@@ -28,7 +28,8 @@ class Root:
         self.path = path
 
     def run(self, *command, check=True, **kwargs):
-        env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND": "noninteractive", "LC_ALL": "C.UTF-8", "HOME": "/root"}
+        env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND": "noninteractive",
+               "LC_ALL": "C.UTF-8", "HOME": "/root"}
         p = subprocess.run(["chroot", self.path, *command], env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                            stderr=subprocess.STDOUT, text=True, timeout=300, **kwargs)
         if check and p.returncode != 0:
@@ -48,7 +49,8 @@ def make_root(path, template):
     if template:
         subprocess.run(["cp", "-a", "--reflink=auto", template, path], check=True)
     else:
-        subprocess.run(["debootstrap", "--variant=minbase", "--include=adduser,init-system-helpers,curl", "bookworm", path],
+        subprocess.run(["debootstrap", "--variant=minbase", "--include=adduser,init-system-helpers,curl", "bookworm",
+                        path],
                        check=True, stdout=subprocess.DEVNULL)
     root = Root(path)
     # No service is started by a package here.
@@ -56,12 +58,6 @@ def make_root(path, template):
         f.write("#!/bin/sh\nexit 101\n")
     os.chmod(root.file("usr/sbin/policy-rc.d"), 0o755)
     return root
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def daemon_pid(root):
@@ -91,14 +87,16 @@ def check_lintian(debs):
     if not shutil.which("lintian"):
         print("lintian is missing: not checked")
         return
-    p = subprocess.run(["lintian", "--profile", "debian", "--allow-root", "--fail-on", "error,warning", *debs], stdout=subprocess.PIPE,
+    p = subprocess.run(["lintian", "--profile", "debian", "--allow-root", "--fail-on", "error,warning", *debs],
+                       stdout=subprocess.PIPE,
                        stderr=subprocess.STDOUT, text=True, timeout=300)
     expect(p.returncode == 0, "lintian:\n" + p.stdout)
 
 
 def documented(docs):
     """The commands that the documents run in a root like this, in the order tutorial, operation."""
-    return [b for d in ("tutorial.md", "operate.md") for b in run_docs.blocks_of(os.path.join(docs, d)) if "package" in b.words]
+    return [b for d in ("tutorial.md", "operate.md")
+            for b in run_docs.blocks_of(os.path.join(docs, d)) if "package" in b.words]
 
 
 def main():
@@ -126,20 +124,24 @@ def main():
             root.run("apt-get", "install", "-y", "-qq", "--no-install-recommends", "systemd")
             for block in documented(args.docs):
                 out = root.run("bash", "-euc", "cd /debs\n" + block.code)
-                expect(block.expected is None or run_docs.matches(block.expected, out), f"documented command prints:\n{out}")
+                expect(block.expected is None or run_docs.matches(block.expected, out),
+                       f"documented command prints:\n{out}")
 
             # What the packages made.
             passwd = root.run("getent", "passwd", "kelpd").strip().split(":")
             expect(passwd[5:] == ["/var/lib/kelpd", "/usr/sbin/nologin"], f"the user: {passwd}")
             st = os.stat(root.file("var/lib/kelpd"))
             expect(st.st_uid == int(passwd[2]) and st.st_mode & 0o7777 == 0o750, "owner and mode of the data directory")
-            expect(os.readlink(root.file("var/lib/kelpd/kelpd.conf")) == "/etc/kelpd/kelpd.conf", "the configuration's link")
+            expect(os.readlink(root.file("var/lib/kelpd/kelpd.conf")) == "/etc/kelpd/kelpd.conf",
+                   "the configuration's link")
             wants = root.file("etc/systemd/system/multi-user.target.wants/kelpd.service")
             expect(os.path.islink(wants), "the service is not enabled")
             for program in ("kelpd", "cvn", "cvnsamp"):
-                head = subprocess.run(["readelf", "-Sd", root.file(f"usr/bin/{program}")], capture_output=True, text=True,
+                head = subprocess.run(["readelf", "-Sd", root.file(f"usr/bin/{program}")], capture_output=True,
+                                      text=True,
                                       check=True).stdout
-                expect(not re.search(r"\((RPATH|RUNPATH)\)|\.symtab|\.debug", head), f"{program}: not stripped, or with a path")
+                expect(not re.search(r"\((RPATH|RUNPATH)\)|\.symtab|\.debug", head),
+                       f"{program}: not stripped, or with a path")
             out = root.run("systemd-analyze", "verify", "--man=no", "kelpd.service", check=False)
             expect(not [x for x in out.splitlines() if "kelpd" in x], "systemd-analyze: " + out)
 
@@ -153,15 +155,18 @@ def main():
             root.run(*as_user, *command.split())
             url = f"http://127.0.0.1:{port}/v1"
             root.run("curl", "-sf", "--retry", "20", "--retry-connrefused", url)
-            root.run("sh", "-ec", "cd /tmp; printf 'id,name\\n1,Ada\\n2,\\n' | cvn create --schema 'id int32, name cstr' a.cvn -")
+            root.run("sh", "-ec",
+                     "cd /tmp; printf 'id,name\\n1,Ada\\n2,\\n' | cvn create --schema 'id int32, name cstr' a.cvn -")
             root.run("curl", "-sf", "-T", "/tmp/a.cvn", f"{url}/home/public/pets/a.cvn")
             listing = root.run("curl", "-sf", f"{url}/home/public/pets")
             expect('"name": "a.cvn"' in listing and '"nrow": 2,' in listing, listing)
-            root.run("sh", "-ec", f"curl -sf -d '{{\"column\": [\"id\"]}}' {url}/home/public/pets > /tmp/scan")
+            root.run("sh", "-ec",
+                     f"curl -sf -d '{{\"column\": [\"id\"]}}' {url}/home/public/pets > /tmp/scan")
             with open(root.file("tmp/scan"), "rb") as f:
                 scan = f.read()
             expect(scan[:4] == b"tsrq" and scan.endswith(b"tsrq\0\0\0\0"), "the scan's records")
-            root.run("sh", "-ec", f"curl -sf -d '{{\"command\": [\"sample\", \"9\"]}}' {url}/home/public/pets > /tmp/sample")
+            root.run("sh", "-ec",
+                     f"curl -sf -d '{{\"command\": [\"sample\", \"9\"]}}' {url}/home/public/pets > /tmp/sample")
             with open(root.file("tmp/sample"), "rb") as f:
                 sample = f.read()
             expect(sample.endswith(b"tsrq\0\0\0\0") and b"Ada\0" in sample, "the sample's records")
@@ -179,7 +184,8 @@ def main():
             # Removed, the tables stay; purged, what is not a table goes.
             stop(root)
             root.run("dpkg", "--remove", "kelpd")
-            expect(os.path.exists(root.file("var/lib/kelpd/base/home/public/pets/a.cvn")), "a table is gone with the package")
+            expect(os.path.exists(root.file("var/lib/kelpd/base/home/public/pets/a.cvn")),
+                   "a table is gone with the package")
             expect(not os.path.exists(root.file("usr/bin/kelpd")), "the program is still there")
             out = root.run("dpkg", "--purge", "kelpd")
             expect("files are left" in out, out)

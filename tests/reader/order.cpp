@@ -50,7 +50,7 @@ decimal_t unpack(const std::string& bytes) {
     const int bias = nbit == 64 ? 398 : 6176;
     const auto bits = [&](int at, int n) {  // n bits, the lowest of them bit `at`
         unsigned v = 0;
-        for (int i = n - 1; i >= 0; --i)
+        for (int i = n - 1; i >= 0; i--)
             v = v * 2 +
                 ((static_cast<uint8_t>(bytes[static_cast<size_t>(at + i) / 8]) >> ((at + i) % 8)) & 1);
         return v;
@@ -66,7 +66,7 @@ decimal_t unpack(const std::string& bytes) {
     const unsigned first = comb >> 3 == 3 ? 8 + (comb & 1) : comb & 7;
     d.exponent = static_cast<int>(top << nexp | bits(nbit - 6 - nexp, nexp)) - bias;
     d.digits = static_cast<char>('0' + first);
-    for (int i = ndeclet - 1; i >= 0; --i) {
+    for (int i = ndeclet - 1; i >= 0; i--) {
         const int three = declet(bits(i * 10, 10));
         d.digits += {static_cast<char>('0' + three / 100), static_cast<char>('0' + three / 10 % 10),
                      static_cast<char>('0' + three % 10)};
@@ -149,7 +149,7 @@ bounds_t chunk_bounds(const column_t& column, const value_t* value, size_t nrow)
     bounds_t bounds;
     if (column.nflag || (column.typ & 0xffff) == BYTEA) return bounds;
     const std::string *lo = nullptr, *hi = nullptr;
-    for (size_t r = 0; r < nrow; ++r) {
+    for (size_t r = 0; r < nrow; r++) {
         if (value[r].null) continue;
         const std::string& v = value[r].bytes;
         if (!lo) {

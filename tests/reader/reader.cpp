@@ -57,7 +57,7 @@ values_t decode_chunk(int32_t typ, std::string_view raw, int32_t nrow, int32_t n
     bytes_t in{raw.substr(0, static_cast<size_t>(nmapoff))};
     values_t value;
     value.reserve(static_cast<size_t>(nrow));
-    for (int32_t r = 0; r < nrow; ++r) {
+    for (int32_t r = 0; r < nrow; r++) {
         const bool null = (static_cast<uint8_t>(map[static_cast<size_t>(r) / 8]) & (0x80 >> (r % 8))) != 0;
         std::string_view v;
         if (const int w = width(typ)) {
@@ -81,7 +81,7 @@ values_t decode_chunk(int32_t typ, std::string_view raw, int32_t nrow, int32_t n
         }
     }
     demand(in.at == in.all.size(), "values do not end where the bitmap begins");
-    for (size_t r = static_cast<size_t>(nrow); r < mapsz * 8; ++r)
+    for (size_t r = static_cast<size_t>(nrow); r < mapsz * 8; r++)
         demand((static_cast<uint8_t>(map[r / 8]) & (0x80 >> (r % 8))) == 0, "unused bitmap bit is set");
     return value;
 }
@@ -112,7 +112,7 @@ file_t decode(std::string_view file) {
     demand(size == 40 + 248 * ncol + ngroup * (16 + 144 * ncol), "footer size does not match its counts");
 
     std::vector<bool> nflag;
-    for (int32_t c = 0; c < ncol; ++c) {
+    for (int32_t c = 0; c < ncol; c++) {
         column_t col;
         const std::string_view name = in.take(128, "name");
         const size_t len = name.find('\0');
@@ -126,7 +126,7 @@ file_t decode(std::string_view file) {
         demand_zero(in.take(2, "padding"), "padding of a column definition");
         f.column.push_back(col);
     }
-    for (int32_t c = 0; c < ncol; ++c) {
+    for (int32_t c = 0; c < ncol; c++) {
         f.nnull.push_back(in.get<int64_t>("nnull"));
         bounds_t b;
         b.has = flag(in, "hasminmax of a column");
@@ -141,7 +141,7 @@ file_t decode(std::string_view file) {
     std::vector<bounds_t> bounds(static_cast<size_t>(ncol));
     size_t at = 8;
     int64_t nrow = 0;
-    for (int64_t g = 0; g < ngroup; ++g) {
+    for (int64_t g = 0; g < ngroup; g++) {
         group_t group;
         group.nbyte = in.get<int32_t>("row group nbyte");
         group.nrow = in.get<int32_t>("row group nrow");
@@ -149,7 +149,7 @@ file_t decode(std::string_view file) {
         demand(in.get<int32_t>("row group ncol") == ncol, "ncol of a row group");
         demand(in.get<int32_t>("row group unused") == 0, "unused part of a row group");
         const size_t start = at;
-        for (int32_t c = 0; c < ncol; ++c) {
+        for (int32_t c = 0; c < ncol; c++) {
             const size_t k = static_cast<size_t>(c);
             chunk_t m;
             m.file_offset = in.get<int64_t>("file_offset");
@@ -193,7 +193,7 @@ file_t decode(std::string_view file) {
             f.value[k].insert(f.value[k].end(), value.begin(), value.end());
 
             at += static_cast<size_t>(m.zbyte);
-            for (; at % 8 != 0; ++at) demand(at < foot_at && file[at] == 0, "padding behind a chunk");
+            for (; at % 8 != 0; at++) demand(at < foot_at && file[at] == 0, "padding after a chunk");
             group.chunk.push_back(m);
         }
         demand(group.nbyte == static_cast<int64_t>(at - start), "nbyte of a row group");

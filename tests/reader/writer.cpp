@@ -20,14 +20,14 @@ void put(std::string& out, T v) {
     out.append(reinterpret_cast<const char*>(&v), sizeof(v));
 }
 
-// Where the row groups end: the number of the first row behind each.
+// Where the row groups end: the number of the first row after each.
 std::vector<size_t> cuts(const std::vector<column_t>& column, const std::vector<values_t>& value) {
     const size_t ncol = column.size(), nrow = value.empty() ? 0 : value[0].size();
     std::vector<int64_t> bufmax(ncol, 1 << 20), buftop(ncol, 0);
     std::vector<size_t> cut;
     size_t start = 0;
     int64_t reserved = 0;
-    for (size_t r = 0; r < nrow; ++r) {
+    for (size_t r = 0; r < nrow; r++) {
         const auto flush = [&] {
             if (r == start) return;  // no rows, and nothing is written or forgotten
             cut.push_back(r);
@@ -37,7 +37,7 @@ std::vector<size_t> cuts(const std::vector<column_t>& column, const std::vector<
         };
         if (static_cast<int64_t>(r - start) >= GROUP_NROW) flush();
         std::vector<int64_t> need(ncol);
-        for (size_t c = 0; c < ncol; ++c) {
+        for (size_t c = 0; c < ncol; c++) {
             const value_t& v = value[c][r];
             const int w = width(column[c].typ);
             need[c] =
@@ -54,7 +54,7 @@ std::vector<size_t> cuts(const std::vector<column_t>& column, const std::vector<
                 if (need[c] > bufmax[c]) bufmax[c] = align8(need[c]);
             }
         }
-        for (size_t c = 0; c < ncol; ++c) buftop[c] += need[c];
+        for (size_t c = 0; c < ncol; c++) buftop[c] += need[c];
     }
     if (start < nrow) cut.push_back(nrow);
     return cut;
@@ -62,7 +62,7 @@ std::vector<size_t> cuts(const std::vector<column_t>& column, const std::vector<
 
 std::string raw_chunk(int32_t typ, const value_t* value, size_t nrow, int32_t* nmapoff) {
     std::string raw, map((nrow + 7) / 8, '\0');
-    for (size_t r = 0; r < nrow; ++r) {
+    for (size_t r = 0; r < nrow; r++) {
         if (value[r].null) map[r / 8] = static_cast<char>(map[r / 8] | (0x80 >> (r % 8)));
         const std::string& bytes = value[r].null ? null_bytes(typ) : value[r].bytes;
         if ((typ & 0xffff) == BYTEA) put(raw, static_cast<int32_t>(bytes.size()));
@@ -84,7 +84,7 @@ std::string build(const std::vector<column_t>& column, const std::vector<values_
     for (const size_t to : cuts(column, value)) {
         const size_t nrow = to - from, start = out.size();
         std::string metas;
-        for (size_t c = 0; c < column.size(); ++c) {
+        for (size_t c = 0; c < column.size(); c++) {
             int32_t nmapoff;
             const std::string raw = raw_chunk(column[c].typ, &value[c][from], nrow, &nmapoff);
             const int nbyte = static_cast<int>(raw.size());
@@ -97,7 +97,7 @@ std::string build(const std::vector<column_t>& column, const std::vector<values_
                 if (n > 0) stored = z.substr(0, static_cast<size_t>(n));
             }
             int32_t null_rows = 0;
-            for (size_t r = from; r < to; ++r) null_rows += value[c][r].null;
+            for (size_t r = from; r < to; r++) null_rows += value[c][r].null;
             const bounds_t b = chunk_bounds(column[c], &value[c][from], nrow);
             nnull[c] += null_rows;
             merge_bounds(column[c].typ, bounds[c], b);
@@ -146,7 +146,7 @@ std::string build(const std::vector<column_t>& column, const std::vector<values_
         put(foot, static_cast<int8_t>(col.nflag));
         foot.append(2, '\0');
     }
-    for (size_t c = 0; c < column.size(); ++c) {
+    for (size_t c = 0; c < column.size(); c++) {
         put(foot, nnull[c]);
         put(foot, static_cast<int64_t>(bounds[c].has));  // one byte and seven unused ones
         foot += bounds[c].minval + bounds[c].maxval;

@@ -1,7 +1,7 @@
 """Starts and stops the daemon under test, and talks to it in raw bytes.
 
 Each Daemon has a temporary data directory of its own and a free port. The environment variable KELPD names the program.
-A daemon that forks into the background leaves its launcher behind, so this process declares itself the reaper of
+A daemon that forks into the background leaves its launcher, so this process declares itself the reaper of
 orphans: the daemon becomes its child, is found by that, and its exit status can be read. Everything is stopped by
 process id. Every wait is bounded by WAIT seconds, which only a broken daemon ever reaches, and every test of a
 BoundedCase by some more, so that nothing hangs without saying where.

@@ -138,8 +138,8 @@ struct table_t {
 inline int append_rows(cvn_t* w, const table_t& t) {
     std::vector<cvn_datum_t> datum(t.column.size());
     const auto isnull = std::make_unique<bool[]>(t.column.size());
-    for (size_t r = 0; r < t.nrow(); ++r) {
-        for (size_t c = 0; c < t.column.size(); ++c) {
+    for (size_t r = 0; r < t.nrow(); r++) {
+        for (size_t c = 0; c < t.column.size(); c++) {
             datum[c] = to_datum(t.column[c].typ, t.value[c][r]);
             isnull[c] = t.value[c][r].null;
         }
@@ -175,7 +175,7 @@ inline table_t scan_table(const std::string& path) {
     const cvn_coldef_t* def = nullptr;
     EXPECT_EQ(0, cvn_scan_coldef(&ncol, &def, sc));
     t.value.resize(static_cast<size_t>(ncol));
-    for (int c = 0; c < ncol; ++c) {
+    for (int c = 0; c < ncol; c++) {
         t.column.push_back({def[c].name, def[c].typ, def[c].zflag != 0, def[c].nflag != 0});
         EXPECT_EQ(0, cvn_scan_add_required(sc, def[c].name));
     }
@@ -184,7 +184,7 @@ inline table_t scan_table(const std::string& path) {
     int e;
     while ((e = cvn_scan_next(sc, &npage, &page, true)) == 0) {
         EXPECT_EQ(ncol, npage);
-        for (int c = 0; c < npage; ++c) {
+        for (int c = 0; c < npage; c++) {
             EXPECT_EQ(page[c]->nbyte, page[c]->zbyte);
             const values_t v =
                 reader::decode_chunk(page[c]->typ, {page[c]->buf, static_cast<size_t>(page[c]->nbyte)},
@@ -219,7 +219,7 @@ struct layout_t {
 // takes five bytes at 8 + 8 * g. The footer's hash and those of the chunks are left 0.
 inline std::string ten_groups() {
     std::string out = "CVN1IX86", metas;
-    for (int32_t g = 0; g < 10; ++g) {
+    for (int32_t g = 0; g < 10; g++) {
         metas += le32(8) + le32(1) + le32(1) + le32(0);
         metas += le64(static_cast<int64_t>(out.size())) + le32(1) + "\0\0\0\1"s + le32(5) + le32(5) +
                  le32(0) + le32(4) + le32(0) + std::string(12, '\0');
@@ -273,7 +273,7 @@ inline value_t random_value(std::mt19937_64& rng, int32_t typ) {
         case CVN_TYP_DEC128: {
             const bool wide = (typ & 0xffff) == CVN_TYP_DEC128;
             std::string s = rng() & 1 ? "-" : "";
-            for (size_t i = 1 + rng() % (wide ? 34 : 16); i > 0; --i)
+            for (size_t i = 1 + rng() % (wide ? 34 : 16); i > 0; i--)
                 s += static_cast<char>('0' + rng() % 10);
             s += "E" + std::to_string(static_cast<int>(rng() % 40) - 20);
             if (r % 30 == 0) s = "NaN";
@@ -286,7 +286,7 @@ inline value_t random_value(std::mt19937_64& rng, int32_t typ) {
 
 inline values_t random_values(std::mt19937_64& rng, int32_t typ, size_t nrow, unsigned null_percent) {
     values_t v;
-    for (size_t r = 0; r < nrow; ++r)
+    for (size_t r = 0; r < nrow; r++)
         v.push_back(rng() % 100 < null_percent ? null_value() : random_value(rng, typ));
     return v;
 }
@@ -306,7 +306,7 @@ inline table_t random_table(uint64_t seed) {
     std::mt19937_64 rng(seed);
     table_t t;
     const size_t ncol = 1 + rng() % 20, nrow = rng() % 4 == 0 ? rng() % 3 : rng() % 1500;
-    for (size_t c = 0; c < ncol; ++c) {
+    for (size_t c = 0; c < ncol; c++) {
         const int32_t typ = reader::ALL_TYPES[rng() % 14];
         t.column.push_back({"c"s.append(std::to_string(c)), typ, rng() % 2 == 0, rng() % 4 == 0});
         static constexpr unsigned PERCENT[4] = {0, 5, 60, 100};

@@ -19,11 +19,11 @@ def no_core():
 
 
 class Create(ToolTest):
-    ALL = ("b bool, i2 int16, i4 int32, i8 int64, i16 int128, f float, d double, y bytea, t cstr, d8 dec64, d16 dec128, "
-           "day date, tod time_millis, ts timestamp_millis")
+    ALL = ("b bool, i2 int16, i4 int32, i8 int64, i16 int128, f float, d double, y bytea, t cstr, d8 dec64, "
+           "d16 dec128, day date, tod time_millis, ts timestamp_millis")
     HEAD = "b,i2,i4,i8,i16,f,d,y,t,d8,d16,day,tod,ts\n"
-    ROWS = ('true,-32768,2147483647,-9223372036854775808,170141183460469231731687303715884105727,0.1,-0,\\x00ff,"a,""b""\n\r\n",'
-            '17.00,1E-30,1969-12-31,23:59:59.999,2024-01-31T12:30:00.001Z\n'
+    ROWS = ('true,-32768,2147483647,-9223372036854775808,170141183460469231731687303715884105727,0.1,-0,'
+            '\\x00ff,"a,""b""\n\r\n",17.00,1E-30,1969-12-31,23:59:59.999,2024-01-31T12:30:00.001Z\n'
             ',,,,,,,,,,,,,\n'
             'false,0,0,0,-1,NaN,inf,\\x,"",-0.0,0,0000-01-01,00:00:00,1969-12-31T23:59:59Z\n')
 
@@ -65,18 +65,21 @@ class Create(ToolTest):
     def test_a_bad_field_names_file_line_column_text_and_type(self):
         err = self.refused("--schema", "a int32, b date", csv='a,b\n1,2024-01-31\n"\n",x\n')
         self.assertIn("in.csv:3: column 'a' (int32): '\\x0a' is not a whole number", err)
-        self.refused("--schema", "a int32, b date", csv="a,b\n1,2024-02-30\n", has="in.csv:2: column 'b' (date): '2024-02-30'")
+        self.refused("--schema", "a int32, b date", csv="a,b\n1,2024-02-30\n",
+                     has="in.csv:2: column 'b' (date): '2024-02-30'")
         self.refused("--schema", "a int16", csv="a\n40000\n", has="out of the range of int16")
         self.refused("--schema", "a dec64", csv="a\n1.2345678901234567\n", has="use dec128")
         self.refused("--schema", "a cstr", csv=b"a\nx\0y\n", has="holds a NUL byte")
         self.refused("--schema", "a int32", csv='a\n""\n', has="NULL is an empty field without quotes")
 
     def test_rows_with_a_wrong_number_of_fields_are_refused(self):
-        self.refused("--schema", "a int32, b int32", csv="a,b\n1,2\n3\n", has="in.csv:3: the row has 1 field, but there are 2")
+        self.refused("--schema", "a int32, b int32", csv="a,b\n1,2\n3\n",
+                     has="in.csv:3: the row has 1 field, but there are 2")
         self.refused("--schema", "a int32, b int32", csv="a,b\n1,2,3\n", has="in.csv:2: the row has 3 fields")
 
     def test_an_open_quote_is_refused_with_its_line(self):
-        self.refused("--schema", "a cstr", csv='a\nx\n"y\nz\n', has="in.csv:3: field 1 begins with a quote that is never closed")
+        self.refused("--schema", "a cstr", csv='a\nx\n"y\nz\n',
+                     has="in.csv:3: field 1 begins with a quote that is never closed")
 
     def test_bad_schemas_are_wrong_usage(self):
         for schema in ("a", "a int65", "a int32,", "a int32, a int32", "", "a int32 -q", '"a int32'):
@@ -93,7 +96,8 @@ class Create(ToolTest):
         self.assertEqual("a\n\n\n\n7\n", self.cat("v.cvn"))
 
     def test_delimiters_line_ends_and_marks_of_every_kind_are_read(self):
-        for args, csv in ((("--delimiter", "tab"), b"\xef\xbb\xbfa\tb\r\n1\tx\r\n"), (("--delimiter", "\\t"), b"a\tb\n1\tx"),
+        for args, csv in ((("--delimiter", "tab"), b"\xef\xbb\xbfa\tb\r\n1\tx\r\n"),
+                          (("--delimiter", "\\t"), b"a\tb\n1\tx"),
                           (("--delimiter", ";"), b"a;b\n\n1;x\n\n")):
             self.create("a int32, b cstr", csv, "t.cvn", *args)
             self.assertEqual("a,b\n1,x\n", self.cat())
@@ -207,7 +211,8 @@ class Create(ToolTest):
         self.refused(csv="a,b,a\n1,2,3\n", has="in.csv:1: the header names 'a' twice")
 
     def test_lines_that_end_in_cr_alone_are_told(self):
-        self.refused(csv="a,b\r1,2\r3,4\r", has="in.csv:1: the header row has a carriage return in it; lines must end in LF")
+        self.refused(csv="a,b\r1,2\r3,4\r",
+                     has="in.csv:1: the header row has a carriage return in it; lines must end in LF")
         self.refused("--schema", "a int32", csv="a\r1\r", has="carriage return")
         self.refused("--no-header", "--schema", "a int32, b int32", csv="1,2\r3,4\r", has="do they end in CR alone?")
         self.create("\"a\rb\" int32", '"a\rb"\n1\n')

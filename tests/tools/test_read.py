@@ -96,7 +96,8 @@ class Read(ToolTest):
         rows = [json.loads(line) for line in self.cat("t.cvn", "--format", "jsonl").splitlines()]
         self.assertEqual({"id": 2, "qty": None, "a name": "it's", "note": ""}, rows[1])
         self.create("d double, x dec64, t cstr", b'd,x,t\nNaN,1.50,"a""\n\xff"\n', "j.cvn")
-        self.assertEqual({"d": "NaN", "x": "1.50", "t": 'a"\n\ufffd'}, json.loads(self.cat("j.cvn", "--format", "jsonl")))
+        self.assertEqual({"d": "NaN", "x": "1.50", "t": 'a"\n\ufffd'},
+                         json.loads(self.cat("j.cvn", "--format", "jsonl")))
 
     def test_table_aligns_its_columns(self):
         lines = self.cat("t.cvn", "--format", "table").splitlines()
@@ -182,7 +183,8 @@ class Read(ToolTest):
     def test_a_split_of_more_columns_than_files_may_be_open_is_made_read_and_verified(self):
         limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (40, 4096))
         names = ["c%d" % i for i in range(100)]
-        self.create(", ".join(n + " int32" for n in names), ",".join(names) + "\n" + ",".join("1" * 100) + "\n", "w.cvn")
+        self.create(", ".join(n + " int32" for n in names), ",".join(names) + "\n" + ",".join("1" * 100) + "\n",
+                    "w.cvn")
         self.run_cvn("split", "w.cvn", "wide", preexec_fn=limit)
         self.assertIn("good: 1 row", self.run_cvn("verify", "wide", preexec_fn=limit).out)
         self.assertEqual(self.cat("w.cvn"), self.run_cvn("cat", "wide", preexec_fn=limit).out)
@@ -268,17 +270,20 @@ class Read(ToolTest):
         self.assertIn(b"No space left", done.stderr)
 
     def test_help_and_version_succeed_and_wrong_usage_is_two(self):
-        for args in (["--help"], ["create", "--help"], ["cat", "--help"], ["info", "-h"], ["verify", "-h"], ["split", "-h"]):
+        for args in (["--help"], ["create", "--help"], ["cat", "--help"], ["info", "-h"], ["verify", "-h"],
+                     ["split", "-h"]):
             self.assertIn("cvn ", self.run_cvn(*args).out)
         self.assertIn("Example", self.run_cvn("create", "--help").out)
         self.assertRegex(self.run_cvn("--version").out, r"^cvn \d+\.\d+\.\d+\n$")
-        for args in ([], ["bogus"], ["cat"], ["cat", "t.cvn", "--bogus"], ["cat", "t.cvn", "--limit", "-1"], ["create"]):
+        for args in ([], ["bogus"], ["cat"], ["cat", "t.cvn", "--bogus"], ["cat", "t.cvn", "--limit", "-1"],
+                     ["create"]):
             self.assertIn("--help", self.run_cvn(*args, status=2).err)
 
     def test_random_tables_with_nulls_come_back_through_python(self):
         rng = random.Random(3)
         text = lambda: "".join(rng.choice('ab,"\n\r é;') for _ in range(rng.randrange(6)))
-        rows = [[None if rng.random() < 0.2 else str(rng.randrange(-10**6, 10**6)), None if rng.random() < 0.2 else text(),
+        rows = [[None if rng.random() < 0.2 else str(rng.randrange(-10**6, 10**6)),
+                 None if rng.random() < 0.2 else text(),
                  None if rng.random() < 0.2 else repr(rng.uniform(-1, 1))] for _ in range(3000)]
         quote = lambda v: "" if v is None else '"' + v.replace('"', '""') + '"'
         body = "".join(",".join((r[0] or "", quote(r[1]), r[2] or "")) + "\r\n" for r in rows)

@@ -9,6 +9,7 @@ import cvnfile
 from cvnfile import Column
 from fake_server import FakeServer, receive_head
 from remote_support import CommandTest, DaemonTest
+from replies import json_reply
 
 
 class Ls(DaemonTest):
@@ -283,7 +284,7 @@ class PutProgress(CommandTest):
         def serve(conn):
             method, _, _, rest = receive_head(conn)
             if method == "GET":
-                conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: 2\r\n\r\n[]")
+                conn.sendall(json_reply("[]"))
                 return
             left = os.path.getsize(self.path("big.cvn")) - len(rest)
             drawn.wait(1)  # nothing sets it: the client has time to see that its buffers are full
@@ -306,7 +307,7 @@ class PutFile(CommandTest):
         def serve(conn):
             method, _, _, _ = receive_head(conn)
             if method == "GET":
-                conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: 2\r\n\r\n[]")
+                conn.sendall(json_reply("[]"))
                 return
             os.truncate(self.path("big.cvn"), 100)
             while conn.recv(1 << 20):
@@ -381,7 +382,7 @@ class Counts(CommandTest):
         def serve(conn):
             method, path, _, _ = receive_head(conn)
             text = "" if method == "DELETE" else listing if path.endswith("/t") else "[]"
-            conn.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-length: %d\r\n\r\n" % len(text) + text.encode())
+            conn.sendall(json_reply(text))
 
         server = FakeServer(serve)
         self.addCleanup(server.close)

@@ -128,7 +128,7 @@ std::string decimal_text(cvn_int128_t v) {
     return minus ? "-" + s : s;
 }
 
-// All types, a fifth NULL, with a row number behind them; values that the database's own types can hold.
+// All types, a fifth NULL, with a row number after them; values that the database's own types can hold.
 table_t database_table(uint64_t seed, size_t nrow) {
     table_t t = support::all_types_table(seed, nrow);
     std::mt19937_64 rng(seed);

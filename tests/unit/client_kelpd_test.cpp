@@ -34,7 +34,7 @@ class Kelpd : public testing::Test {
         if (pid_ <= 0) return;
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
-        // A connection's process that the daemon leaves behind becomes a child as well; it ends by itself.
+        // A connection's process that the daemon leaves becomes a child as well; it ends by itself.
         while (waitpid(-1, nullptr, 0) > 0) {
         }
     }

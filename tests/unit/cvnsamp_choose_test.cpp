@@ -43,7 +43,7 @@ void expect_chi_square(double x, double freedom) {
 // by the share of rows that stay behind.
 void expect_rows_equally_likely(uint64_t n, uint64_t total, uint64_t runs) {
     std::vector<uint64_t> count(total);
-    for (uint64_t seed = 0; seed < runs; ++seed)
+    for (uint64_t seed = 0; seed < runs; seed++)
         for (const uint64_t r : choose(seed, n, total, 100)) ++count[r];
     const auto t = static_cast<double>(total);
     const double share = static_cast<double>(n) / t;
@@ -53,7 +53,7 @@ void expect_rows_equally_likely(uint64_t n, uint64_t total, uint64_t runs) {
 
 void expect_sets_equally_likely(uint64_t n, uint64_t total, size_t nset, uint64_t runs) {
     std::map<std::vector<uint64_t>, uint64_t> seen;
-    for (uint64_t seed = 0; seed < runs; ++seed) ++seen[choose(seed, n, total, 5)];
+    for (uint64_t seed = 0; seed < runs; seed++) ++seen[choose(seed, n, total, 5)];
     ASSERT_EQ(nset, seen.size());
     std::vector<uint64_t> count;
     for (const auto& [rows, c] : seen) count.push_back(c);
@@ -66,7 +66,7 @@ TEST(CvnsampChoose, TakesExactlyTheCountInAscendingOrderWithoutRepeats) {
         for (const uint64_t n : {uint64_t{1}, total / 16, total / 16 + 1, total / 2, total - 1, total}) {
             const std::vector<uint64_t> rows = choose(total + n, n, total, 64);
             EXPECT_EQ(n, rows.size()) << total;
-            for (size_t i = 1; i < rows.size(); ++i) EXPECT_LT(rows[i - 1], rows[i]);
+            for (size_t i = 1; i < rows.size(); i++) EXPECT_LT(rows[i - 1], rows[i]);
         }
     }
 }

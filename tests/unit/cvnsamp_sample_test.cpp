@@ -57,7 +57,7 @@ class CvnsampSample : public ::testing::Test {
                     {"note", CVN_TYP_CSTR, true, false},
                     {"qty", CVN_TYP_INT16, false, true}};
         t.value.resize(3);
-        for (size_t r = 0; r < nrow; ++r) {
+        for (size_t r = 0; r < nrow; r++) {
             const int64_t id = first + static_cast<int64_t>(r);
             t.value[0].push_back(i64(id));
             t.value[1].push_back(text("row " + std::to_string(id)));
@@ -71,7 +71,7 @@ class CvnsampSample : public ::testing::Test {
         table_t t;
         t.column = {{"id", CVN_TYP_INT32, false, false}, {"body", CVN_TYP_CSTR, false, false}};
         t.value.resize(2);
-        for (int32_t r = 0; r < 70; ++r) {
+        for (int32_t r = 0; r < 70; r++) {
             t.value[0].push_back(i32(r));
             t.value[1].push_back(text(std::string((1 << 20) - 1, static_cast<char>('a' + r % 26))));
         }
@@ -115,7 +115,7 @@ TEST_F(CvnsampSample, KeepsEveryTypeEveryNullAndTheFlagsExactly) {
     const table_t s = scan_table(out);
     EXPECT_EQ(a.column, s.column);
     ASSERT_EQ(1000u, s.nrow());
-    for (size_t c = 0; c < a.column.size(); ++c) {
+    for (size_t c = 0; c < a.column.size(); c++) {
         values_t all = a.value[c];
         all.insert(all.end(), b.value[c].begin(), b.value[c].end());
         EXPECT_EQ(all, s.value[c]) << a.column[c].name;
@@ -135,11 +135,11 @@ TEST_F(CvnsampSample, TakesExactlyTheCountAndWholeRowsInTheirOrder) {
         EXPECT_EQ(n, chosen_);
         ASSERT_EQ(n, s.nrow());
         int64_t last = -1;
-        for (size_t r = 0; r < s.nrow(); ++r) {
+        for (size_t r = 0; r < s.nrow(); r++) {
             const auto id = load<int64_t>(s.value[0][r].bytes, 0);
             EXPECT_LT(last, id);
             last = id;
-            for (size_t c = 0; c < 3; ++c) EXPECT_EQ(all.value[c][static_cast<size_t>(id)], s.value[c][r]);
+            for (size_t c = 0; c < 3; c++) EXPECT_EQ(all.value[c][static_cast<size_t>(id)], s.value[c][r]);
         }
     }
 }
@@ -152,7 +152,7 @@ TEST_F(CvnsampSample, RowsOfSmallAndLargeFilesAreEquallyLikely) {
     for (const uint64_t n : {4u, 40u}) {  // drawn at once, and row by row
         std::vector<uint64_t> count(80);
         constexpr uint64_t RUNS = 1000;
-        for (uint64_t seed = 0; seed < RUNS; ++seed) {
+        for (uint64_t seed = 0; seed < RUNS; seed++) {
             const table_t s = scan_table(sample(n, seed, files));
             for (const value_t& id : s.value[0]) ++count[static_cast<size_t>(load<int64_t>(id.bytes, 0))];
         }
@@ -202,7 +202,7 @@ TEST_F(CvnsampSample, ReadsOnlyTheRowGroupsThatHoldAChosenRow) {
     file[offset] = static_cast<char>(~file[offset]);
     write_file(large, file);
     int untouched = 0, noticed = 0;
-    for (uint64_t seed = 0; seed < 12; ++seed) {
+    for (uint64_t seed = 0; seed < 12; seed++) {
         row_choice_t choice(seed, 1, 70);
         std::vector<uint32_t> rows;
         choice.take(70, &rows);
@@ -267,10 +267,10 @@ TEST_F(CvnsampSample, RefusesEveryByteOfAPageChangedUnderItsHash) {
     write_table(path("a.cvn"), numbered(0, 9));
     const std::string file = read_file(path("a.cvn"));
     const layout_t at(file);
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 3; c++) {
         const auto begin = static_cast<size_t>(load<int64_t>(file, at.meta(0, c)));
         const auto end = begin + static_cast<size_t>(load<int32_t>(file, at.meta(0, c) + 20));
-        for (size_t i = begin; i < end; ++i) {
+        for (size_t i = begin; i < end; i++) {
             std::string bad = file;
             bad[i] = static_cast<char>(bad[i] ^ 1);
             write_file(path("b.cvn"), bad);
@@ -282,7 +282,7 @@ TEST_F(CvnsampSample, RefusesEveryByteOfAPageChangedUnderItsHash) {
 TEST_F(CvnsampSample, RefusesEveryShorterFile) {
     write_table(path("a.cvn"), numbered(0, 3));
     const std::string file = read_file(path("a.cvn"));
-    for (size_t n = 0; n < file.size(); ++n) {
+    for (size_t n = 0; n < file.size(); n++) {
         write_file(path("b.cvn"), file.substr(0, n));
         EXPECT_NE(std::string::npos, refusal({path("b.cvn")}).find(path("b.cvn"))) << n;
     }
@@ -297,7 +297,7 @@ TEST_F(CvnsampSample, RefusesPagesThatLieAboutTheirValues) {
                   // Every row is wanted only when the sample is large enough: spoil the first row's NUL and
                   // all others.
                   const auto end = offset + static_cast<size_t>(load<int32_t>(f, meta + 28));
-                  for (size_t i = offset; i < end; ++i)
+                  for (size_t i = offset; i < end; i++)
                       if (f[i] == 0) f[i] = 'x';
               }));
     EXPECT_EQ(where + "'note': its size does not fit its rows",

@@ -28,7 +28,7 @@ TEST(HturlPath, KeepsABadEscape) {
 }
 TEST(HturlPath, TakesDigitsOfEitherCase) { EXPECT_EQ("/\xaf\xAf", path("/%aF%Af")); }
 TEST(HturlPath, WithoutASlashIsTheWholeUrl) { EXPECT_EQ("abc", path("abc")); }
-TEST(HturlPath, StartsBehindADoubledSlash) { EXPECT_EQ("/c", path("/a//b/c")); }
+TEST(HturlPath, StartsAfterADoubledSlash) { EXPECT_EQ("/c", path("/a//b/c")); }
 TEST(HturlPath, StaysWholeWhenNoSlashFollowsTheDoubledOne) { EXPECT_EQ("//b", path("//b")); }
 TEST(HturlPath, ADoubledSlashInTheQueryMovesTheStartThere) { EXPECT_EQ("/c?d", path("/a?x=//b/c?d")); }
 TEST(HturlPath, ADecodedNulEndsIt) { EXPECT_EQ("/a", path("/a%00b")); }
@@ -44,7 +44,7 @@ TEST(HturlQuery, IsEmptyWithoutOne) {
     EXPECT_EQ("", query("/a#y?x"));
     EXPECT_EQ("", query("/a?"));
 }
-TEST(HturlFragment, IsTheTextBehindTheFirstHash) {
+TEST(HturlFragment, IsTheTextAfterTheFirstHash) {
     EXPECT_EQ("f", fragment("scheme://host:80/p/q?x=1#f"));
     EXPECT_EQ("y?x#z", fragment("/a#y?x#z"));
     EXPECT_EQ("", fragment("/a"));

@@ -158,7 +158,7 @@ class FilesGone(WireCase):
 class DirectoriesGone(WireCase):
     daemon_arguments = {"fail": [Fault("rmdir", errno.ENOENT)]}
 
-    def test_a_walk_goes_on_behind_a_directory_that_is_gone_when_it_is_removed(self):
+    def test_a_walk_goes_on_after_a_directory_that_is_gone_when_it_is_removed(self):
         folders = [f"d/{schema}/{entity}" for schema in "st" for entity in "efg"]
         for folder in folders:
             self.kelpd.store(f"{folder}/p", b"")

@@ -58,17 +58,17 @@ class Paths(GetCase):
         self.check_status(get("v1/db"), BAD_VERSION)
         self.check_leads_to("anything/v1/db", "db")
 
-    def test_anything_behind_the_partition_is_refused(self):
+    def test_anything_after_the_partition_is_refused(self):
         self.check_status(get("/v1/db/sc/en/p/x"), BAD_URL)
         self.check_status(get("/v1/db/sc/en/p/x/y/z"), BAD_URL)
 
     def test_too_many_segments_outrank_a_wrong_version(self):
         self.check_status(get("/v2/db/sc/en/p/x"), BAD_URL)
 
-    def test_a_slash_behind_the_partition_is_refused(self):
+    def test_a_slash_after_the_partition_is_refused(self):
         self.check_status(get("/v1/db/sc/en/p/"), BAD_URL)
 
-    def test_a_slash_behind_the_other_depths_is_accepted(self):
+    def test_a_slash_after_the_other_depths_is_accepted(self):
         self.make("db/sc/en")
         self.check_names("/v1/db/", "sc")
         self.check_names("/v1/db/sc/", "en")
@@ -77,7 +77,7 @@ class Paths(GetCase):
     def test_an_empty_component_is_refused(self):
         self.check_status(get("/v1//x"), BAD_URL)
 
-    def test_a_path_with_two_slashes_is_cut_behind_them(self):
+    def test_a_path_with_two_slashes_is_cut_after_them(self):
         self.check_status(get("/v1//x/y"), BAD_VERSION)
         self.check_leads_to("/v1/a//b/v1/c", "c")
 
@@ -128,7 +128,7 @@ class Paths(GetCase):
         self.check_leads_to("/v1/db?a=b/c", "db")
         self.check_leads_to("/v1/db2?x#y", "db2")
 
-    def test_a_query_with_two_slashes_moves_the_start_behind_the_end(self):
+    def test_a_query_with_two_slashes_moves_the_start_past_the_end(self):
         self.check_status(get("/v1/db?x=//y/z"), BAD_VERSION)
         self.check_leads_to("/v1/db?x=//y", "db")
         self.check_leads_to("/v1/db?x=//y/v1/other", "other")

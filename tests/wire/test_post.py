@@ -96,7 +96,7 @@ class Body(PostCase):
         for length in (LIMIT + 1, 1 << 31, 1 << 32, (1 << 32) + 2, (1 << 63) - 1):
             self.check_status(request("POST", self.URL, length=length), INVALID)
 
-    def test_bytes_behind_the_length_are_dropped(self):
+    def test_bytes_after_the_length_are_dropped(self):
         self.check_ok(request("POST", self.URL, b"{}garbage", length=2), EMPTY)
         self.check_status(request("POST", self.URL, b"{}", length=1), INVALID)
 
@@ -147,7 +147,7 @@ class Json(PostCase):
     def test_the_escapes_of_json_are_accepted(self):
         self.accepted('{"column":["\\"\\\\\\/\\b\\f\\n\\r\\t\\u00e9\\u0000"]}')
 
-    def test_text_behind_the_object_is_not_looked_at(self):
+    def test_text_after_the_object_is_not_looked_at(self):
         self.accepted("{} garbage", '{} {"colums":[]}', "{}[1,2]", '{}""')
 
     def test_a_nul_byte_cuts_the_text(self):
@@ -369,7 +369,7 @@ class Fragments(PostCase):
         self.check_fragment("[true,false]", range(10))
         self.check_fragment("[3abc,4.7]", (3, 7))
 
-    def test_a_colon_ends_a_number_and_a_number_behind_the_second_is_left_unread(self):
+    def test_a_colon_ends_a_number_and_a_number_after_the_second_is_left_unread(self):
         self.store()
         self.check_fragment("[0:1,2]", range(10))
         self.check_fragment("[1:3,2]", (1, 4, 7))

@@ -131,7 +131,7 @@ class Lengths(PutCase):
         self.check_status(put("/v1/d/s/e/p.cvn", b""), REFUSED)
         self.assert_tree(*ENTITY)
 
-    def test_a_length_of_zero_with_bytes_behind_the_head_fails(self):
+    def test_a_length_of_zero_with_bytes_after_the_head_fails(self):
         self.check_status(put("/v1/d/s/e/p", b"x", length=0), FAILED)
         self.assert_tree(*ENTITY)
 

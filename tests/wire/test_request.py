@@ -11,7 +11,7 @@ from wirecase import OK, SILENCE, WireCase, error, get, json_reply, mask_date, p
 
 LISTING = json_reply("[]")
 NOT_FOUND = error("404 Not Found")
-BUFFER = 10239  # bytes of head, and of body behind it, that one request may bring at first
+BUFFER = 10239  # bytes of head, and of body after it, that one request may bring at first
 
 
 def padded(first, size, end=b"\r\n\r\n"):
@@ -69,7 +69,7 @@ class Reading(RequestCase):
     def test_line_feeds_around_a_return_do_not_end_the_head(self):
         self.check_closed(b"GET /v1 HTTP/1.1\n\r\n", "clnt closed without valid req", half_close=True)
 
-    def test_a_body_behind_bare_line_feeds_is_found(self):
+    def test_a_body_after_bare_line_feeds_is_found(self):
         self.check(b"PUT /v1/d/s/e/p HTTP/1.1\nContent-Length: 4\n\nbody", OK,
                    "PUT /v1/d/s/e/p -> 200 OK")
         self.assertEqual(b"body", self.kelpd.load("d/s/e/p"))
@@ -102,12 +102,12 @@ class Reading(RequestCase):
     def test_10238_bytes_without_a_blank_line_are_waited_on(self):
         self.check_closed(b"x" * (BUFFER - 1), "clnt closed without valid req", half_close=True)
 
-    def test_body_bytes_behind_a_short_head_may_exceed_the_buffer(self):
+    def test_body_bytes_after_a_short_head_may_exceed_the_buffer(self):
         body = bytes(range(256)) * 60
         self.check_ok(put("/v1/d/s/e/p", body), OK)
         self.assertEqual(body, self.kelpd.load("d/s/e/p"))
 
-    def test_body_bytes_behind_a_head_that_fills_the_buffer_are_all_read(self):
+    def test_body_bytes_after_a_head_that_fills_the_buffer_are_all_read(self):
         body = b"0123456789" * 10
         for size in (BUFFER - 1, BUFFER):
             raw = padded(b"PUT /v1/d/s/e/p HTTP/1.1\r\nContent-Length: 100", size) + body
@@ -127,7 +127,7 @@ class Reading(RequestCase):
 
 
 class FailedRead(RequestCase):
-    """The read that would fill the buffer behind the first eight bytes fails, again and again if it is tried again."""
+    """The read that would fill the buffer after the first eight bytes fails, again and again if it is tried again."""
 
     FIRST = b"GET /v1X"
     daemon_arguments = {"fail": [Fault("read", errno.EIO, {2: BUFFER - len(FIRST)})]}
@@ -197,7 +197,7 @@ class RequestLine(RequestCase):
     def test_a_trailing_space_makes_a_fourth_word(self):
         self.check_refused(b"GET /v1 HTTP/1.1 \r\n\r\n", "invalid req line")
 
-    def test_a_trailing_space_behind_two_words_is_an_empty_protocol(self):
+    def test_a_trailing_space_after_two_words_is_an_empty_protocol(self):
         self.check(b"GET /v1 \r\n\r\n", LISTING, "GET /v1 -> 200 OK")
 
     def test_two_spaces_without_a_protocol_make_an_empty_url(self):
@@ -326,10 +326,10 @@ class ContentLength(RequestCase):
     def test_a_leading_0x_means_hexadecimal(self):
         self.check_length(16, "Content-Length: 0x10")
 
-    def test_a_leading_0b_is_zero_with_text_behind_it(self):
+    def test_a_leading_0b_is_zero_with_text_after_it(self):
         self.check_zero("Content-Length: 0b11")
 
-    def test_text_behind_the_number_is_ignored(self):
+    def test_text_after_the_number_is_ignored(self):
         self.check_length(12, "Content-Length: 12abc")
         self.check_length(12, "Content-Length: 12, 13")
 

@@ -280,7 +280,7 @@ class Operators(ScanCase):
         self.check_refused(condition=[["id", "==", "1"]])
         self.check_refused(condition=[["id", "isnull"]])
 
-    def test_a_bad_condition_is_refused_before_or_behind_one_that_keeps_nothing(self):
+    def test_a_bad_condition_is_refused_before_or_after_one_that_keeps_nothing(self):
         nothing = ["id", "in", []]
         self.check_condition((), nothing, ["qty", "isnull"])
         for bad in (["id", "=", "1"], ["nosuch", "==", "1"], ["note", "==", "x"],
@@ -524,7 +524,7 @@ class Counts(ScanCase):
 
 
 class Damaged(ScanCase):
-    """Files that open but cannot be read, put behind the daemon's back or past its upload check."""
+    """Files that open but cannot be read, put there without asking the daemon or past its upload check."""
 
     def test_a_file_that_cannot_be_opened_fails_the_scan(self):
         whole = small_file()

@@ -47,7 +47,7 @@ class CommandLine(BoundedCase):
     def test_help_is_printed_and_is_no_error(self):
         self.assert_usage("", 0, "-h")
 
-    def test_help_wins_over_options_behind_it(self):
+    def test_help_wins_over_options_after_it(self):
         self.assert_usage("", 0, "-h", "-x")
 
     def test_the_usage_names_the_program_as_it_was_called(self):
@@ -164,7 +164,7 @@ class Refused(BoundedCase):
         self.assert_bad_port(b"port=\\x4z8080\n")  # byte 4, then 8080: no number
 
     def test_a_binary_port_is_invalid(self):
-        self.assert_bad_port(b"port=0b11111010000000\n")  # 0, with text behind it
+        self.assert_bad_port(b"port=0b11111010000000\n")  # 0, with text after it
 
     def test_messages_before_a_bad_port_stay(self):
         self.write(b"=5\nno separator\nport=0\n")
@@ -236,7 +236,7 @@ class Configuration(BoundedCase):
     def test_an_octal_port_is_used(self):
         self.assert_port("port=0{port}\n", "{:o}".format)
 
-    def test_text_behind_the_number_is_ignored(self):
+    def test_text_after_the_number_is_ignored(self):
         self.assert_port("port={port}abc\n")
         self.assert_port("port={port} # no comment at the end of a line\n")
 
@@ -252,7 +252,7 @@ class Configuration(BoundedCase):
     def test_the_value_may_hold_further_separators(self):
         self.assert_port("port={port}:=x\n")
 
-    def test_a_value_continues_behind_a_backslash(self):
+    def test_a_value_continues_after_a_backslash(self):
         self.assert_port("port={port}\n", lambda port: f"{str(port)[:2]}\\\n \t{str(port)[2:]}")
 
     def test_a_continuation_line_is_not_cut_at_a_separator(self):

@@ -87,7 +87,7 @@ def mask_date(test, raw, since):
     test.assertRegex(text, _RFC1123)
     date = datetime.datetime.strptime(text, "%a, %d %b %Y %H:%M:%S GMT").replace(tzinfo=datetime.timezone.utc)
     test.assertEqual(text, date.strftime("%a, %d %b %Y %H:%M:%S GMT"), "the day of the week does not fit the date")
-    # The clock behind time() may lag a little behind Python's.
+    # The clock of time() may lag a little behind Python's.
     test.assertTrue(int(since - 0.1) <= date.timestamp() <= time.time(), f"{text} is not the time of the reply")
     return raw[: found.start(2)] + b"*" + raw[found.end(2) :]
 

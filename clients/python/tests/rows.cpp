@@ -70,7 +70,7 @@ int write_file(const char* path, const char* schema) {
     cvn_t* writer = nullptr;
     code = cvn_create(&writer, path);
     if (code != 0) fail("create", code);
-    for (int i = 0; i < ncol; ++i) {
+    for (int i = 0; i < ncol; i++) {
         code = cvn_create_column(writer, coldef[i].name, coldef[i].typ, coldef[i].zflag != 0,
                                  coldef[i].nflag != 0);
         if (code != 0) fail("column", code);
@@ -124,7 +124,7 @@ int dump_file(const char* path) {
     const cvn_coldef_t* coldef = nullptr;
     code = cvn_scan_coldef(&ncol, &coldef, scan);
     if (code != 0) fail("coldef", code);
-    for (int i = 0; i < ncol; ++i) {
+    for (int i = 0; i < ncol; i++) {
         code = cvn_scan_add_required(scan, coldef[i].name);
         if (code != 0) fail("required", code);
     }
@@ -132,8 +132,8 @@ int dump_file(const char* path) {
     int npage = 0;
     while ((code = cvn_scan_next(scan, &npage, &page, true)) == 0) {
         std::vector<size_t> at(static_cast<size_t>(npage), 0);
-        for (int row = 0; row < page[0]->nrow; ++row) {
-            for (int i = 0; i < npage; ++i) dump_value(page[i], row, at[static_cast<size_t>(i)]);
+        for (int row = 0; row < page[0]->nrow; row++) {
+            for (int i = 0; i < npage; i++) dump_value(page[i], row, at[static_cast<size_t>(i)]);
         }
     }
     if (code != -4) fail("next", code);

@@ -305,7 +305,7 @@ class Queries(Case):
         with self.assertRaisesRegex(kelp.KelpError, "from 1 to"):
             server.table.sample(0)
 
-    def test_a_sample_that_ends_behind_its_head_has_failed(self):
+    def test_a_sample_that_ends_after_its_head_has_failed(self):
         server = table_server(self, [("c", "int32")], lambda body: STREAM_HEAD)
         with self.assertRaisesRegex(kelp.KelpError, "the sample failed: .*is cvnsamp installed"):
             server.table.sample(5)
