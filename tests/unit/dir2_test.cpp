@@ -1,5 +1,5 @@
-#include "store/dir.h"
 #include "server_support.h"
+#include "store/dir.h"
 
 namespace {
 using namespace server_support;

@@ -8,9 +8,9 @@
 #include <sstream>
 
 #include "server/conf.h"
+#include "server_support.h"
 #include "store/dir.h"
 #include "store/util.h"
-#include "server_support.h"
 
 namespace {
 // The faults of the test under way. The client's thread allocates as well, but not through these names.
