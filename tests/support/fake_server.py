@@ -30,7 +30,7 @@ class FakeServer:
         self._listener.listen(20)
         self.port = self._listener.getsockname()[1]
         self.url = f"kelp://127.0.0.1:{self.port}"
-        self._acceptor = threading.Thread(target=self._accept)
+        self._acceptor = threading.Thread(target=self._accept, daemon=True)
         self._acceptor.start()
 
     def _accept(self):
@@ -40,7 +40,7 @@ class FakeServer:
             except OSError:  # closed
                 return
             conn.settimeout(WAIT)
-            thread = threading.Thread(target=self._one, args=(conn,))
+            thread = threading.Thread(target=self._one, args=(conn,), daemon=True)
             thread.start()
             self._threads.append(thread)
 
@@ -61,7 +61,8 @@ class FakeServer:
         """Waits for the connections to end; each ends by itself once its client is gone."""
         self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
-        for thread in (self._acceptor, *self._threads):
+        self._acceptor.join(WAIT)
+        for thread in self._threads:
             thread.join(2 * WAIT)
             if thread.is_alive():
                 raise AssertionError("a connection of the server does not end")
