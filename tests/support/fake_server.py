@@ -87,9 +87,8 @@ def tls_context(folder):
     return context
 
 
-def receive_head(conn):
-    """Reads the head of a request; returns its method, its target, its header lines by lower-case name, and the bytes
-    that came after it."""
+def _receive_head(conn):
+    """Reads the head of a request. Returns its first line's words, its other lines, and the bytes that came after."""
     data = b""
     while b"\r\n\r\n" not in data:
         part = conn.recv(65536)
@@ -98,19 +97,25 @@ def receive_head(conn):
         data += part
     head, _, rest = data.partition(b"\r\n\r\n")
     first, *lines = head.decode("latin-1").split("\r\n")
-    method, target = first.split(" ")[:2]
-    return method, target, {k.lower(): v.strip() for k, _, v in (line.partition(":") for line in lines)}, rest
+    return first.split(" "), lines, rest
+
+
+def receive_head(conn):
+    """Reads the head of a request; returns its method, its target, and the bytes that came after it."""
+    words, _, rest = _receive_head(conn)
+    return words[0], words[1], rest
 
 
 def receive_request(conn):
     """Reads a whole request; returns its method, target and body."""
-    method, target, headers, body = receive_head(conn)
+    words, lines, body = _receive_head(conn)
+    headers = {name.lower(): value.strip() for name, _, value in (line.partition(":") for line in lines)}
     while len(body) < int(headers.get("content-length", 0)):
         part = conn.recv(65536)
         if not part:
             raise ConnectionError("the client has left")
         body += part
-    return method, target, body
+    return words[0], words[1], body
 
 
 def drain(conn):

@@ -282,7 +282,7 @@ class PutProgress(CommandTest):
         drawn = threading.Event()
 
         def serve(conn):
-            method, _, _, rest = receive_head(conn)
+            method, _, rest = receive_head(conn)
             if method == "GET":
                 conn.sendall(json_reply("[]"))
                 return
@@ -305,7 +305,7 @@ class PutFile(CommandTest):
         self.build("big.cvn", [Column(b"a", cvnfile.BYTEA)], [[[os.urandom(3 << 20)]] for _ in range(6)])
 
         def serve(conn):
-            method, _, _, _ = receive_head(conn)
+            method, _, _ = receive_head(conn)
             if method == "GET":
                 conn.sendall(json_reply("[]"))
                 return
@@ -380,7 +380,7 @@ class Counts(CommandTest):
         listing = "[ %s, %s ]" % (item % "a", item % "b")
 
         def serve(conn):
-            method, path, _, _ = receive_head(conn)
+            method, path, _ = receive_head(conn)
             text = "" if method == "DELETE" else listing if path.endswith("/t") else "[]"
             conn.sendall(json_reply(text))
 
