@@ -4,10 +4,10 @@
 // values and bitmap are assembled, summarised, compressed if that pays, hashed and written. The records of
 // the row groups stay in memory for the footer that cvn_close writes.
 //
-// The hot path is cvn_append; its rare ways are marked cold, so that they do not stand between its steps. What
-// it needs of a column in every row (type, width) stands packed in the writer, and the heads of the column
-// buffers are spread over the cache: each buffer head lies in a large block of its own, and without the
-// spreading all of them would share one cache set.
+// The hot path is cvn_append; its rare ways are marked cold, so that they do not stand between its steps.
+// What it needs of a column in every row (type, width) stands packed in the writer, and the heads of the
+// column buffers are spread over the cache: each buffer head lies in a large block of its own, and without
+// the spreading all of them would share one cache set.
 
 #include <errno.h>
 #include <limits.h>
