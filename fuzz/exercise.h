@@ -4,6 +4,7 @@
 #define KELPD_FUZZ_EXERCISE_H
 
 #include <string.h>
+
 #include <string>
 
 #include "colvane/colvane.h"

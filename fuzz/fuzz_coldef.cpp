@@ -2,6 +2,7 @@
 // written out.
 #include <stdlib.h>
 #include <string.h>
+
 #include <string>
 
 #include "colvane/colvane.h"

@@ -1,6 +1,7 @@
 // A value from text: the first two bytes are the type's low 16 bits, the rest is the text. What decimals and
 // 128-bit integers accept must come back from their own text.
 #include <string.h>
+
 #include <string>
 
 #include "colvane/colvane.h"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits.h>
+
 #include <functional>
 
 #include "colvane/colvane.h"
@@ -302,7 +303,8 @@ TEST_F(CvnHostile, TakesBoundedMemoryForPagesThatAllLieOverEachOther) {
         int n;
         cvn_page_t** page;
         EXPECT_EQ(-3, cvn_scan_rowgroup(sc, 0, &n, &page, false));
-        EXPECT_LE(wrap::peak() - live, 8 * size + 2 * 2097152 + 65536);  // a large block is whole huge pages
+        // A large block is whole huge pages.
+        EXPECT_LE(wrap::peak() - live, 8 * size + int64_t{2} * 2097152 + 65536);
     }
     // And a split does not write them all out.
     EXPECT_EQ(0, cvnx_split(out_.c_str(), path_.c_str()));

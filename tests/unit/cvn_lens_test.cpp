@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits.h>
+
 #include <cmath>
 
 #include "support.h"
@@ -256,7 +257,7 @@ int decide(int32_t typ, int op, const value_t& v, const value_t& lo, const value
     lens_t ln;
     memset(&ln, 0, sizeof(ln));
     ln.op = op;
-    switch (typ & 0xffff) {
+    switch (cvn_storage(typ)) {
         case CVN_TYP_BOOL: ln.val.I = static_cast<uint8_t>(v.bytes[0]); break;
         case CVN_TYP_INT16: ln.val.I = load<int16_t>(v.bytes, 0); break;
         case CVN_TYP_INT32: ln.val.I = load<int32_t>(v.bytes, 0); break;

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <limits.h>
+
 #include <cmath>
 
 #include "support.h"
@@ -444,6 +445,7 @@ TEST_F(CvnWrite, RefusesARowGroupBeyond2GibibytesBeforeItWritesAChunk) {
     constexpr size_t NMEBIBYTE = 432;
     const repeated_t value(NMEBIBYTE);
     std::vector<column_t> column;
+    column.reserve(NCOL);
     for (int c = 0; c < NCOL; c++) column.push_back({"c"s.append(std::to_string(c)), CVN_TYP_BYTEA});
     create(column);
     const cvn_datum_t d[NCOL] = {};
@@ -477,6 +479,7 @@ TEST_F(CvnWrite, RefusesToCloseWithoutColumnsAndRemovesTheFile) {
 TEST_F(CvnWrite, MakesAFileOfZeroRowGroupsOutOfColumnsAlone) {
     for (int ncol = 1; ncol <= 4; ncol++) {
         std::vector<column_t> column;
+        column.reserve(static_cast<size_t>(ncol));
         for (int c = 0; c < ncol; c++)
             column.push_back({"c"s.append(std::to_string(c)), reader::ALL_TYPES[c]});
         const reader::file_t f = written({column, std::vector<values_t>(static_cast<size_t>(ncol))});

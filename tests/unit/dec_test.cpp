@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 #include <string.h>
+
 #include <cmath>
 #include <random>
 #include <string>

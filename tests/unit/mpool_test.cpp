@@ -6,6 +6,8 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -117,7 +119,7 @@ TEST(Mpool, ReturnsTheSameBlockWhenShrunk) {
 TEST(Mpool, MovesTheContentsWhenGrown) {
     mpool_t* mp = mpool_create();
     char* a = static_cast<char*>(mpool_alloc(mp, 6));
-    memcpy(a, "abcdef", 6);
+    std::copy_n("abcdef", 6, a);
     char* b = static_cast<char*>(mpool_realloc(mp, a, 5000));
     ASSERT_NE(nullptr, b);
     EXPECT_NE(a, b);
@@ -138,7 +140,7 @@ TEST(Mpool, AllocatesWhenANullPointerIsResized) {
 TEST(Mpool, KeepsTheOldBlockWhenItCannotGrow) {
     mpool_t* mp = mpool_create();
     char* a = static_cast<char*>(mpool_alloc(mp, 3));
-    memcpy(a, "abc", 3);
+    std::copy_n("abc", 3, a);
     EXPECT_EQ(nullptr, mpool_realloc(mp, a, size_t{1} << 62));
     EXPECT_EQ("abc", std::string(a, 3));
     EXPECT_EQ(item_of(a), mp->head);
