@@ -11,7 +11,6 @@
 #include <immintrin.h>
 #endif
 
-
 namespace rows {
 
 constexpr size_t BUF_ALIGN = 64;
