@@ -308,7 +308,7 @@ TEST_F(CvnsampSample, RefusesPagesThatLieAboutTheirValues) {
         where + "'note': its size does not fit its rows",
         damaged_chunk(t, 1, [](std::string& f, size_t, size_t meta) { patch(f, meta + 28, int32_t{-5}); }));
     EXPECT_EQ(
-        where + "'id': its size does not fit its type",
+        where + "'id': its size does not fit its rows",
         damaged_chunk(t, 0, [](std::string& f, size_t, size_t meta) { patch(f, meta + 8, int32_t{8}); }));
     EXPECT_EQ(where + "'id': its size does not fit its rows",
               damaged_chunk(t, 0, [](std::string& f, size_t, size_t meta) {
