@@ -10,13 +10,14 @@
 #include <set>
 
 #include "client/arrow_reader.h"
-#include "client/fake_server.h"
+#include "client/queries.h"
 
 extern char** environ;
 
 namespace {
 
 using namespace replies;
+using queries::rows_of;
 using namespace std::chrono_literals;
 
 // The daemon forks into the background, as in earnest: in the foreground it would serve one connection at a
@@ -105,18 +106,6 @@ void Kelpd::start(const char* program) {
     }
     kill(child[0], SIGKILL);
     waitpid(child[0], nullptr, 0);
-}
-
-std::multiset<std::string> rows_of(const std::vector<values_t>& value) {
-    std::multiset<std::string> rows;
-    for (size_t r = 0; !value.empty() && r < value[0].size(); r++) {
-        std::string row;
-        for (const values_t& v : value)
-            row +=
-                v[r].null ? "N" : "V" + support::le64(static_cast<int64_t>(v[r].bytes.size())) + v[r].bytes;
-        rows.insert(row);
-    }
-    return rows;
 }
 
 std::vector<values_t> scan_all(const kelp_query_t& q, const kelp_opt_t& opt, int* code, kelp_error_t* err) {

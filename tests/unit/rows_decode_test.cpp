@@ -219,20 +219,4 @@ TEST(RowsTexts, AreFoundInPagesOfNearlyTwoGigabytes) {
     for (const int f : fd) close(f);
 }
 
-// Buffers.
-
-TEST(RowsBuffers, AreUsedAgain) {
-    bufpool_t pool;
-    const buf_t first = buf_get(&pool, 1000);
-    ASSERT_NE(nullptr, first.p);
-    buf_put(&pool, first);
-    const buf_t second = buf_get(&pool, 990);
-    EXPECT_EQ(first.p, second.p);
-    const buf_t third = buf_get(&pool, 990);
-    EXPECT_NE(second.p, third.p);
-    buf_put(&pool, second);
-    buf_put(&pool, third);
-    EXPECT_EQ(second.cap + third.cap, pool.idlesz);
-}
-
 }  // namespace

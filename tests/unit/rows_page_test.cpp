@@ -174,5 +174,7 @@ TEST(RowsPage, GivesMemoryOutAgain) {
     const buf_t small = buf_get(&pool, 100);  // one of a much larger size stays for what needs it
     EXPECT_NE(first.p, small.p);
     buf_put(&pool, small);
+    EXPECT_EQ(again.cap + other.cap + small.cap, pool.idlesz);
     buf_put(&pool, buf_t{});
+    EXPECT_EQ(again.cap + other.cap + small.cap, pool.idlesz);
 }
