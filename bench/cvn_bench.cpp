@@ -3,17 +3,17 @@
 // of input rows counts.
 #include "bench/cvn_bench.h"
 
+#include <errno.h>
+#include <limits.h>
 #include <malloc.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <climits>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 #include "bench/guard.h"
@@ -57,7 +57,7 @@ void fail(const char* fmt, ...) {
 static double clock_seconds(clockid_t clock) {
     timespec t;
     clock_gettime(clock, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
 }
 
 moment_t now() { return {clock_seconds(CLOCK_MONOTONIC), clock_seconds(CLOCK_PROCESS_CPUTIME_ID)}; }
@@ -74,7 +74,7 @@ static int32_t day(const char* text) {
     const long v = strtol(text, &end, 10);
     if (end == text || *end || errno || v < INT32_MIN || v > INT32_MAX)
         usage("LO and HI are whole numbers of days");
-    return int32_t(v);
+    return static_cast<int32_t>(v);
 }
 
 static void sum_verb(int argc, char** argv) {
@@ -111,7 +111,7 @@ static void query_verb(int argc, char** argv) {
     char* end;
     const long njob = strtol(argv[3], &end, 10);
     if (end == argv[3] || *end || njob < 1 || njob > 64) usage("JOBS is a number from 1 to 64");
-    query_url(argv[2], int(njob), std::vector<std::string>(argv + 4, argv + argc));
+    query_url(argv[2], static_cast<int>(njob), std::vector<std::string>(argv + 4, argv + argc));
 #else
     (void)argc;
     (void)argv;

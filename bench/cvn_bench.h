@@ -2,7 +2,8 @@
 #ifndef BENCH_CVN_BENCH_H
 #define BENCH_CVN_BENCH_H
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <string>
 #include <vector>
 

@@ -1,6 +1,6 @@
 #include "bench/guard.h"
 
-#include <cstdlib>
+#include <stdlib.h>
 
 const char* guard_refusal() {
     const char* any = getenv("KELPD_BENCH_ANY_BUILD");

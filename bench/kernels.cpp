@@ -4,7 +4,7 @@
 // would carry this file's instruction set into the rest of the program.
 #include "bench/kernels.h"
 
-#include <cstring>
+#include <string.h>
 
 #include "bench/dpd.h"
 #if defined(__SSE2__)
@@ -18,7 +18,7 @@ namespace {
 template <class T>
 T load(const char* p, int i) {
     T v;
-    memcpy(&v, p + size_t(i) * sizeof(T), sizeof(T));
+    memcpy(&v, p + static_cast<size_t>(i) * sizeof(T), sizeof(T));
     return v;
 }
 
@@ -35,7 +35,7 @@ int64_t sum_i16(const char* p, int n) {
         int32_t part = 0;
         for (int i = 0; i < k; i++) part += load<int16_t>(p, i);
         sum += part;
-        p += size_t(k) * 2;
+        p += static_cast<size_t>(k) * 2;
         n -= k;
     }
     return sum;
@@ -48,14 +48,14 @@ int64_t sum_i32(const char* p, int n) {
 }
 
 __int128 sum_i64(const char* p, int n) {
-    constexpr uint64_t SIGN = uint64_t(1) << 63;  // flipped, the values are unsigned and 2^63 too large
+    constexpr uint64_t SIGN = uint64_t{1} << 63;  // flipped, the values are unsigned and 2^63 too large
     uint64_t low = 0, high = 0;
     for (int i = 0; i < n; i++) {
         const uint64_t v = load<uint64_t>(p, i) ^ SIGN;
         low += v & 0xffffffff;
         high += v >> 32;
     }
-    return (__int128(high) << 32) + low - (__int128(n) << 63);
+    return (static_cast<__int128>(high) << 32) + low - (static_cast<__int128>(n) << 63);
 }
 
 // So many partial sums that additions overlap whatever the vector width.
@@ -65,8 +65,9 @@ double sum_float(const char* p, int n) {
     double part[LANES] = {};
     int i = 0;
     for (; i + LANES <= n; i += LANES)
-        for (int j = 0; j < LANES; j++) part[j] += double(load<T>(p + size_t(i) * sizeof(T), j));
-    for (int j = 0; i < n; i++, j++) part[j] += double(load<T>(p, i));
+        for (int j = 0; j < LANES; j++)
+            part[j] += static_cast<double>(load<T>(p + static_cast<size_t>(i) * sizeof(T), j));
+    for (int j = 0; i < n; i++, j++) part[j] += static_cast<double>(load<T>(p, i));
     for (int step = LANES / 2; step > 0; step /= 2)
         for (int j = 0; j < step; j++) part[j] += part[j + step];
     return part[0];
@@ -109,7 +110,7 @@ unsigned __int128 dec64_sum_wide(const char* p, int n) {
             sum += (unsigned __int128)value * scale;
             scale *= 1000;
         }
-        p += size_t(k) * 8;
+        p += static_cast<size_t>(k) * 8;
         n -= k;
     }
     return sum;
@@ -155,7 +156,7 @@ constexpr declet_tab_t DECLET = [] {
     declet_tab_t tab{};
     for (unsigned i = 0; i < 128; i++) {
         tab.own[i] = DPD_VALUE[i];
-        tab.factor[i] = uint16_t((DPD_VALUE[i | 0x200] - DPD_VALUE[i]) / 4);
+        tab.factor[i] = static_cast<uint16_t>((DPD_VALUE[i | 0x200] - DPD_VALUE[i]) / 4);
     }
     return tab;
 }();
@@ -178,7 +179,7 @@ uint32_t dec64_sum_low16x32(uint64_t* ret_diff, const char* p, int n, uint64_t f
     const __m512i fac0 = table(DECLET.factor), fac1 = table(DECLET.factor + 32),
                   fac2 = table(DECLET.factor + 64), fac3 = table(DECLET.factor + 96);
     const __m512i fourth = table(FOURTH);
-    const __m512i all_first = _mm512_set1_epi64(int64_t(first));
+    const __m512i all_first = _mm512_set1_epi64(static_cast<int64_t>(first));
     const __m512i bit_s = _mm512_set1_epi16(0x40), bit_r = _mm512_set1_epi16(0x80),
                   six = _mm512_set1_epi16(6), hundred = _mm512_set1_epi16(100);
     __m512i diff = _mm512_setzero_si512(), sum_low = diff, sum_high = diff;
@@ -227,11 +228,11 @@ bool dec64_block(unsigned* ret_high, unsigned __int128* ret_sum, const char* p, 
     i = n & ~31;
     sum = dec64_sum_low16x32(&diff, p, i, first);
 #endif
-    const char* const rest = p + size_t(i) * 8;
+    const char* const rest = p + static_cast<size_t>(i) * 8;
     const int nrest = n - i;
     for (int j = 0; j < nrest; j++) diff |= load<uint64_t>(rest, j) ^ first;
     if (diff >> 50 != 0) return false;
-    *ret_high = unsigned(first >> 50);
+    *ret_high = static_cast<unsigned>(first >> 50);
     constexpr uint64_t COEFFICIENT = (UINT64_C(1) << 50) - 1;
     if (((diff | first) & COEFFICIENT) >> 16 != 0) {
         *ret_sum = dec64_sum_wide(p, n);
@@ -251,18 +252,21 @@ uint64_t nul_mask(const char* p) {
     const __m256i zero = _mm256_setzero_si256();
     const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
     const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32));
-    return uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(a, zero))) |
-           uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, zero)))) << 32;
+    return static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(a, zero))) |
+           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, zero))))
+               << 32;
 #elif defined(__SSE2__)
     uint64_t mask = 0;
     for (int i = 0; i < 4; i++) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p) + i);
-        mask |= uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())))) << (16 * i);
+        mask |= static_cast<uint64_t>(
+                    static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128()))))
+                << (16 * i);
     }
     return mask;
 #else
     uint64_t mask = 0;
-    for (int i = 0; i < 64; i++) mask |= uint64_t(p[i] == 0) << i;
+    for (int i = 0; i < 64; i++) mask |= static_cast<uint64_t>(p[i] == 0) << i;
     return mask;
 #endif
 }
@@ -272,7 +276,7 @@ uint64_t nul_mask(const char* p) {
 template <int k>
 uint64_t put_some(uint32_t* out, uint64_t mask, uint32_t at) {
     for (int j = 0; j < k; j++) {
-        out[j] = at + uint32_t(__builtin_ctzll(mask | uint64_t(1) << 63));
+        out[j] = at + static_cast<uint32_t>(__builtin_ctzll(mask | uint64_t{1} << 63));
         mask &= mask - 1;
     }
     return mask;
@@ -306,13 +310,14 @@ int64_t sum_texts(int64_t* ret_ntext, const char* p, size_t sz) {
     constexpr int ROOM = 1024;
     uint32_t buf[1 + ROOM + 64 + OVERRUN];  // the end before the first one, then the ends
     uint32_t* const end = buf + 1;
-    end[-1] = uint32_t(-1);
+    end[-1] = static_cast<uint32_t>(-1);
     int64_t sum = 0, ntext = 0;
     for (size_t at = 0; at < sz;) {
         int n = 0;
-        for (; n <= ROOM && at + 64 <= sz; at += 64) n += put_bits(end + n, nul_mask(p + at), uint32_t(at));
+        for (; n <= ROOM && at + 64 <= sz; at += 64)
+            n += put_bits(end + n, nul_mask(p + at), static_cast<uint32_t>(at));
         if (n <= ROOM && at < sz) {
-            n += put_bits(end + n, nul_mask_tail(p + at, sz - at), uint32_t(at));
+            n += put_bits(end + n, nul_mask_tail(p + at, sz - at), static_cast<uint32_t>(at));
             at = sz;
         }
         uint32_t part = 0;
@@ -329,10 +334,10 @@ int find_texts(uint32_t* ret_end, int max, const char* p, size_t sz) {
     int n = 0;
     for (size_t at = 0; at < sz && n < max; at += 64) {
         uint32_t end[64 + OVERRUN];
-        const int k =
-            put_bits(end, at + 64 <= sz ? nul_mask(p + at) : nul_mask_tail(p + at, sz - at), uint32_t(at));
+        const int k = put_bits(end, at + 64 <= sz ? nul_mask(p + at) : nul_mask_tail(p + at, sz - at),
+                               static_cast<uint32_t>(at));
         const int take = k < max - n ? k : max - n;
-        memcpy(ret_end + n, end, size_t(take) * sizeof(*end));
+        memcpy(ret_end + n, end, static_cast<size_t>(take) * sizeof(*end));
         n += take;
     }
     return n;
@@ -340,17 +345,17 @@ int find_texts(uint32_t* ret_end, int max, const char* p, size_t sz) {
 
 int select_i32(int32_t* ret_index, const char* p, int n, int32_t lo, int32_t hi) {
     if (lo > hi) return 0;
-    const uint32_t width = uint32_t(hi) - uint32_t(lo);
+    const uint32_t width = static_cast<uint32_t>(hi) - static_cast<uint32_t>(lo);
     constexpr int STEP = 256;
     int k = 0;
     for (int i = 0; i < n; i += STEP) {
         const int m = n - i < STEP ? n - i : STEP;
         uint32_t hits = 0;
-        for (int j = 0; j < m; j++) hits += load<uint32_t>(p, i + j) - uint32_t(lo) <= width;
+        for (int j = 0; j < m; j++) hits += load<uint32_t>(p, i + j) - static_cast<uint32_t>(lo) <= width;
         if (hits == 0) continue;
         for (int j = 0; j < m; j++) {
             ret_index[k] = i + j;
-            k += load<uint32_t>(p, i + j) - uint32_t(lo) <= width;
+            k += load<uint32_t>(p, i + j) - static_cast<uint32_t>(lo) <= width;
         }
     }
     return k;

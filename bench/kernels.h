@@ -5,8 +5,8 @@
 #ifndef BENCH_KERNELS_H
 #define BENCH_KERNELS_H
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 // How many values dec64_block takes at once.
 constexpr int DEC64_BLOCK = 2048;

@@ -1,5 +1,5 @@
 // Chooses among the instruction sets that kernels.cpp was compiled for.
-#include <cstring>
+#include <string.h>
 
 #include "bench/kernels.h"
 

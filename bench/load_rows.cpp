@@ -13,14 +13,14 @@
 //   51  1  linestatus     one character
 //   52 12  shipdate, commitdate, receiptdate, int32, days since 1970-01-01
 //   64     one length byte and the bytes of shipmode, one length byte and the bytes of comment
+#include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "bench/cvn_bench.h"
@@ -48,13 +48,13 @@ rows_t read_rows(const char* path) {
     const int fd = open(path, O_RDONLY);
     struct stat st;
     if (fd < 0 || fstat(fd, &st) != 0) fail("%s: %s", path, strerror(errno));
-    rows.sz = size_t(st.st_size);
+    rows.sz = static_cast<size_t>(st.st_size);
     rows.data.reset(new char[rows.sz + 1]);
     for (size_t at = 0; at < rows.sz;) {
-        const ssize_t n = pread(fd, rows.data.get() + at, rows.sz - at, off_t(at));
+        const ssize_t n = pread(fd, rows.data.get() + at, rows.sz - at, static_cast<off_t>(at));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) fail("%s: %s", path, n < 0 ? strerror(errno) : "shorter than it was");
-        at += size_t(n);
+        at += static_cast<size_t>(n);
     }
     close(fd);
     if (rows.sz < HEADSZ || memcmp(rows.data.get(), "LIROWS1\n", 8) != 0) fail("%s: not a row file", path);
@@ -65,7 +65,7 @@ rows_t read_rows(const char* path) {
         if (rows.sz - at < FIXEDSZ + 1) fail("%s: row %lld is cut off", path, static_cast<long long>(r));
         at += FIXEDSZ;
         for (int text = 0; text < 2; text++) {
-            const size_t len = at < rows.sz ? uint8_t(rows.data[at]) : 0;
+            const size_t len = at < rows.sz ? static_cast<uint8_t>(rows.data[at]) : 0;
             if (rows.sz - at < 1 + len) fail("%s: row %lld is cut off", path, static_cast<long long>(r));
             at += 1 + len;
         }
@@ -78,11 +78,11 @@ rows_t read_rows(const char* path) {
 decDouble dec64_of_hundredths(int64_t hundredths) {
     constexpr uint64_t EXPONENT = 398 - 2;
     constexpr uint64_t HIGH = (EXPONENT >> 8) << 61 | (EXPONENT & 0xff) << 50;
-    uint64_t amount = hundredths < 0 ? -uint64_t(hundredths) : uint64_t(hundredths);
+    uint64_t amount = hundredths < 0 ? -static_cast<uint64_t>(hundredths) : static_cast<uint64_t>(hundredths);
     if (amount >= UINT64_C(1000000000000000)) fail("a quantity has more than 15 digits");
-    uint64_t bits = HIGH | (hundredths < 0 ? uint64_t(1) << 63 : 0);
+    uint64_t bits = HIGH | (hundredths < 0 ? uint64_t{1} << 63 : 0);
     for (int shift = 0; amount > 0; shift += 10) {
-        bits |= uint64_t(DPD_OF[amount % 1000]) << shift;
+        bits |= static_cast<uint64_t>(DPD_OF[amount % 1000]) << shift;
         amount /= 1000;
     }
     decDouble ret;
@@ -104,7 +104,7 @@ cvn_t* create(const char* coldef, const char* out) {
     if (rc != 0) fail("column definitions: code %d", rc);
     if (ndef != NCOL) fail("a row has %d columns, not %d", NCOL, ndef);
     for (int c = 0; c < NCOL; c++)
-        if ((def[c].typ & 0xffff) != STORAGE[c])
+        if (cvn_storage(def[c].typ) != STORAGE[c])
             fail("column %d (%.127s) is to be stored as %s", c + 1, def[c].name, cvn_typ_str(STORAGE[c]));
     cvn_t* w = nullptr;
     rc = cvn_create(&w, out);
@@ -149,9 +149,9 @@ void load_rows(const char* coldef, const char* rows_path, const char* out) {
         datum[11].i = load<int32_t>(p + 56);
         datum[12].i = load<int32_t>(p + 60);
         char* const mode = p + FIXEDSZ + 1;
-        char* const mode_end = mode + uint8_t(mode[-1]);
+        char* const mode_end = mode + static_cast<uint8_t>(mode[-1]);
         char* const comment = mode_end + 1;
-        char* const comment_end = comment + uint8_t(mode_end[0]);
+        char* const comment_end = comment + static_cast<uint8_t>(mode_end[0]);
         datum[13].t = mode;
         datum[14].t = comment;
         // The texts end in a NUL where they lie: the first takes the place of a length that is known by now,

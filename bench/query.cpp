@@ -1,5 +1,6 @@
 // A scan over the network, decoded: what a client gets from a daemon, rows a second.
-#include <cstdio>
+#include <stdio.h>
+
 #include <string>
 #include <vector>
 

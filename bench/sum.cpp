@@ -2,15 +2,15 @@
 // decompressed just before its values are added up, into one buffer that all share, so that the values are
 // still in the processor's cache and no memory is touched that is not needed. A selective scan looks at the
 // dates first: of the other columns it decompresses no more than the part that ends with the last row wanted.
+#include <errno.h>
 #include <fcntl.h>
 #include <lz4.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,18 +54,18 @@ struct sum_t {
 
 // The sizes in a page header are claims of the file.
 void check_page(const cvn_page_t* page) {
-    const int64_t mapsz = (int64_t(page->nrow) + 7) / 8;
+    const int64_t mapsz = (static_cast<int64_t>(page->nrow) + 7) / 8;
     const int width = cvn_typlen(page->typ);
     if (page->nrow < 0 || page->nbyte < 0 || page->zbyte < 0 || page->nmapoff < 0 ||
-        page->nmapoff + mapsz > page->nbyte || page->nbyte > int64_t(page->zbyte) * 255 ||
-        (width > 0 && int64_t(page->nrow) * width > page->nmapoff))
+        page->nmapoff + mapsz > page->nbyte || page->nbyte > static_cast<int64_t>(page->zbyte) * 255 ||
+        (width > 0 && static_cast<int64_t>(page->nrow) * width > page->nmapoff))
         fail("column %d: a page whose sizes do not agree", page->cno);
 }
 
 // Returns at least the first `need` bytes of the page's values. Valid until the next call.
 const char* page_body(sum_t* s, const cvn_page_t* page, int need) {
     if (page->zbyte == page->nbyte) return page->buf;
-    char* dst = scratch_room(&s->body, size_t(page->nbyte));
+    char* dst = scratch_room(&s->body, static_cast<size_t>(page->nbyte));
     int n;
     if (need < page->nbyte) {
         n = LZ4_decompress_safe_partial(page->buf, dst, page->zbyte, need, page->nbyte);
@@ -87,7 +87,7 @@ void add_gathered(sum_t* s, total_t* total, const char* body, const char* map, i
         int k = 0;
         for (const int end = std::min(n, i + BLOCK); i < end; i++) {
             const int row = row_of(i);
-            memcpy(s->block + k * width, body + size_t(row) * width, width);
+            memcpy(s->block + k * width, body + static_cast<size_t>(row) * width, width);
             k += !map || !is_null(map, row);
         }
         total_add(total, s->kernels, s->block, k);
@@ -110,18 +110,19 @@ void add_texts(sum_t* s, total_t* total, const cvn_page_t* page, const char* bod
     // A NULL holds an empty text, which adds nothing.
     if (!s->args->select) {
         int64_t ntext;
-        const int64_t length = s->kernels->sum_texts(&ntext, body, size_t(page->nmapoff));
+        const int64_t length = s->kernels->sum_texts(&ntext, body, static_cast<size_t>(page->nmapoff));
         if (ntext != page->nrow) refuse();
         total_add_length(total, length);
         return;
     }
-    const int upto = s->wanted[size_t(s->nwanted) - 1] + 1;
-    if (s->ends.size() < size_t(upto)) s->ends.resize(size_t(upto));
-    if (s->kernels->find_texts(s->ends.data(), upto, body, size_t(page->nmapoff)) < upto) refuse();
+    const int upto = s->wanted[static_cast<size_t>(s->nwanted) - 1] + 1;
+    if (s->ends.size() < static_cast<size_t>(upto)) s->ends.resize(static_cast<size_t>(upto));
+    if (s->kernels->find_texts(s->ends.data(), upto, body, static_cast<size_t>(page->nmapoff)) < upto)
+        refuse();
     int64_t length = 0;
     for (int i = 0; i < s->nwanted; i++) {
-        const int row = s->wanted[size_t(i)];
-        length += s->ends[size_t(row)] - (row > 0 ? s->ends[size_t(row) - 1] + 1 : 0);
+        const int row = s->wanted[i];
+        length += s->ends[row] - (row > 0 ? s->ends[static_cast<size_t>(row) - 1] + 1 : 0);
     }
     total_add_length(total, length);
 }
@@ -135,7 +136,7 @@ void add_byteas(sum_t* s, total_t* total, const cvn_page_t* page, const char* bo
         if (len < 0 || len > page->nmapoff - at - 4)
             fail("column %d: byte strings that are not one per row", page->cno);
         at += 4 + len;
-        const bool wanted = !s->args->select || (next < s->nwanted && s->wanted[size_t(next)] == row);
+        const bool wanted = !s->args->select || (next < s->nwanted && s->wanted[next] == row);
         next += wanted;
         if (wanted) length += len;
     }
@@ -156,7 +157,8 @@ void add_page(sum_t* s, total_t* total, const cvn_page_t* page) {
         return;
     }
     const bool nulls = page->nnull != 0;
-    const int need = select && !nulls ? (s->wanted[size_t(s->nwanted) - 1] + 1) * width : page->nbyte;
+    const int need =
+        select && !nulls ? (s->wanted[static_cast<size_t>(s->nwanted) - 1] + 1) * width : page->nbyte;
     const char* body = page_body(s, page, need);
     const char* map = nulls ? body + page->nmapoff : nullptr;
     if (select) {
@@ -169,7 +171,7 @@ void add_page(sum_t* s, total_t* total, const cvn_page_t* page) {
         for (int end = page->nrow; end > 0;) {
             const int k = (end - 1) % (4 * BLOCK) + 1;
             end -= k;
-            total_add(total, s->kernels, body + size_t(end) * size_t(width), k);
+            total_add(total, s->kernels, body + static_cast<size_t>(end) * static_cast<size_t>(width), k);
         }
     }
 }
@@ -178,14 +180,15 @@ void add_page(sum_t* s, total_t* total, const cvn_page_t* page) {
 void select_rows(sum_t* s, const cvn_page_t* page) {
     check_page(page);
     const char* body = page_body(s, page, page->nbyte);
-    if (s->wanted.size() < size_t(page->nrow) + 64) s->wanted.resize(size_t(page->nrow) + 64);
+    if (s->wanted.size() < static_cast<size_t>(page->nrow) + 64)
+        s->wanted.resize(static_cast<size_t>(page->nrow) + 64);
     int32_t* rows = s->wanted.data();
     s->nwanted = s->kernels->select_i32(rows, body, page->nrow, s->args->lo, s->args->hi);
     if (page->nnull == 0) return;
     const char* map = body + page->nmapoff;
     const int32_t* end =
         std::remove_if(rows, rows + s->nwanted, [map](int row) { return is_null(map, row); });
-    s->nwanted = int(end - rows);
+    s->nwanted = static_cast<int>(end - rows);
 }
 
 void must(int rc, const char* file, const char* what) {
@@ -217,7 +220,7 @@ outcome_t sum_once(sum_t* s) {
     std::vector<std::string> required = names;
     size_t by = 0;
     if (args.select) {
-        by = size_t(std::find(names.begin(), names.end(), args.by) - names.begin());
+        by = static_cast<size_t>(std::find(names.begin(), names.end(), args.by) - names.begin());
         if (by == names.size()) required.push_back(args.by);
     }
     std::vector<total_t> totals(names.size());
@@ -225,7 +228,7 @@ outcome_t sum_once(sum_t* s) {
         must(cvn_scan_add_required(scan, required[i].c_str()), args.file, required[i].c_str());
         const cvn_typ_t typ = coldef[scan->reqcol[i]].typ;
         if (i < totals.size()) totals[i].typ = typ;
-        if (args.select && i == by && (typ & 0xffff) != CVN_TYP_INT32)
+        if (args.select && i == by && cvn_storage(typ) != CVN_TYP_INT32)
             fail("%s is not stored as int32", args.by.c_str());
     }
     if (args.select) {
@@ -246,7 +249,8 @@ outcome_t sum_once(sum_t* s) {
         const auto read_page = [&](size_t k) {
             cvn_page_t* page;
             colmeta_t meta;
-            must(cvn_scan_page(scan, rg, int(k), &page, args.whole), args.file, required[k].c_str());
+            must(cvn_scan_page(scan, rg, static_cast<int>(k), &page, args.whole), args.file,
+                 required[k].c_str());
             must(cvn_scan_colmeta(scan, rg, page->cno, &meta), args.file, "chunk record");
             nread += meta.zbyte;
             return page;

@@ -1,8 +1,9 @@
 #include "bench/total.h"
 
+#include <stdio.h>
+#include <string.h>
+
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <vector>
 
 #include "bench/dpd.h"
@@ -38,8 +39,9 @@ void add_dec64(decimal_total_t* total, unsigned high14, unsigned __int128 coeffi
         total->special = true;
         return;
     }
-    const int exponent = int(comb.exponent_high << 8 | (high14 & 0xff)) - 398;
-    const __int128 sum = __int128(coefficients) + __int128(comb.first_digit) * INT64_C(1000000000000000) * n;
+    const int exponent = static_cast<int>(comb.exponent_high << 8 | (high14 & 0xff)) - 398;
+    const __int128 sum = static_cast<__int128>(coefficients) +
+                         static_cast<__int128>(comb.first_digit) * INT64_C(1000000000000000) * n;
     total->parts[exponent].low += high14 >> 13 ? -sum : sum;
 }
 
@@ -56,10 +58,10 @@ void add_dec64_values(decimal_total_t* total, const kernels_t* kernels, const ch
                 uint64_t coefficient = 0;
                 for (int shift = 40; shift >= 0; shift -= 10)
                     coefficient = coefficient * 1000 + DPD_VALUE[v >> shift & 1023];
-                add_dec64(total, unsigned(v >> 50), coefficient, 1);
+                add_dec64(total, static_cast<unsigned>(v >> 50), coefficient, 1);
             }
         }
-        p += size_t(k) * 8;
+        p += static_cast<size_t>(k) * 8;
         n -= k;
     }
 }
@@ -67,7 +69,7 @@ void add_dec64_values(decimal_total_t* total, const kernels_t* kernels, const ch
 void add_dec128_values(decimal_total_t* total, const char* p, int n) {
     for (int i = 0; i < n; i++, p += 16) {
         const auto v = load<unsigned __int128>(p);
-        const combination_t comb = combination(unsigned(v >> 122) & 31);
+        const combination_t comb = combination(static_cast<unsigned>(v >> 122) & 31);
         if (!comb.finite) {
             total->special = true;
             continue;
@@ -75,8 +77,9 @@ void add_dec128_values(decimal_total_t* total, const char* p, int n) {
         // 34 digits: the first one and eleven declets of three.
         unsigned __int128 coefficient = comb.first_digit;
         for (int shift = 100; shift >= 0; shift -= 10)
-            coefficient = coefficient * 1000 + DPD_VALUE[unsigned(v >> shift) & 1023];
-        const int exponent = int(comb.exponent_high << 12 | (unsigned(v >> 110) & 0xfff)) - 6176;
+            coefficient = coefficient * 1000 + DPD_VALUE[static_cast<unsigned>(v >> shift) & 1023];
+        const int exponent =
+            static_cast<int>(comb.exponent_high << 12 | (static_cast<unsigned>(v >> 110) & 0xfff)) - 6176;
         decimal_total_t::part_t& part = total->parts[exponent];
         const __int128 high = coefficient / TEN17, low = coefficient % TEN17;
         const bool negative = v >> 127;
@@ -88,7 +91,7 @@ void add_dec128_values(decimal_total_t* total, const char* p, int n) {
 std::string whole_text(__int128 v) {
     unsigned __int128 rest = v < 0 ? -static_cast<unsigned __int128>(v) : v;
     std::string text;
-    do text.insert(text.begin(), char('0' + int(rest % 10)));
+    do text.insert(text.begin(), static_cast<char>('0' + static_cast<int>(rest % 10)));
     while (rest /= 10);
     return v < 0 ? "-" + text : text;
 }
@@ -97,7 +100,7 @@ std::string whole_text(__int128 v) {
 void add_digits(std::vector<int>* digits, size_t at, __int128 v) {
     for (; v != 0; v /= 10, at++) {
         if (digits->size() <= at) digits->resize(at + 1);
-        (*digits)[at] += int(v % 10);
+        (*digits)[at] += static_cast<int>(v % 10);
     }
 }
 
@@ -127,16 +130,16 @@ std::string decimal_text(const decimal_total_t& total) {
     const int exponent = total.parts.begin()->first;
     std::vector<int> digits;
     for (const auto& [e, part] : total.parts) {
-        add_digits(&digits, size_t(e - exponent), part.low);
-        add_digits(&digits, size_t(e - exponent) + 17, part.high);
+        add_digits(&digits, static_cast<size_t>(e - exponent), part.low);
+        add_digits(&digits, static_cast<size_t>(e - exponent) + 17, part.high);
     }
     const bool negative = settle(&digits) < 0;
-    const size_t places = exponent < 0 ? size_t(-exponent) : 0;
+    const size_t places = exponent < 0 ? static_cast<size_t>(-exponent) : 0;
     while (!digits.empty() && digits.back() == 0) digits.pop_back();
     if (digits.size() <= places) digits.resize(places + 1);
     std::string text = negative ? "-" : "";
     for (size_t i = digits.size(); i-- > 0;) {
-        text += char('0' + digits[i]);
+        text += static_cast<char>('0' + digits[i]);
         if (i == places && places > 0) text += '.';
     }
     if (exponent > 0) text += "E+" + std::to_string(exponent);
@@ -173,14 +176,14 @@ void total_add(total_t* total, const kernels_t* kernels, const char* p, int n) {
         total->any = true;
         return;
     }
-    switch (total->typ & 0xffff) {
+    switch (cvn_storage(total->typ)) {
         case CVN_TYP_BOOL: total->whole += kernels->sum_u8(p, n); break;
         case CVN_TYP_INT16: total->whole += kernels->sum_i16(p, n); break;
         case CVN_TYP_INT32: total->whole += kernels->sum_i32(p, n); break;
         case CVN_TYP_INT64: total->whole += kernels->sum_i64(p, n); break;
         case CVN_TYP_INT128: {
             auto sum = static_cast<unsigned __int128>(total->whole);  // wraps
-            for (int i = 0; i < n; i++) sum += load<unsigned __int128>(p + size_t(i) * 16);
+            for (int i = 0; i < n; i++) sum += load<unsigned __int128>(p + static_cast<size_t>(i) * 16);
             total->whole = static_cast<__int128>(sum);
             break;
         }
@@ -197,9 +200,10 @@ void total_add_length(total_t* total, int64_t length) { total->whole += length; 
 std::string total_text(const total_t& total) {
     if (largest(total.typ)) {
         if (!total.any) return "null";
-        return total.typ == CVN_TYP_DATE ? date_text(int64_t(total.whole)) : whole_text(total.whole);
+        return total.typ == CVN_TYP_DATE ? date_text(static_cast<int64_t>(total.whole))
+                                         : whole_text(total.whole);
     }
-    switch (total.typ & 0xffff) {
+    switch (cvn_storage(total.typ)) {
         case CVN_TYP_FLOAT:
         case CVN_TYP_DOUBLE: {
             char text[32];

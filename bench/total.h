@@ -2,8 +2,9 @@
 #ifndef BENCH_TOTAL_H
 #define BENCH_TOTAL_H
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <map>
 #include <string>
 

@@ -3,12 +3,12 @@
 #ifndef KELPD_FUZZ_FUZZ_CLIENT_H
 #define KELPD_FUZZ_FUZZ_CLIENT_H
 
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <xxhash.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>

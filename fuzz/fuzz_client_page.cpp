@@ -6,8 +6,9 @@
 //   byte 3      the condition's value
 //   16 bytes    nrow, nnull, nmapoff, nbyte
 //   the rest    the stored body
+#include <math.h>
+
 #include <algorithm>
-#include <cmath>
 
 #include "fuzz/fuzz_client.h"
 

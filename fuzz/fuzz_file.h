@@ -3,12 +3,11 @@
 #ifndef KELPD_FUZZ_FUZZ_FILE_H
 #define KELPD_FUZZ_FUZZ_FILE_H
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <string>
 

@@ -2,7 +2,6 @@
 // buffers are exactly as large as they are said to be. What decodes must be what the checked decoder makes of
 // it.
 #include <lz4.h>
-
 #include <stdlib.h>
 #include <string.h>
 

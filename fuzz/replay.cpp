@@ -1,8 +1,9 @@
 // Runs a fuzz target over files: each argument is an input, or a folder of inputs. Where there is no
 // libFuzzer this is what ctest calls with the corpus. Prints how many inputs it ran; none at all is a
 // failure.
-#include <cstdint>
-#include <cstdio>
+#include <stdint.h>
+#include <stdio.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -24,13 +25,13 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; i++) {
         if (!std::filesystem::is_directory(argv[i])) {
             run(argv[i]);
-            ++n;
+            n++;
             continue;
         }
         for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
             if (!entry.is_regular_file()) continue;
             run(entry.path());
-            ++n;
+            n++;
         }
     }
     printf("%d inputs\n", n);

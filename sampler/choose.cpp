@@ -41,14 +41,14 @@ void row_choice_t::draw() {
 void row_choice_t::take(uint32_t nrow, std::vector<uint32_t>* ret_rows) {
     ret_rows->clear();
     if (drawn_) {
-        for (; row_next_ < row_.size() && row_[row_next_] - next_ < nrow; ++row_next_)
+        for (; row_next_ < row_.size() && row_[row_next_] - next_ < nrow; row_next_++)
             ret_rows->push_back(static_cast<uint32_t>(row_[row_next_] - next_));
         nleft_ = row_.size() - row_next_;
     } else {
-        for (uint32_t i = 0; i < nrow && nleft_ > 0; ++i) {
+        for (uint32_t i = 0; i < nrow && nleft_ > 0; i++) {
             if (nleft_ < total_left_ - i && below(total_left_ - i) >= nleft_) continue;
             ret_rows->push_back(i);
-            --nleft_;
+            nleft_--;
         }
     }
     next_ += nrow;

@@ -5,7 +5,8 @@
 #ifndef KELPD_SAMPLER_CHOOSE_H
 #define KELPD_SAMPLER_CHOOSE_H
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <random>
 #include <vector>
 

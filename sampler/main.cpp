@@ -1,13 +1,13 @@
 // cvnsamp: a uniform sample of data files, as one data file on standard output.
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/random.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
@@ -62,7 +62,7 @@ bool random_seed(uint64_t* ret) {
 int main(int argc, char** argv) {
     std::vector<std::string> operand;
     bool options = true;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; i++) {
         const std::string_view arg = argv[i];
         if (options && (arg == "-h" || arg == "--help")) {
             fputs(HELP, stdout);

@@ -108,7 +108,7 @@ void compare(const std::vector<rows::file_column_t>& first, const std::vector<ro
     if (first.size() != column.size())
         fail(path, "has not the same schema" + where + ": " + std::to_string(column.size()) +
                        " columns, not " + std::to_string(first.size()));
-    for (size_t c = 0; c < first.size(); ++c)
+    for (size_t c = 0; c < first.size(); c++)
         if (first[c].name != column[c].name || first[c].typ != column[c].typ)
             fail(path, "has not the same schema" + where + ": column " + std::to_string(c + 1) + " is '" +
                            column[c].name + "' " + cvn_typ_str(column[c].typ) + ", not '" + first[c].name +
@@ -249,7 +249,7 @@ uint64_t sample_files(int out, uint64_t nrow, uint64_t seed, const std::vector<s
     }
     row_choice_t choice(seed, nrow, static_cast<uint64_t>(total));
     const uint64_t chosen = choice.left();
-    for (size_t i = 0; i < files.size() && choice.left() > 0; ++i) {
+    for (size_t i = 0; i < files.size() && choice.left() > 0; i++) {
         if (source[i].nrow > 0)
             sample_file(writer.get(), &choice, source[i], column.size(), files[i], pool, tmpdir);
     }

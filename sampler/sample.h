@@ -2,7 +2,8 @@
 #ifndef KELPD_SAMPLER_SAMPLE_H
 #define KELPD_SAMPLER_SAMPLE_H
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -2,8 +2,9 @@
 #ifndef KELPD_TOOLS_COMMANDS_H
 #define KELPD_TOOLS_COMMANDS_H
 
+#include <stdint.h>
+
 #include <CLI/CLI.hpp>
-#include <cstdint>
 #include <string>
 
 #include "tools/tool.h"

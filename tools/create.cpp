@@ -29,7 +29,7 @@
 namespace {
 
 constexpr char USAGE[] = "cvn create OUT.cvn IN.csv";
-constexpr size_t SAMPLE_MAXSZ = size_t(64) << 20;  // of text; types are chosen from no more, however few rows
+constexpr size_t SAMPLE_MAXSZ = size_t{64} << 20;  // of text; types are chosen from no more, however few rows
 
 struct create_opts_t {
     std::string out;
@@ -126,10 +126,10 @@ inline void output_append(output_t* output, const cvn_datum_t* datum, const bool
     if (output->opts->rows > 0 && output->nrow == output->opts->rows) output_close(output);
     if (!output->writer) [[unlikely]]
         output_open(output);
-    const int code = cvn_append(output->writer, int(output->coldef->size()), datum, isnull);
+    const int code = cvn_append(output->writer, static_cast<int>(output->coldef->size()), datum, isnull);
     if (code != 0) [[unlikely]]
         output_fail(output, code);
-    ++output->nrow;
+    output->nrow++;
 }
 
 // Refuses to leave files of an older, longer series behind the new one: whoever reads the directory would
@@ -161,7 +161,7 @@ void check_older_series(const output_t& output) {
         "no "
         "longer wanted (nothing was changed)",
         slash == std::string::npos ? "" : path, first, left == 1 ? "" : fmt::format(" and {} more", left - 1),
-        tool_counted(int64_t(output.file.size()), "file", "files")));
+        tool_counted(static_cast<int64_t>(output.file.size()), "file", "files")));
 }
 
 // Gives a file its name, in exchange for the older one where the file system can do that.
@@ -243,8 +243,8 @@ void match_header(input_t* input) {
     const csv_t& csv = input->csv;
     input->field_of.assign(input->name.size(), -1);
     std::unordered_map<std::string_view, size_t> column;
-    for (size_t c = 0; c < input->name.size(); ++c) column.emplace(input->name[c], c);
-    for (size_t i = 0; i < csv.nfield; ++i) {
+    for (size_t c = 0; c < input->name.size(); c++) column.emplace(input->name[c], c);
+    for (size_t i = 0; i < csv.nfield; i++) {
         const std::string_view text(csv.field[i].ptr, csv.field[i].len);
         const auto it = column.find(text);
         if (it == column.end()) {
@@ -257,9 +257,9 @@ void match_header(input_t* input) {
         if (*field >= 0)
             throw tool_error(
                 fmt::format("{}:{}: the header names {} twice", csv.name, csv.line, tool_quote(text)));
-        *field = int(i);
+        *field = static_cast<int>(i);
     }
-    for (size_t c = 0; c < input->name.size(); ++c)
+    for (size_t c = 0; c < input->name.size(); c++)
         if (input->field_of[c] < 0)
             throw tool_error(fmt::format(
                 "{}:{}: the header has no column {}{}", csv.name, csv.line, tool_quote(input->name[c]),
@@ -269,7 +269,7 @@ void match_header(input_t* input) {
 // Takes the columns' names from the header row.
 void name_columns(input_t* input) {
     const csv_t& csv = input->csv;
-    for (size_t i = 0; i < csv.nfield; ++i) {
+    for (size_t i = 0; i < csv.nfield; i++) {
         const std::string_view text(csv.field[i].ptr, csv.field[i].len);
         const char* const why = schema_name_fault(text);
         if (why)
@@ -282,7 +282,7 @@ void name_columns(input_t* input) {
 
 // Whether the row looks as if its input ended lines in CR alone, so that all of them came as one.
 bool has_bare_cr(const csv_t& csv) {
-    for (size_t i = 0; i < csv.nfield; ++i)
+    for (size_t i = 0; i < csv.nfield; i++)
         if (!csv.field[i].quoted && memchr(csv.field[i].ptr, '\r', csv.field[i].len)) return true;
     return false;
 }
@@ -329,19 +329,20 @@ inline bool next_row(input_t* input) {
         if (csv.nfield != ncol || ncol == 1 || input->field_of.empty()) [[unlikely]] {
             if (is_blank(csv) && ncol != 1) continue;
             if (input->name.empty())  // no header: the first row tells how many columns there are
-                for (size_t i = 0; i < csv.nfield; ++i) input->name.push_back(fmt::format("c{}", i + 1));
+                for (size_t i = 0; i < csv.nfield; i++) input->name.push_back(fmt::format("c{}", i + 1));
             if (csv.nfield != input->name.size()) {
                 const char* const hint = has_bare_cr(csv)  ? CR_HINT
                                          : csv.nfield == 1 ? "is another --delimiter needed?"
                                                            : "";
-                throw tool_error(fmt::format("{}:{}: the row has {}, but there {} {}{}{}", csv.name, csv.line,
-                                             tool_counted(int64_t(csv.nfield), "field", "fields"),
-                                             input->name.size() == 1 ? "is" : "are",
-                                             tool_counted(int64_t(input->name.size()), "column", "columns"),
-                                             *hint ? "; " : "", hint));
+                throw tool_error(
+                    fmt::format("{}:{}: the row has {}, but there {} {}{}{}", csv.name, csv.line,
+                                tool_counted(static_cast<int64_t>(csv.nfield), "field", "fields"),
+                                input->name.size() == 1 ? "is" : "are",
+                                tool_counted(static_cast<int64_t>(input->name.size()), "column", "columns"),
+                                *hint ? "; " : "", hint));
             }
             if (input->field_of.empty())
-                for (size_t i = 0; i < csv.nfield; ++i) input->field_of.push_back(int(i));
+                for (size_t i = 0; i < csv.nfield; i++) input->field_of.push_back(static_cast<int>(i));
         }
         return true;
     }
@@ -402,7 +403,7 @@ void convert_row(convert_t* convert, const csv_field_t* fields, const int* field
     bool* const isnull = convert->isnull.get();
     const int* const fast = convert->fast.data();
     const bool null_given = convert->opts->null_given;
-    for (size_t c = 0; c < ncol; ++c) {
+    for (size_t c = 0; c < ncol; c++) {
         const csv_field_t& field = fields[field_of[c]];
         if (null_given) [[unlikely]]
             isnull[c] = is_null(*convert->opts, field);
@@ -422,14 +423,16 @@ void convert_row(convert_t* convert, const csv_field_t* fields, const int* field
                     continue;
                 break;
             case CVN_TYP_INT32:
-                if (rows::value_fast_int(field.ptr, field.len, &v) && int32_t(v) == v) [[likely]] {
-                    datum[c].i = int32_t(v);
+                if (rows::value_fast_int(field.ptr, field.len, &v) && static_cast<int32_t>(v) == v)
+                    [[likely]] {
+                    datum[c].i = static_cast<int32_t>(v);
                     continue;
                 }
                 break;
             case CVN_TYP_INT16:
-                if (rows::value_fast_int(field.ptr, field.len, &v) && int16_t(v) == v) [[likely]] {
-                    datum[c].s = int16_t(v);
+                if (rows::value_fast_int(field.ptr, field.len, &v) && static_cast<int16_t>(v) == v)
+                    [[likely]] {
+                    datum[c].s = static_cast<int16_t>(v);
                     continue;
                 }
                 break;
@@ -468,17 +471,17 @@ std::vector<cvn_coldef_t> infer(input_t* input, std::deque<sample_t>* sample) {
     const create_opts_t& opts = *input->opts;
     std::vector<schema_guess_t> guess;
     size_t total = 0;
-    while (int64_t(sample->size()) < opts.sample && total < SAMPLE_MAXSZ && next_row(input)) {
+    while (static_cast<int64_t>(sample->size()) < opts.sample && total < SAMPLE_MAXSZ && next_row(input)) {
         const csv_t& csv = input->csv;
         guess.resize(input->name.size());
         sample_t row = {csv.name, csv.line, nullptr, {}};
         size_t size = CSV_PADSZ;
-        for (size_t c = 0; c < guess.size(); ++c) size += csv.field[c].len + 1;
+        for (size_t c = 0; c < guess.size(); c++) size += csv.field[c].len + 1;
         total += size + guess.size() * sizeof(csv_field_t);
         row.text.reset(new char[size]());
         char* to = row.text.get();
-        for (size_t c = 0; c < guess.size(); ++c) {
-            csv_field_t field = csv.field[size_t(input->field_of[c])];
+        for (size_t c = 0; c < guess.size(); c++) {
+            csv_field_t field = csv.field[static_cast<size_t>(input->field_of[c])];
             memcpy(to, field.ptr, field.len);
             field.ptr = to;
             to += field.len + 1;
@@ -491,7 +494,7 @@ std::vector<cvn_coldef_t> infer(input_t* input, std::deque<sample_t>* sample) {
         throw tool_error("the input is empty; there is nothing to choose a schema from (give --schema)");
     guess.resize(input->name.size());
     std::vector<cvn_coldef_t> coldef;
-    for (size_t c = 0; c < guess.size(); ++c) {
+    for (size_t c = 0; c < guess.size(); c++) {
         const cvn_typ_t typ = schema_guess_type(guess[c]);
         coldef.push_back(schema_column(input->name[c], typ, typ == CVN_TYP_CSTR));
     }
@@ -539,31 +542,32 @@ int create_run(create_opts_t opts) {
         coldef = infer(&input, &sample);
         bool exact;
         const std::string text = schema_text(coldef, &exact), shown = format_cell(text, SIZE_MAX);
-        tool_say(fmt::format(
-            "schema chosen from {}{}:\n  --schema {}", tool_counted(int64_t(sample.size()), "row", "rows"),
-            exact && shown == text ? "" : " (one of the names cannot be written so)", shell_quote(shown)));
+        tool_say(fmt::format("schema chosen from {}{}:\n  --schema {}",
+                             tool_counted(static_cast<int64_t>(sample.size()), "row", "rows"),
+                             exact && shown == text ? "" : " (one of the names cannot be written so)",
+                             shell_quote(shown)));
     }
     output_t output;
     output.opts = &opts;
     output.coldef = &coldef;
     convert_t convert;
     convert_begin(&convert, &opts, &coldef);
-    convert.nsample = int64_t(sample.size());
+    convert.nsample = static_cast<int64_t>(sample.size());
     int64_t nrow = 0;
     std::vector<int> straight;
-    for (size_t c = 0; c < coldef.size(); ++c) straight.push_back(int(c));
+    for (size_t c = 0; c < coldef.size(); c++) straight.push_back(static_cast<int>(c));
     for (; !sample.empty(); sample.pop_front()) {
         const sample_t& row = sample.front();
         convert_row(&convert, row.field.data(), straight.data(), true, row.name, row.line);
         output_append(&output, convert.datum.data(), convert.isnull.get());
-        ++nrow;
+        nrow++;
     }
     int64_t seen = 0;
     while (next_row(&input)) {
         const csv_t& csv = input.csv;
         convert_row(&convert, csv.field.data(), input.field_of.data(), csv.has_nul, csv.name, csv.line);
         output_append(&output, convert.datum.data(), convert.isnull.get());
-        ++nrow;
+        nrow++;
         if (csv.nbyte != seen) [[unlikely]] {  // a block is done
             seen = csv.nbyte;
             progress_update(&progress, input.before + seen, nrow);

@@ -27,8 +27,8 @@ __attribute__((always_inline)) inline uint32_t* write_bits(uint32_t* out, uint64
     const int n = __builtin_popcountll(mask);
     uint32_t* w = out;
     while (mask != 0) {
-        for (int i = 0; i < 8; ++i) {
-            w[i] = base + uint32_t(__builtin_ctzll(mask | (uint64_t(1) << 63)));
+        for (int i = 0; i < 8; i++) {
+            w[i] = base + static_cast<uint32_t>(__builtin_ctzll(mask | (uint64_t{1} << 63)));
             mask &= mask - 1;
         }
         w += 8;
@@ -41,21 +41,23 @@ size_t index_sse2(const char* buf, size_t from, size_t to, char delim, uint32_t*
     const __m128i d = _mm_set1_epi8(delim), q = _mm_set1_epi8('"'), n = _mm_set1_epi8('\n');
     for (size_t at = from; at < to; at += 64) {
         uint64_t mask = 0, zero = 0;
-        for (int i = 0; i < 4; ++i) {
+        for (int i = 0; i < 4; i++) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(buf + at + 16 * i));
             const __m128i hit =
                 _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, d), _mm_cmpeq_epi8(v, q)), _mm_cmpeq_epi8(v, n));
-            mask |= uint64_t(uint32_t(_mm_movemask_epi8(hit))) << (16 * i);
-            zero |= uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())))) << (16 * i);
+            mask |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(hit))) << (16 * i);
+            zero |= static_cast<uint64_t>(
+                        static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128()))))
+                    << (16 * i);
         }
         if (to - at < 64) {
-            mask &= (uint64_t(1) << (to - at)) - 1;
-            zero &= (uint64_t(1) << (to - at)) - 1;
+            mask &= (uint64_t{1} << (to - at)) - 1;
+            zero &= (uint64_t{1} << (to - at)) - 1;
         }
         if (zero != 0) *has_nul = true;
-        w = write_bits(w, mask, uint32_t(at));
+        w = write_bits(w, mask, static_cast<uint32_t>(at));
     }
-    return size_t(w - out);
+    return static_cast<size_t>(w - out);
 }
 
 __attribute__((target("avx2,bmi,popcnt"))) size_t index_avx2(const char* buf, size_t from, size_t to,
@@ -70,24 +72,24 @@ __attribute__((target("avx2,bmi,popcnt"))) size_t index_avx2(const char* buf, si
         const __m256i hb = _mm256_or_si256(_mm256_or_si256(_mm256_cmpeq_epi8(b, d), _mm256_cmpeq_epi8(b, q)),
                                            _mm256_cmpeq_epi8(b, n));
         const __m256i zero = _mm256_cmpeq_epi8(_mm256_min_epu8(a, b), _mm256_setzero_si256());
-        uint64_t mask =
-            uint64_t(uint32_t(_mm256_movemask_epi8(ha))) | uint64_t(uint32_t(_mm256_movemask_epi8(hb))) << 32;
+        uint64_t mask = static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(ha))) |
+                        static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(hb))) << 32;
         // Behind `to` lies padding that may be zero: that makes has_nul a false alarm at worst, which costs
         // time only.
         if (_mm256_movemask_epi8(zero) != 0) *has_nul = true;
-        if (to - at < 64) mask &= (uint64_t(1) << (to - at)) - 1;
+        if (to - at < 64) mask &= (uint64_t{1} << (to - at)) - 1;
         const int count = __builtin_popcountll(mask);
         uint32_t* x = w;
         while (mask != 0) {
-            for (int i = 0; i < 8; ++i) {
-                x[i] = uint32_t(at) + uint32_t(_tzcnt_u64(mask));
+            for (int i = 0; i < 8; i++) {
+                x[i] = static_cast<uint32_t>(at) + static_cast<uint32_t>(_tzcnt_u64(mask));
                 mask = _blsr_u64(mask);
             }
             x += 8;
         }
         w += count;
     }
-    return size_t(w - out);
+    return static_cast<size_t>(w - out);
 }
 
 index_fn_t choose_index() {
@@ -145,7 +147,7 @@ void refill(csv_t* csv) {
             csv->eof = true;
             break;
         }
-        csv->top += size_t(n);
+        csv->top += static_cast<size_t>(n);
         csv->nbyte += n;
     }
     if (!csv->started) {
@@ -163,8 +165,8 @@ void refill(csv_t* csv) {
 // Undoes the doubling of quotes in place.
 uint32_t unescape(char* ptr, uint32_t len) {
     uint32_t to = 0;
-    for (uint32_t from = 0; from < len; ++from) {
-        if (ptr[from] == '"') ++from;
+    for (uint32_t from = 0; from < len; from++) {
+        if (ptr[from] == '"') from++;
         ptr[to++] = ptr[from];
     }
     return to;
@@ -188,29 +190,29 @@ bool cut_row(csv_t* csv) {
             if (room >= CSV_MAX_NFIELD)
                 fail(csv, csv->next_line,
                      fmt::format("the row has more than {} fields; is another --delimiter needed?",
-                                 tool_count(int64_t(CSV_MAX_NFIELD))));
+                                 tool_count(static_cast<int64_t>(CSV_MAX_NFIELD))));
             csv->field.resize(std::min(room * 2, CSV_MAX_NFIELD));
             field = csv->field.data();
             room = csv->field.size();
         }
         char* const p = buf + *m;
-        ++m;
+        m++;
         if (*p == delim) [[likely]] {
-            field[nfield++] = {s, uint32_t(p - s), false, false};
+            field[nfield++] = {s, static_cast<uint32_t>(p - s), false, false};
             s = p + 1;
             continue;
         }
         if (*p == '\n') {
             char* e = p;
-            if (e > s && e[-1] == '\r') --e;
-            field[nfield++] = {s, uint32_t(e - s), false, false};
+            if (e > s && e[-1] == '\r') e--;
+            field[nfield++] = {s, static_cast<uint32_t>(e - s), false, false};
             s = p + 1;
             break;
         }
         if (p != s) continue;  // a quote inside a bare field
         bool doubled = false;
         char* q;
-        for (;; ++m) {
+        for (;; m++) {
             if (m == end) {
                 if (csv->eof)
                     fail(csv, csv->next_line,
@@ -218,31 +220,31 @@ bool cut_row(csv_t* csv) {
                 return false;
             }
             q = buf + *m;
-            if (*q == '\n') ++nline;
+            if (*q == '\n') nline++;
             if (*q != '"') continue;
             if (q + 1 >= buf + csv->top) return false;
             if (q[1] != '"') break;
             doubled = true;
-            ++m;  // the second quote of the pair has a position of its own
+            m++;  // the second quote of the pair has a position of its own
         }
-        ++m;
+        m++;
         char* after = q + 1;
         if (*after == '\r') {
             if (after + 1 >= buf + csv->top) return false;
-            if (after[1] == '\n') ++after;
+            if (after[1] == '\n') after++;
         }
         if (*after != delim && *after != '\n')
             fail(csv, csv->next_line + nline - 1,
                  fmt::format("field {} goes on behind its closing quote; write a quote inside quotes as two",
                              nfield + 1));
-        field[nfield++] = {s + 1, uint32_t(q - s - 1), true, doubled};
+        field[nfield++] = {s + 1, static_cast<uint32_t>(q - s - 1), true, doubled};
         escaped |= doubled;
         s = after + 1;
-        ++m;  // the position of the delimiter or line feed
+        m++;  // the position of the delimiter or line feed
         if (*after == '\n') break;
     }
     // Only a complete row may be changed: an incomplete one is cut again.
-    for (size_t i = 0; i < nfield; ++i) {
+    for (size_t i = 0; i < nfield; i++) {
         if (escaped && field[i].escaped) [[unlikely]]
             field[i].len = unescape(field[i].ptr, field[i].len);
         field[i].ptr[field[i].len] = 0;
@@ -250,8 +252,8 @@ bool cut_row(csv_t* csv) {
     csv->nfield = nfield;
     csv->line = csv->next_line;
     csv->next_line += nline;
-    csv->imark = size_t(m - csv->mark.get());
-    csv->cur = size_t(s - buf);
+    csv->imark = static_cast<size_t>(m - csv->mark.get());
+    csv->cur = static_cast<size_t>(s - buf);
     return true;
 }
 
@@ -259,11 +261,11 @@ bool cut_row(csv_t* csv) {
 
 size_t csv_index_plain(const char* buf, size_t from, size_t to, char delim, uint32_t* out, bool* has_nul) {
     uint32_t* w = out;
-    for (size_t at = from; at < to; ++at) {
-        if (buf[at] == delim || buf[at] == '\n' || buf[at] == '"') *w++ = uint32_t(at);
+    for (size_t at = from; at < to; at++) {
+        if (buf[at] == delim || buf[at] == '\n' || buf[at] == '"') *w++ = static_cast<uint32_t>(at);
         if (buf[at] == 0) *has_nul = true;
     }
-    return size_t(w - out);
+    return static_cast<size_t>(w - out);
 }
 
 size_t csv_index(const char* buf, size_t from, size_t to, char delim, uint32_t* out, bool* has_nul) {

@@ -15,10 +15,10 @@ constexpr size_t TABLE_CELL = 60;    // characters of a cell
 
 void csv_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     std::string* const out = &format->out->buf;
-    for (size_t i = 0; i < format->typ.size(); ++i) {
+    for (size_t i = 0; i < format->typ.size(); i++) {
         if (i > 0) *out += ',';
         if (isnull[i]) continue;
-        if ((format->typ[i] & 0xffff) == CVN_TYP_CSTR)
+        if (cvn_storage(format->typ[i]) == CVN_TYP_CSTR)
             format_csv_text(out, datum[i].t);
         else
             rows::value_append_text(out, datum[i], format->typ[i]);
@@ -28,7 +28,7 @@ void csv_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
 
 void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     std::string* const out = &format->out->buf;
-    for (size_t i = 0; i < format->typ.size(); ++i) {
+    for (size_t i = 0; i < format->typ.size(); i++) {
         *out += format->key[i];
         const cvn_typ_t typ = format->typ[i];
         if (isnull[i]) {
@@ -43,7 +43,7 @@ void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
             case CVN_TYP_INT64: rows::value_append_text(out, datum[i], typ); continue;
             case CVN_TYP_FLOAT:
             case CVN_TYP_DOUBLE: {
-                const double v = typ == CVN_TYP_FLOAT ? double(datum[i].f) : datum[i].F;
+                const double v = typ == CVN_TYP_FLOAT ? static_cast<double>(datum[i].f) : datum[i].F;
                 if (v - v == 0) {  // finite
                     rows::value_append_text(out, datum[i], typ);
                     continue;
@@ -54,7 +54,7 @@ void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
             default: break;
         }
         std::string text;
-        if ((typ & 0xffff) == CVN_TYP_CSTR)
+        if (cvn_storage(typ) == CVN_TYP_CSTR)
             text = datum[i].t;
         else
             rows::value_append_text(&text, datum[i], typ);
@@ -65,7 +65,7 @@ void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
 
 void table_line(format_t* format, const std::vector<std::string>& cell) {
     std::string* const out = &format->out->buf;
-    for (size_t i = 0; i < cell.size(); ++i) {
+    for (size_t i = 0; i < cell.size(); i++) {
         if (i > 0) *out += "  ";
         const size_t width = format_width(cell[i]);
         const size_t pad = format->width[i] > width ? format->width[i] - width : 0;
@@ -79,7 +79,7 @@ void table_line(format_t* format, const std::vector<std::string>& cell) {
 void table_head(format_t* format) {
     format->wide_known = true;
     std::vector<std::string> head, rule;
-    for (size_t i = 0; i < format->name.size(); ++i) {
+    for (size_t i = 0; i < format->name.size(); i++) {
         head.push_back(format_cell(format->name[i], TABLE_CELL));
         format->width[i] = format_width(head[i]);
         for (const auto& row : format->held)
@@ -94,7 +94,7 @@ void table_head(format_t* format) {
 
 void table_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     std::vector<std::string> cell;
-    for (size_t i = 0; i < format->typ.size(); ++i) {
+    for (size_t i = 0; i < format->typ.size(); i++) {
         if (isnull[i]) {
             cell.emplace_back("NULL");
             continue;
@@ -147,7 +147,7 @@ size_t format_width(std::string_view text) {
 std::string format_cell(std::string_view text, size_t max) {
     std::string out;
     size_t n = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
+    for (size_t i = 0; i < text.size(); i++) {
         const auto byte = static_cast<unsigned char>(text[i]);
         if ((byte & 0xc0) != 0x80 && ++n > max) return out + "...";
         if (byte == '\n')
@@ -173,14 +173,14 @@ void format_begin(format_t* format, format_kind_t kind, tool_out_t* out, std::ve
     format->typ = std::move(typ);
     format->width.assign(format->name.size(), 0);
     if (kind == FORMAT_CSV) {
-        for (size_t i = 0; i < format->name.size(); ++i) {
+        for (size_t i = 0; i < format->name.size(); i++) {
             if (i > 0) out->buf += ',';
             format_csv_text(&out->buf, format->name[i]);
         }
         out->buf += '\n';
     }
     if (kind == FORMAT_JSONL) {
-        for (size_t i = 0; i < format->name.size(); ++i) {
+        for (size_t i = 0; i < format->name.size(); i++) {
             std::string key = i == 0 ? "{" : ", ";
             format_json_text(&key, format->name[i]);
             format->key.push_back(key + ": ");

@@ -60,7 +60,7 @@ struct file_t {
 bound_t bound_of(const cvn_datum_t& datum, cvn_typ_t typ) {
     bound_t bound;
     bound.known = true;
-    switch (typ & 0xffff) {
+    switch (cvn_storage(typ)) {
         case CVN_TYP_CSTR:
             // All 40 bytes in use: the text ends here or goes on, which the image does not tell.
             bound.cut = datum.raw[sizeof(datum.raw) - 1] != 0;
@@ -81,9 +81,9 @@ file_t read_file(const std::string& path, bool rowgroups) {
     file.split = scan->split_mode;
     file.nrow = scan->schema->nrow;
     file.nrowgroup = scan->schema->nrowgroup;
-    file.hash = uint32_t(scan->schema_hash);
+    file.hash = static_cast<uint32_t>(scan->schema_hash);
     const int ncol = scan->schema->ncol;
-    for (int c = 0; c < ncol; ++c) {
+    for (int c = 0; c < ncol; c++) {
         column_t col;
         colstat_t stat;
         if (cvn_scan_colstat(scan, c, &stat) != 0) throw tool_error(path + ": the footer is damaged");
@@ -98,11 +98,11 @@ file_t read_file(const std::string& path, bool rowgroups) {
         }
         file.column.push_back(std::move(col));
     }
-    for (int64_t rg = 0; rg < file.nrowgroup; ++rg) {
+    for (int64_t rg = 0; rg < file.nrowgroup; rg++) {
         group_t group;
         group.nrow = cvn_scan_get_rowgroup_size(scan, rg);
-        for (int c = 0; c < ncol; ++c) {
-            column_t& col = file.column[size_t(c)];
+        for (int c = 0; c < ncol; c++) {
+            column_t& col = file.column[c];
             colmeta_t meta;
             if (cvn_scan_colmeta(scan, rg, c, &meta) != 0) throw tool_error(path + ": the footer is damaged");
             col.nbyte += meta.nbyte;
@@ -163,7 +163,7 @@ json file_json(const file_t& file) {
     for (const group_t& group : file.group) {
         json g = {{"rows", group.nrow}, {"stored_bytes", group.zbyte}, {"raw_bytes", group.nbyte}};
         g["chunks"] = json::array();
-        for (size_t c = 0; c < group.chunk.size(); ++c) {
+        for (size_t c = 0; c < group.chunk.size(); c++) {
             const chunk_t& chunk = group.chunk[c];
             g["chunks"].push_back({{"column", clean(file.column[c].name)},
                                    {"offset", chunk.offset},
@@ -185,7 +185,7 @@ std::string bound_text(const bound_t& bound) {
 }
 
 std::string ratio(int64_t raw, int64_t stored) {
-    return stored > 0 ? fmt::format("{:.2f}", double(raw) / double(stored)) : "-";
+    return stored > 0 ? fmt::format("{:.2f}", static_cast<double>(raw) / static_cast<double>(stored)) : "-";
 }
 
 // Prints rows of cells in columns as wide as they need; those of `right` are aligned to the right.
@@ -193,10 +193,10 @@ void print_cells(std::string* out, const std::vector<std::vector<std::string>>& 
                  const std::vector<bool>& right, size_t indent) {
     std::vector<size_t> width(right.size());
     for (const auto& row : rows)
-        for (size_t i = 0; i < row.size(); ++i) width[i] = std::max(width[i], format_width(row[i]));
+        for (size_t i = 0; i < row.size(); i++) width[i] = std::max(width[i], format_width(row[i]));
     for (const auto& row : rows) {
         std::string line(indent, ' ');
-        for (size_t i = 0; i < row.size(); ++i) {
+        for (size_t i = 0; i < row.size(); i++) {
             const size_t pad = width[i] - format_width(row[i]);
             if (i > 0) line += "  ";
             if (right[i]) line.append(pad, ' ');
@@ -209,11 +209,12 @@ void print_cells(std::string* out, const std::vector<std::vector<std::string>>& 
 }
 
 void print_file(std::string* out, const file_t& file) {
-    *out += fmt::format(
-        "{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", file.path, file.split ? "split, " : "",
-        tool_counted(file.nrow, "row", "rows"), tool_counted(file.nrowgroup, "row group", "row groups"),
-        tool_counted(int64_t(file.column.size()), "column", "columns"), tool_bytes(double(file.zbyte)),
-        tool_bytes(double(file.nbyte)), ratio(file.nbyte, file.zbyte));
+    *out += fmt::format("{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", file.path,
+                        file.split ? "split, " : "", tool_counted(file.nrow, "row", "rows"),
+                        tool_counted(file.nrowgroup, "row group", "row groups"),
+                        tool_counted(static_cast<int64_t>(file.column.size()), "column", "columns"),
+                        tool_bytes(static_cast<double>(file.zbyte)),
+                        tool_bytes(static_cast<double>(file.nbyte)), ratio(file.nbyte, file.zbyte));
     std::vector<std::vector<std::string>> rows = {
         {"column", "type", "flags", "nulls", "min", "max", "stored", "raw", "ratio"}};
     for (const column_t& col : file.column) {
@@ -221,22 +222,22 @@ void print_file(std::string* out, const file_t& file) {
         if (col.nflag) flags += flags.empty() ? "-n" : " -n";
         rows.push_back({format_cell(col.name, 60), cvn_typ_str(col.typ), flags.empty() ? "-" : flags,
                         tool_count(col.nnull), bound_text(col.min), bound_text(col.max),
-                        tool_bytes(double(col.zbyte)), tool_bytes(double(col.nbyte)),
-                        ratio(col.nbyte, col.zbyte)});
+                        tool_bytes(static_cast<double>(col.zbyte)),
+                        tool_bytes(static_cast<double>(col.nbyte)), ratio(col.nbyte, col.zbyte)});
     }
     print_cells(out, rows, {false, false, false, true, false, false, true, true, true}, 2);
-    for (size_t rg = 0; rg < file.group.size(); ++rg) {
+    for (size_t rg = 0; rg < file.group.size(); rg++) {
         const group_t& group = file.group[rg];
-        *out += fmt::format("  row group {}: {}, {} stored of {} raw\n", rg,
-                            tool_counted(group.nrow, "row", "rows"), tool_bytes(double(group.zbyte)),
-                            tool_bytes(double(group.nbyte)));
+        *out += fmt::format(
+            "  row group {}: {}, {} stored of {} raw\n", rg, tool_counted(group.nrow, "row", "rows"),
+            tool_bytes(static_cast<double>(group.zbyte)), tool_bytes(static_cast<double>(group.nbyte)));
         rows = {{"column", "offset", "nulls", "min", "max", "stored", "raw", "lz4"}};
-        for (size_t c = 0; c < group.chunk.size(); ++c) {
+        for (size_t c = 0; c < group.chunk.size(); c++) {
             const chunk_t& chunk = group.chunk[c];
             rows.push_back({format_cell(file.column[c].name, 60), fmt::format("{}", chunk.offset),
                             tool_count(chunk.nnull), bound_text(chunk.min), bound_text(chunk.max),
-                            tool_bytes(double(chunk.zbyte)), tool_bytes(double(chunk.nbyte)),
-                            chunk.compressed ? "yes" : "no"});
+                            tool_bytes(static_cast<double>(chunk.zbyte)),
+                            tool_bytes(static_cast<double>(chunk.nbyte)), chunk.compressed ? "yes" : "no"});
         }
         print_cells(out, rows, {false, true, true, false, false, true, true, false}, 4);
     }
@@ -256,7 +257,7 @@ int info_run(const info_opts_t& opts) {
             if (!source.many) throw;
             tool_out_flush(&out);  // so that the message comes in its place
             tool_say(error.what());
-            ++nbad;
+            nbad++;
             continue;
         }
         total.nrow = tool_add(total.nrow, file.nrow);
@@ -282,12 +283,12 @@ int info_run(const info_opts_t& opts) {
         out.buf = files[0].dump(2) + "\n";
     } else if (source.many) {
         out.buf += fmt::format("{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", opts.path,
-                               tool_counted(int64_t(source.path.size() - nbad), "file", "files"),
+                               tool_counted(static_cast<int64_t>(source.path.size() - nbad), "file", "files"),
                                nbad > 0 ? fmt::format(" (and {} that cannot be read)", nbad) : "",
                                tool_counted(total.nrow, "row", "rows"),
                                tool_counted(total.nrowgroup, "row group", "row groups"),
-                               tool_bytes(double(total.zbyte)), tool_bytes(double(total.nbyte)),
-                               ratio(total.nbyte, total.zbyte));
+                               tool_bytes(static_cast<double>(total.zbyte)),
+                               tool_bytes(static_cast<double>(total.nbyte)), ratio(total.nbyte, total.zbyte));
     }
     tool_out_flush(&out);
     return nbad > 0 ? 1 : 0;

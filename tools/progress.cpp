@@ -20,24 +20,25 @@ void draw(const std::string& text) { (void)!write(2, text.data(), text.size()); 
 
 std::string progress_text(const progress_t& progress, int64_t nbyte, int64_t count, double seconds) {
     const auto rate = [seconds](int64_t n) {
-        return seconds > 0 ? std::clamp(double(n) / seconds, 0.0, MAX_RATE) : 0;
+        return seconds > 0 ? std::clamp(static_cast<double>(n) / seconds, 0.0, MAX_RATE) : 0;
     };
     const std::string unit = progress.unit ? progress.unit : "";
-    const std::string speed = progress.unit ? fmt::format("{} {}/s", tool_count(int64_t(rate(count))), unit)
-                                            : tool_bytes(rate(nbyte)) + "/s";
+    const std::string speed =
+        progress.unit ? fmt::format("{} {}/s", tool_count(static_cast<int64_t>(rate(count))), unit)
+                      : tool_bytes(rate(nbyte)) + "/s";
     const std::string tail = progress.unit && !progress.by_count
                                  ? fmt::format("{} {}, {}", tool_count(count), unit, speed)
                                  : speed;
-    if (progress.total <= 0) return fmt::format("{}, {}", tool_bytes(double(nbyte)), tail);
+    if (progress.total <= 0) return fmt::format("{}, {}", tool_bytes(static_cast<double>(nbyte)), tail);
     const int64_t done = progress.by_count ? count : nbyte;
-    const double part = std::clamp(double(done) / double(progress.total), 0.0, 1.0);
-    const int full = int(part * WIDTH);
+    const double part = std::clamp(static_cast<double>(done) / static_cast<double>(progress.total), 0.0, 1.0);
+    const int full = static_cast<int>(part * WIDTH);
     const std::string bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%", "", full, "", WIDTH - full, part * 100);
     if (progress.by_count)
         return fmt::format("{}  {} of {} {}, {}, {}", bar, tool_count(count), tool_count(progress.total),
-                           unit, tool_bytes(double(nbyte)), tail);
-    return fmt::format("{}  {} of {}, {}", bar, tool_bytes(double(nbyte)), tool_bytes(double(progress.total)),
-                       tail);
+                           unit, tool_bytes(static_cast<double>(nbyte)), tail);
+    return fmt::format("{}  {} of {}, {}", bar, tool_bytes(static_cast<double>(nbyte)),
+                       tool_bytes(static_cast<double>(progress.total)), tail);
 }
 
 void progress_begin(progress_t* progress, int64_t total, const char* unit) {

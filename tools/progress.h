@@ -3,8 +3,9 @@
 #ifndef KELPD_TOOLS_PROGRESS_H
 #define KELPD_TOOLS_PROGRESS_H
 
+#include <stdint.h>
+
 #include <chrono>
-#include <cstdint>
 #include <string>
 
 struct progress_t {

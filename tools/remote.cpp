@@ -39,10 +39,10 @@ kelp_url_t parent_of(kelp_url_t url) {
 std::string follow_links(std::string path) {
     constexpr int MAX_LINKS = 40;  // as the kernel's
     char to[PATH_MAX];
-    for (int i = 0; i < MAX_LINKS; ++i) {
+    for (int i = 0; i < MAX_LINKS; i++) {
         const ssize_t n = readlink(path.c_str(), to, sizeof(to));
-        if (n <= 0 || n == ssize_t(sizeof(to))) return path;
-        const std::string next(to, size_t(n));
+        if (n <= 0 || n == static_cast<ssize_t>(sizeof(to))) return path;
+        const std::string next(to, static_cast<size_t>(n));
         const size_t slash = path.rfind('/');
         path = next[0] == '/' || slash == std::string::npos ? next : path.substr(0, slash + 1) + next;
     }

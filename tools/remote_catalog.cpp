@@ -146,7 +146,7 @@ std::vector<kelp_column_t> read_columns(const std::string& path) {
     const cvn_coldef_t* coldef = nullptr;
     (void)cvn_scan_coldef(&ncol, &coldef, scan);  // always 0
     std::vector<kelp_column_t> column;
-    for (int c = 0; c < ncol; ++c) column.push_back({coldef[c].name, coldef[c].typ});
+    for (int c = 0; c < ncol; c++) column.push_back({coldef[c].name, coldef[c].typ});
     return column;
 }
 
@@ -303,7 +303,7 @@ int put_run(const put_opts_t& opts) {
             throw tool_error(text.find(up.path) == text.npos ? up.path + ": " + text : text);
         remote_check(code, up.url, err);
         out.buf += fmt::format("{}: {}, {} put to {}\n", up.path, tool_counted(up.nrow, "row", "rows"),
-                               tool_bytes(double(up.nbyte)), kelp_url_format(up.url, true));
+                               tool_bytes(static_cast<double>(up.nbyte)), kelp_url_format(up.url, true));
         tool_out_flush(&out);
     }
     return 0;
@@ -347,13 +347,13 @@ std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
         for (const kelp_file_t& f : file) nrow = tool_add(nrow, f.nrow);
         if (code != 0) return "the table " + name;
         return fmt::format("the table {} with {} and {}", name,
-                           tool_counted(int64_t(file.size()), "file", "files"),
+                           tool_counted(static_cast<int64_t>(file.size()), "file", "files"),
                            tool_counted(nrow, "row", "rows"));
     }
     std::vector<std::string> below;
     const int code = kelp_list(&below, url, opt, &err);
     rm_check(code, url, opt, err);
-    const auto n = int64_t(below.size());
+    const auto n = static_cast<int64_t>(below.size());
     const std::string what = (depth == 2 ? "the schema " : "the database ") + name;
     if (code != 0) return what;
     return what + " with " +
@@ -361,7 +361,9 @@ std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
 }
 
 // What cannot be shown on the terminal is answered with "no".
-bool show(const std::string& text) { return write(2, text.data(), text.size()) == ssize_t(text.size()); }
+bool show(const std::string& text) {
+    return write(2, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
 
 bool ask(const std::string& question) {
     if (!show(question + " [y/N] ")) return false;

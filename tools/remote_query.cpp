@@ -115,9 +115,9 @@ void scan_rows(scan_t* scan, int64_t limit, F take) {
             nrow = std::min(nrow, limit);
             limit -= nrow;
         }
-        for (int64_t row = 0; row < nrow; ++row) {
+        for (int64_t row = 0; row < nrow; row++) {
             if ((row & 0xfff) == 0) tool_check_signals();
-            for (size_t c = 0; c < ncol; ++c) {
+            for (size_t c = 0; c < ncol; c++) {
                 isnull[c] = kelp_vec_isnull(col[c], row);
                 if (!isnull[c]) cvn_vec_datum(col[c], row, &datum[c]);
             }
@@ -157,7 +157,7 @@ void print_count_stats(const kelp_url_t& url, const kelp_opt_t& opt, int64_t nro
     kelp_scan_stat_t stat = {};
     for (const kelp_file_t& f : file) {
         if (!f.name.ends_with(".cvn")) continue;  // set aside
-        ++stat.total_nfile;
+        stat.total_nfile++;
         stat.total_nrow = tool_add(stat.total_nrow, f.nrow);
         stat.total_nrowgroup = tool_add(stat.total_nrowgroup, f.nrowgroup);
         stat.total_zbyte = tool_add(stat.total_zbyte, f.zbyte);
@@ -281,7 +281,7 @@ int get_run(query_opts_t opts) {
     }
     const std::vector<kelp_column_t>& column = kelp_scan_columns(scan.scan);
     for (const kelp_column_t& c : column) {
-        const int storage = c.typ & 0xffff;
+        const int storage = cvn_storage(c.typ);
         // Texts compress eagerly, as those of a created file do.
         code = cvn_create_column(w.writer, c.name.c_str(), c.typ, storage == CVN_TYP_CSTR, false);
         if (code != 0) {
@@ -292,7 +292,7 @@ int get_run(query_opts_t opts) {
     }
     scan_show_progress(&scan, -1);
     scan_rows(&scan, opts.limit, [&](const cvn_datum_t* datum, const bool* isnull) {
-        const int failed = cvn_append(w.writer, int(column.size()), datum, isnull);
+        const int failed = cvn_append(w.writer, static_cast<int>(column.size()), datum, isnull);
         if (failed != 0) throw tool_error(tool_code_text(failed, w.writer->os_errno, path));
     });
     cvn_t* const writer = w.writer;
@@ -355,7 +355,7 @@ void count_register(CLI::App* app, int* ret) {
                             "is decided. Conditions are those of 'cvn query'.\n"
                             "\n"
                             "Example:\n"
-                            "  cvn count kelp://localhost:7070/shop/public/orders --where 'qty > 10'");
+                            "  cvn count kelp://localhost:8642/shop/public/orders --where 'qty > 10'");
     sub->add_option("URL", opts->url, "The table (default: KELPD_URL)");
     add_where(sub, opts.get());
     remote_add_options(sub, &opts->remote);
@@ -379,7 +379,7 @@ void query_register(CLI::App* app, int* ret) {
         "With more than one job the rows come in no particular order; --jobs 1 keeps that of the files.\n"
         "\n"
         "Examples:\n"
-        "  cvn query kelp://localhost:7070/shop/public/orders --limit 10 --format table\n"
+        "  cvn query kelp://localhost:8642/shop/public/orders --limit 10 --format table\n"
         "  cvn query shop/public/orders --columns id,qty --where 'qty > 10 and day in (2024-01-30, "
         "2024-01-31)' --stats\n"
         "  cvn query shop/public/orders --where \"mode = 'AIR'\" --where 'note is not null' -o air.csv");
@@ -401,7 +401,7 @@ void get_register(CLI::App* app, int* ret) {
         "when all rows are there.\n"
         "\n"
         "Example:\n"
-        "  cvn get kelp://localhost:7070/shop/public/orders big.cvn --where 'qty > 10'");
+        "  cvn get kelp://localhost:8642/shop/public/orders big.cvn --where 'qty > 10'");
     remote_usage(sub, "[URL] OUT.cvn");
     sub->add_option("URL", opts->arg, "The table (default: KELPD_URL), then the data file to write")
         ->required();
@@ -421,7 +421,7 @@ void sample_register(CLI::App* app, int* ret) {
                             "The server runs its program cvnsamp, which needs to be on its search path.\n"
                             "\n"
                             "Example:\n"
-                            "  cvn sample kelp://localhost:7070/shop/public/orders 20 --format table");
+                            "  cvn sample kelp://localhost:8642/shop/public/orders 20 --format table");
     remote_usage(sub, "[URL] N");
     sub->add_option("URL", opts->arg, "The table (default: KELPD_URL), then the number of rows")->required();
     add_output(sub, opts.get());

@@ -73,17 +73,17 @@ void normal_digits(std::string_view text, std::string* digits, int* exponent) {
     digits->clear();
     *exponent = 0;
     int point = -1, ndigit = 0, shift = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
+    for (size_t i = 0; i < text.size(); i++) {
         if (text[i] == '.') {
             point = ndigit;
         } else if (text[i] == 'e' || text[i] == 'E') {
             const char* first = text.data() + i + 1;
-            if (first < text.data() + text.size() && *first == '+') ++first;
+            if (first < text.data() + text.size() && *first == '+') first++;
             std::from_chars(first, text.data() + text.size(), shift);
             break;
         } else if (text[i] >= '0' && text[i] <= '9') {
             *digits += text[i];
-            ++ndigit;
+            ndigit++;
         }
     }
     if (point < 0) point = ndigit;
@@ -94,7 +94,7 @@ void normal_digits(std::string_view text, std::string* digits, int* exponent) {
     }
     digits->erase(0, lead);
     digits->erase(digits->find_last_not_of('0') + 1);
-    *exponent = point - int(lead) + shift;
+    *exponent = point - static_cast<int>(lead) + shift;
 }
 
 // Whether a double, printed with the fewest digits, is the number that the text says.
@@ -107,7 +107,7 @@ bool is_exact_double(std::string_view text) {
     std::string a, b;
     int ea, eb;
     normal_digits(text, &a, &ea);
-    normal_digits(std::string_view(buf, size_t(res.ptr - buf)), &b, &eb);
+    normal_digits(std::string_view(buf, static_cast<size_t>(res.ptr - buf)), &b, &eb);
     return a == b && ea == eb;
 }
 
@@ -177,7 +177,7 @@ std::vector<cvn_coldef_t> schema_parse(const std::string& text) {
     }
     if (coldef.empty()) throw tool_usage(fmt::format("--schema: no columns; {}", SCHEMA_SYNTAX));
     std::set<std::string> names;
-    for (size_t i = 0; i < coldef.size(); ++i) {
+    for (size_t i = 0; i < coldef.size(); i++) {
         const std::string name = schema_name(coldef[i]);
         if (name.empty() && coldef[i].typ == 0)
             throw tool_usage(fmt::format("--schema: definition {} is empty (a comma too many?)", i + 1));
@@ -213,13 +213,13 @@ std::string schema_text(const std::vector<cvn_coldef_t>& coldef, bool* ret_exact
 void schema_guess_add(schema_guess_t* guess, std::string_view text) {
     guess->any = true;
     if (!is_word_number(text)) guess->real = true;
-    for (size_t i = 0; i < GUESS.size(); ++i)
+    for (size_t i = 0; i < GUESS.size(); i++)
         if ((guess->fit >> i & 1) != 0 && !fits(text, GUESS[i])) guess->fit &= ~(1u << i);
 }
 
 cvn_typ_t schema_guess_type(const schema_guess_t& guess) {
     if (!guess.any) return CVN_TYP_CSTR;
-    for (size_t i = 0; i < GUESS.size(); ++i) {
+    for (size_t i = 0; i < GUESS.size(); i++) {
         if ((guess.fit >> i & 1) == 0) continue;
         if (GUESS[i] == CVN_TYP_DOUBLE && !guess.real) continue;  // nothing but words
         return GUESS[i];

@@ -36,7 +36,7 @@ struct work_t {
     work_t& operator=(const work_t&) = delete;
     ~work_t() {
         if (!path.empty()) {
-            for (int c = 0; c < nfile; ++c) (void)unlink(fmt::format("{}/{}.cvnx", path, c).c_str());
+            for (int c = 0; c < nfile; c++) (void)unlink(fmt::format("{}/{}.cvnx", path, c).c_str());
             for (const char* const name : {"/meta.cvnx", "/meta.cvnx.tmp"})
                 (void)unlink((path + name).c_str());
             (void)rmdir(path.c_str());
@@ -49,14 +49,16 @@ struct work_t {
 
 // Reads all stored pages and compares their hashes: what is split is copied as it is, and its hashes with it.
 void check_pages(const std::string& path, cvn_scan_t* scan) {
-    for (int64_t rg = 0; rg < scan->schema->nrowgroup; ++rg)
-        for (int c = 0; c < scan->schema->ncol; ++c) {
+    for (int64_t rg = 0; rg < scan->schema->nrowgroup; rg++)
+        for (int c = 0; c < scan->schema->ncol; c++) {
             tool_check_signals();
             cvn_page_t* page = nullptr;
             errno = 0;
             const int code = cvn_scan_page(scan, rg, c, &page, false);
             if (code == -2) throw std::bad_alloc();
-            if (code == 0 && XXH32(page->buf, size_t(page->zbyte), 0) == uint32_t(page->hash)) continue;
+            if (code == 0 &&
+                XXH32(page->buf, static_cast<size_t>(page->zbyte), 0) == static_cast<uint32_t>(page->hash))
+                continue;
             throw tool_error(fmt::format(
                 "{}: row group {}, column {}: {}; it is not split, and 'cvn verify {}' tells all", path, rg,
                 tool_quote(schema_name(scan->coldef[c])),
@@ -70,7 +72,7 @@ int check_file(const std::string& path) {
     source_open(&open, path);
     cvn_scan_t* const scan = open.scan;
     std::set<std::string> names;
-    for (int c = 0; c < scan->schema->ncol; ++c) {
+    for (int c = 0; c < scan->schema->ncol; c++) {
         const std::string name = schema_name(scan->coldef[c]);
         if (!names.insert(name).second)
             throw tool_error(
@@ -130,7 +132,7 @@ int split_run(const split_opts_t& opts) {
     // which the split is complete, comes last.
     const std::string meta = opts.dir + "/meta.cvnx";
     if (unlink(meta.c_str()) != 0 && errno != ENOENT) fail(meta);
-    for (int c = 0; c < ncol; ++c) {
+    for (int c = 0; c < ncol; c++) {
         const std::string name = fmt::format("/{}.cvnx", c);
         if (rename((path + name).c_str(), (opts.dir + name).c_str()) != 0) fail(opts.dir + name);
     }

@@ -34,7 +34,7 @@ void tool_say(const std::string& text) {
         const ssize_t n = write(2, line.data() + done, line.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return;
-        done += size_t(n);
+        done += static_cast<size_t>(n);
     }
 }
 
@@ -102,7 +102,7 @@ void tool_check_target(const std::string& path, const char* usage) {
     char head[8] = {};
     const ssize_t n = read(fd, head, sizeof(head));
     close(fd);
-    if (n != ssize_t(sizeof(head)) || memcmp(head, CVN_HEAD_MAGIC, sizeof(head)) != 0)
+    if (n != static_cast<ssize_t>(sizeof(head)) || memcmp(head, CVN_HEAD_MAGIC, sizeof(head)) != 0)
         throw tool_error(
             fmt::format("{}: exists and is not a colvane file; it is not replaced (usage: {})", path, usage));
 }
@@ -116,14 +116,14 @@ void tool_check_source(const std::string& path) {
 void tool_allow_files(int64_t n) {
     constexpr int64_t USUAL = 64;
     struct rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= rlim_t(n + USUAL)) return;
-    limit.rlim_cur = std::min(rlim_t(n + USUAL), limit.rlim_max);
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= static_cast<rlim_t>(n + USUAL)) return;
+    limit.rlim_cur = std::min(static_cast<rlim_t>(n + USUAL), limit.rlim_max);
     (void)setrlimit(RLIMIT_NOFILE, &limit);  // opening them tells
 }
 
 std::string tool_temp_create(const std::string& path, int* ret_fd) {
     constexpr int TRIES = 1000;  // names that others left behind are passed over
-    for (int i = 0;; ++i) {
+    for (int i = 0;; i++) {
         const std::string temp = fmt::format("{}.{}.{}.tmp", path, getpid(), i);
         *ret_fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (*ret_fd >= 0) return temp;
@@ -146,7 +146,7 @@ void tool_out_flush(tool_out_t* out) {
             if (err == EPIPE) throw tool_pipe_closed();
             throw tool_error("writing the output: " + tool_strerror(err));
         }
-        done += size_t(n);
+        done += static_cast<size_t>(n);
     }
     out->buf.clear();
 }
@@ -156,7 +156,7 @@ std::string tool_bytes(double n) {
     int i = 0;
     while (n >= 999.95 && i < 5) {
         n /= 1000;
-        ++i;
+        i++;
     }
     return i == 0 ? fmt::format("{:.0f} B", n) : fmt::format("{:.1f} {}", n, unit[i]);
 }

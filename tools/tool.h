@@ -6,8 +6,9 @@
 #ifndef KELPD_TOOLS_TOOL_H
 #define KELPD_TOOLS_TOOL_H
 
+#include <stdint.h>
+
 #include <atomic>
-#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>

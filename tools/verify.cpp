@@ -35,14 +35,15 @@ void verify_open(verify_fd_t* file, const std::string& path) {
 
 bool verify_read_at(const verify_fd_t& file, void* to, size_t nb, int64_t offset) {
     for (size_t done = 0; done < nb;) {
-        const ssize_t n = pread(file.fd, static_cast<char*>(to) + done, nb - done, offset + int64_t(done));
+        const ssize_t n =
+            pread(file.fd, static_cast<char*>(to) + done, nb - done, offset + static_cast<int64_t>(done));
         if (n < 0 && errno == EINTR) {
             tool_check_signals();
             continue;
         }
         if (n == 0) errno = 0;
         if (n <= 0) return false;
-        done += size_t(n);
+        done += static_cast<size_t>(n);
     }
     return true;
 }
@@ -58,11 +59,11 @@ bool verify_hash_at(const verify_fd_t& file, int64_t offset, int64_t nb, uint32_
     (void)XXH32_reset(state, 0);  // both fail only for a null state
     bool good = true;
     while (nb > 0 && good) {
-        const auto part = size_t(std::min<int64_t>(nb, HASH_BLOCKSZ));
+        const auto part = static_cast<size_t>(std::min<int64_t>(nb, HASH_BLOCKSZ));
         good = verify_read_at(file, buf.data(), part, offset);
         if (good) (void)XXH32_update(state, buf.data(), part);
-        offset += int64_t(part);
-        nb -= int64_t(part);
+        offset += static_cast<int64_t>(part);
+        nb -= static_cast<int64_t>(part);
     }
     *ret = XXH32_digest(state);
     XXH32_freeState(state);
@@ -87,17 +88,17 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
         bool pages = true;
         if (v.split) {
             verify_check_split_hash(&v);
-            tool_allow_files(2 * int64_t(v.schema.ncol));  // here and in the library
-            v.split_file = std::vector<verify_fd_t>(size_t(v.schema.ncol));
-            for (int c = 0; c < v.schema.ncol; ++c) {
+            tool_allow_files(2 * static_cast<int64_t>(v.schema.ncol));  // here and in the library
+            v.split_file = std::vector<verify_fd_t>(static_cast<size_t>(v.schema.ncol));
+            for (int c = 0; c < v.schema.ncol; c++) {
                 const std::string name = fmt::format("{}/{}.cvnx", path, c);
                 try {
-                    verify_open(&v.split_file[size_t(c)], name);
+                    verify_open(&v.split_file[c], name);
                 } catch (const tool_error& error) {
                     v.fault(fmt::format("{}.cvnx: {}", c, error.what()));
                     pages = false;
                 }
-                total += v.split_file[size_t(c)].size;
+                total += v.split_file[c].size;
             }
         }
         progress_begin(&progress, total, "row groups");
@@ -112,17 +113,17 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
             } closer = {scan};
             const std::vector<int> page_index = verify_require_columns(&v, scan);
             if (pages) verify_check_chunks(&v, scan, page_index, &progress);
-            for (int c = 0; c < v.schema.ncol; ++c) verify_check_colstat(&v, c);
+            for (int c = 0; c < v.schema.ncol; c++) verify_check_colstat(&v, c);
         }
     }
     progress_end(&progress);
     if (v.nfault > MAX_FAULTS)
         out->buf += fmt::format("{}: and {} more faults\n", path, v.nfault - MAX_FAULTS);
     if (v.nfault == 0)
-        out->buf +=
-            fmt::format("{}: good: {}, {}, {}, {} stored\n", path, tool_counted(v.schema.nrow, "row", "rows"),
-                        tool_counted(v.schema.nrowgroup, "row group", "row groups"),
-                        tool_counted(v.schema.ncol, "column", "columns"), tool_bytes(double(v.nbyte)));
+        out->buf += fmt::format(
+            "{}: good: {}, {}, {}, {} stored\n", path, tool_counted(v.schema.nrow, "row", "rows"),
+            tool_counted(v.schema.nrowgroup, "row group", "row groups"),
+            tool_counted(v.schema.ncol, "column", "columns"), tool_bytes(static_cast<double>(v.nbyte)));
     *ret_nrow = tool_add(*ret_nrow, v.schema.nrow);
     return v.nfault;
 }
@@ -131,7 +132,7 @@ namespace {
 
 int verify_run(const std::string& path) {
     const rows::file_list_t source = source_find(path);
-    const auto nfile = int64_t(source.path.size());
+    const auto nfile = static_cast<int64_t>(source.path.size());
     tool_out_t out;
     out.optional = true;  // the status is what scripts ask for
     int64_t nbad = 0, nunread = 0, nrow = 0;
@@ -141,7 +142,7 @@ int verify_run(const std::string& path) {
         } catch (const tool_error& error) {
             if (!source.many) throw;
             out.buf += std::string(error.what()) + "\n";
-            ++nunread;
+            nunread++;
         }
         tool_out_flush(&out);
     }

@@ -10,18 +10,18 @@
 #include "tools/verify.h"
 
 size_t verify_colstat_at(const verify_t& v, int c) {
-    return sizeof(schema_desc_t) + size_t(v.schema.ncol) * sizeof(cvn_coldef_t) +
-           size_t(c) * sizeof(colstat_t);
+    return sizeof(schema_desc_t) + static_cast<size_t>(v.schema.ncol) * sizeof(cvn_coldef_t) +
+           static_cast<size_t>(c) * sizeof(colstat_t);
 }
 
 size_t verify_rowgroup_at(const verify_t& v, int64_t rg) {
-    const size_t recordsz = CVN_ROWGROUP_HEADSZ + size_t(v.schema.ncol) * sizeof(colmeta_t);
-    return verify_colstat_at(v, v.schema.ncol) + size_t(rg) * recordsz;
+    const size_t recordsz = CVN_ROWGROUP_HEADSZ + static_cast<size_t>(v.schema.ncol) * sizeof(colmeta_t);
+    return verify_colstat_at(v, v.schema.ncol) + static_cast<size_t>(rg) * recordsz;
 }
 
 colmeta_t verify_colmeta_at(const verify_t& v, int64_t rg, int c) {
     return verify_record_at<colmeta_t>(
-        v, verify_rowgroup_at(v, rg) + CVN_ROWGROUP_HEADSZ + size_t(c) * sizeof(colmeta_t));
+        v, verify_rowgroup_at(v, rg) + CVN_ROWGROUP_HEADSZ + static_cast<size_t>(c) * sizeof(colmeta_t));
 }
 
 bool verify_check_frame(verify_t* v) {
@@ -45,12 +45,13 @@ bool verify_check_frame(verify_t* v) {
     int64_t footersz;
     memcpy(&footersz, tail, sizeof(footersz));
     memcpy(&v->footer_hash, tail + 8, sizeof(v->footer_hash));
-    if (footersz < int64_t(sizeof(schema_desc_t)) || footersz > size - CVN_TRAILER_SZ - VERIFY_HEADSZ) {
+    if (footersz < static_cast<int64_t>(sizeof(schema_desc_t)) ||
+        footersz > size - CVN_TRAILER_SZ - VERIFY_HEADSZ) {
         v->fault(fmt::format("the footer's size {} does not fit the file of {} bytes", footersz, size));
         return false;
     }
     v->footer_offset = size - CVN_TRAILER_SZ - footersz;
-    v->footer.resize(size_t(footersz));
+    v->footer.resize(static_cast<size_t>(footersz));
     if (!verify_read_at(v->data, v->footer.data(), v->footer.size(), v->footer_offset)) {
         v->fault("the footer cannot be read: " + verify_read_fault());
         return false;
@@ -71,12 +72,13 @@ bool verify_check_frame(verify_t* v) {
         return false;
     }
     // 128 bits hold any product of these.
-    const cvn_int128_t coldefsz = cvn_int128_t(schema.ncol) * sizeof(cvn_coldef_t);
-    const cvn_int128_t colstatsz = cvn_int128_t(schema.ncol) * sizeof(colstat_t);
-    const cvn_int128_t rowgroupsz = cvn_int128_t(schema.nrowgroup) *
-                                    (CVN_ROWGROUP_HEADSZ + cvn_int128_t(schema.ncol) * sizeof(colmeta_t));
+    const cvn_int128_t coldefsz = static_cast<cvn_int128_t>(schema.ncol) * sizeof(cvn_coldef_t);
+    const cvn_int128_t colstatsz = static_cast<cvn_int128_t>(schema.ncol) * sizeof(colstat_t);
+    const cvn_int128_t rowgroupsz =
+        static_cast<cvn_int128_t>(schema.nrowgroup) *
+        (CVN_ROWGROUP_HEADSZ + static_cast<cvn_int128_t>(schema.ncol) * sizeof(colmeta_t));
     if (schema.coldefsz != coldefsz || schema.colstatsz != colstatsz ||
-        cvn_int128_t(sizeof(schema_desc_t)) + coldefsz + colstatsz + rowgroupsz != footersz) {
+        static_cast<cvn_int128_t>(sizeof(schema_desc_t)) + coldefsz + colstatsz + rowgroupsz != footersz) {
         v->fault(fmt::format(
             "the footer's sizes do not add up: {} columns and {} row groups in {} bytes (definitions {}, "
             "statistics {})",
@@ -85,15 +87,15 @@ bool verify_check_frame(verify_t* v) {
     }
     if (schema.rowgroupsz != rowgroupsz)
         v->fault(fmt::format("the footer says its row groups take {} bytes, they take {}", schema.rowgroupsz,
-                             int64_t(rowgroupsz)));
+                             static_cast<int64_t>(rowgroupsz)));
     return true;
 }
 
 void verify_check_columns(verify_t* v) {
     std::set<std::string> names;
-    for (int c = 0; c < v->schema.ncol; ++c) {
-        const auto col =
-            verify_record_at<cvn_coldef_t>(*v, sizeof(schema_desc_t) + size_t(c) * sizeof(cvn_coldef_t));
+    for (int c = 0; c < v->schema.ncol; c++) {
+        const auto col = verify_record_at<cvn_coldef_t>(
+            *v, sizeof(schema_desc_t) + static_cast<size_t>(c) * sizeof(cvn_coldef_t));
         v->coldef.push_back(col);
         const std::string name = schema_name(col);
         const std::string what = fmt::format("column {} {}", c, tool_quote(name));
@@ -101,7 +103,7 @@ void verify_check_columns(verify_t* v) {
         if (name.size() == CVN_NAME_SZ)
             v->fault(what + ": its name has no NUL");
         else
-            for (size_t i = name.size(); i < CVN_NAME_SZ; ++i)
+            for (size_t i = name.size(); i < CVN_NAME_SZ; i++)
                 if (col.name[i] != 0) {
                     v->fault(what + ": bytes follow the NUL of its name");
                     break;
@@ -117,22 +119,22 @@ void verify_check_columns(verify_t* v) {
 }
 
 void verify_check_colstat(verify_t* v, int c) {
-    const cvn_typ_t typ = v->coldef[size_t(c)].typ;
+    const cvn_typ_t typ = v->coldef[c].typ;
     const auto stat = verify_record_at<colstat_t>(*v, verify_colstat_at(*v, c));
-    const std::string what = fmt::format("column {}", tool_quote(schema_name(v->coldef[size_t(c)])));
+    const std::string what = fmt::format("column {}", tool_quote(schema_name(v->coldef[c])));
     int64_t nnull = 0;
     bool any = false;
     cvn_datum_t min, max;
     memset(&min, 0, sizeof(min));
     memset(&max, 0, sizeof(max));
     const auto cmp = [typ](const cvn_datum_t& a, const cvn_datum_t& b) {
-        if ((typ & 0xffff) == CVN_TYP_CSTR) return strncmp(a.raw, b.raw, sizeof(a.raw));
+        if (cvn_storage(typ) == CVN_TYP_CSTR) return strncmp(a.raw, b.raw, sizeof(a.raw));
         return verify_stat_cmp(a, b, typ);
     };
-    for (int64_t rg = 0; rg < v->schema.nrowgroup; ++rg) {
+    for (int64_t rg = 0; rg < v->schema.nrowgroup; rg++) {
         const colmeta_t m = verify_colmeta_at(*v, rg, c);
         nnull += m.nnull;
-        if (!m.hasminmax || (typ & 0xffff) == CVN_TYP_BYTEA) continue;
+        if (!m.hasminmax || cvn_storage(typ) == CVN_TYP_BYTEA) continue;
         if (!any || cmp(m.minval, min) < 0) min = m.minval;
         if (!any || cmp(m.maxval, max) > 0) max = m.maxval;
         any = true;
@@ -155,14 +157,14 @@ void verify_check_colstat(verify_t* v, int c) {
 void verify_check_split_hash(verify_t* v) {
     std::vector<char> footer = v->footer;
     int64_t offset = VERIFY_HEADSZ;
-    for (int64_t rg = 0; rg < v->schema.nrowgroup; ++rg)
-        for (int c = 0; c < v->schema.ncol; ++c) {
+    for (int64_t rg = 0; rg < v->schema.nrowgroup; rg++)
+        for (int c = 0; c < v->schema.ncol; c++) {
             const size_t at =
-                verify_rowgroup_at(*v, rg) + CVN_ROWGROUP_HEADSZ + size_t(c) * sizeof(colmeta_t);
+                verify_rowgroup_at(*v, rg) + CVN_ROWGROUP_HEADSZ + static_cast<size_t>(c) * sizeof(colmeta_t);
             memcpy(footer.data() + at, &offset, sizeof(offset));
             const int64_t zbyte = verify_colmeta_at(*v, rg, c).zbyte;
             if (zbyte < 0) return;  // reported with its chunk
-            offset += (zbyte + 7) & ~int64_t(7);
+            offset += (zbyte + 7) & ~int64_t{7};
         }
     const uint32_t hash = XXH32(footer.data(), footer.size(), 0);
     if (hash != v->footer_hash)

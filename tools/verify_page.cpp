@@ -16,19 +16,21 @@ const char* verify_page_decode(verify_page_t* ret, cvn_typ_t typ, int64_t nrow, 
     if (ret->width > 0)
         return nrow * ret->width == nmapoff ? nullptr : "its values are not as many as its rows";
     if (nrow > nmapoff) return "its values are not as many as its rows";  // each takes a byte at least
-    ret->offset.resize(size_t(nrow));
+    ret->offset.resize(static_cast<size_t>(nrow));
     int64_t at = 0;
-    for (int64_t row = 0; row < nrow; ++row) {
-        ret->offset[size_t(row)] = uint32_t(at);
+    for (int64_t row = 0; row < nrow; row++) {
+        ret->offset[row] = static_cast<uint32_t>(at);
         if (ret->width == -2) {
-            const void* const end = at < nmapoff ? memchr(body + at, 0, size_t(nmapoff - at)) : nullptr;
+            const void* const end =
+                at < nmapoff ? memchr(body + at, 0, static_cast<size_t>(nmapoff - at)) : nullptr;
             if (!end) return "its texts run behind the values";
             at = static_cast<const char*>(end) - body + 1;
         } else {
             int32_t len;
-            if (nmapoff - at < int64_t(sizeof(len))) return "its byte strings run behind the values";
+            if (nmapoff - at < static_cast<int64_t>(sizeof(len)))
+                return "its byte strings run behind the values";
             memcpy(&len, body + at, sizeof(len));
-            at += int64_t(sizeof(len));
+            at += static_cast<int64_t>(sizeof(len));
             if (len < 0 || len > nmapoff - at) return "a byte string's length leads behind the values";
             at += len;
         }

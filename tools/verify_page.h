@@ -4,8 +4,9 @@
 #ifndef KELPD_TOOLS_VERIFY_PAGE_H
 #define KELPD_TOOLS_VERIFY_PAGE_H
 
-#include <cstdint>
-#include <cstring>
+#include <stdint.h>
+#include <string.h>
+
 #include <vector>
 
 #include "colvane/colvane.h"
@@ -32,12 +33,12 @@ inline bool verify_page_isnull(const verify_page_t& col, int64_t row) {
 // Fills `*ret` with the value of a row. It borrows the page.
 inline void verify_page_datum(const verify_page_t& col, int64_t row, cvn_datum_t* ret) {
     if (col.width > 0) {
-        memcpy(ret, col.value + row * col.width, size_t(col.width));
+        memcpy(ret, col.value + row * col.width, static_cast<size_t>(col.width));
     } else if (col.width == -2) {
-        ret->t = col.value + col.offset[size_t(row)];
+        ret->t = col.value + col.offset[row];
     } else {
-        memcpy(&ret->a.len, col.value + col.offset[size_t(row)], sizeof(int32_t));
-        ret->a.ptr = col.value + col.offset[size_t(row)] + sizeof(int32_t);
+        memcpy(&ret->a.len, col.value + col.offset[row], sizeof(int32_t));
+        ret->a.ptr = col.value + col.offset[row] + sizeof(int32_t);
     }
 }
 

@@ -15,7 +15,7 @@ namespace {
 
 // Names one chunk.
 std::string chunk_name(const verify_t& v, int64_t rg, int c) {
-    return fmt::format("row group {}, column {}", rg, tool_quote(schema_name(v.coldef[size_t(c)])));
+    return fmt::format("row group {}, column {}", rg, tool_quote(schema_name(v.coldef[c])));
 }
 
 // The smallest and largest value, kept as the writer keeps them: the first of equal ones, and an order in
@@ -28,7 +28,7 @@ struct minmax_t {
 }  // namespace
 
 int verify_stat_cmp(const cvn_datum_t& a, const cvn_datum_t& b, cvn_typ_t typ) {
-    switch (typ & 0xffff) {
+    switch (cvn_storage(typ)) {
         case CVN_TYP_BOOL: {
             const auto x = static_cast<signed char>(a.raw[0]), y = static_cast<signed char>(b.raw[0]);
             return x < y ? -1 : x > y ? 1 : 0;
@@ -46,7 +46,7 @@ bool verify_same_image(const cvn_datum_t& a, const cvn_datum_t& b) { return memc
 
 std::string verify_image_text(const cvn_datum_t& image, cvn_typ_t typ) {
     std::string text;
-    if ((typ & 0xffff) == CVN_TYP_CSTR)
+    if (cvn_storage(typ) == CVN_TYP_CSTR)
         text.assign(image.raw, strnlen(image.raw, sizeof(image.raw)));
     else
         rows::value_append_text(&text, image, typ);
@@ -70,10 +70,10 @@ void minmax_add(minmax_t* m, const cvn_datum_t& datum, cvn_typ_t typ) {
 cvn_datum_t stat_image(const cvn_datum_t& datum, cvn_typ_t typ) {
     cvn_datum_t image;
     memset(&image, 0, sizeof(image));
-    if ((typ & 0xffff) == CVN_TYP_CSTR)
+    if (cvn_storage(typ) == CVN_TYP_CSTR)
         memcpy(image.raw, datum.t, strnlen(datum.t, sizeof(image.raw)));
     else
-        memcpy(&image, &datum, size_t(cvn_typlen(typ)));
+        memcpy(&image, &datum, static_cast<size_t>(cvn_typlen(typ)));
     return image;
 }
 
@@ -87,7 +87,7 @@ bool is_null_value(const verify_page_t& col, int64_t row) {
             (void)cvn_dec128_from_string(&q, "0");
         }
     } zeros;
-    switch (col.typ & 0xffff) {
+    switch (cvn_storage(col.typ)) {
         case CVN_TYP_DEC64: return memcmp(col.value + row * 8, &zeros.d, 8) == 0;
         case CVN_TYP_DEC128: return memcmp(col.value + row * 16, &zeros.q, 16) == 0;
         default: break;
@@ -97,7 +97,7 @@ bool is_null_value(const verify_page_t& col, int64_t row) {
     verify_page_datum(col, row, &datum);
     if (col.width == -2) return *datum.t == 0;
     if (col.width == -1) return datum.a.len == 0;
-    for (int i = 0; i < col.width; ++i)
+    for (int i = 0; i < col.width; i++)
         if (datum.raw[i] != 0) return false;
     return true;
 }
@@ -115,16 +115,17 @@ void check_values(verify_t* v, const std::string& what, const colmeta_t& m, cons
     int64_t nnull = 0, dirty = -1, odd = -1;
     minmax_t minmax;
     const bool keeps = coldef.nflag == 0 && col.width != -1;
-    for (int64_t row = 0; row < m.nrow; ++row) {
+    for (int64_t row = 0; row < m.nrow; row++) {
         if (verify_page_isnull(col, row)) {
-            ++nnull;
+            nnull++;
             if (dirty < 0 && !is_null_value(col, row)) dirty = row;
             continue;
         }
         cvn_datum_t datum;
         memset(&datum, 0, sizeof(datum));
         verify_page_datum(col, row, &datum);
-        if (odd < 0 && (coldef.typ & 0xffff) == CVN_TYP_BOOL && static_cast<unsigned char>(datum.raw[0]) > 1)
+        if (odd < 0 && cvn_storage(coldef.typ) == CVN_TYP_BOOL &&
+            static_cast<unsigned char>(datum.raw[0]) > 1)
             odd = row;
         if (keeps) minmax_add(&minmax, datum, coldef.typ);
     }
@@ -150,9 +151,9 @@ void check_values(verify_t* v, const std::string& what, const colmeta_t& m, cons
 // One chunk. `*end` is where the chunk before it ended (with its padding), in its file.
 void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_t* end, int32_t nrow) {
     const colmeta_t m = verify_colmeta_at(*v, rg, c);
-    const cvn_coldef_t& coldef = v->coldef[size_t(c)];
+    const cvn_coldef_t& coldef = v->coldef[c];
     const std::string what = chunk_name(*v, rg, c);
-    const verify_fd_t& file = v->split ? v->split_file[size_t(c)] : v->data;
+    const verify_fd_t& file = v->split ? v->split_file[c] : v->data;
     const int64_t limit = v->split ? file.size : v->footer_offset;
     if (m.nrow != nrow) v->fault(fmt::format("{}: it has {} rows, its row group {}", what, m.nrow, nrow));
     if (m.nnull < 0 || m.nnull > m.nrow)
@@ -163,8 +164,9 @@ void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_
     }
     if (m.zflag != (m.zbyte < m.nbyte ? 1 : 0))
         v->fault(fmt::format("{}: its compression flag is {}, with {} stored of {} raw bytes", what,
-                             int(m.zflag), m.zbyte, m.nbyte));
-    if (uint8_t(m.nflag) != coldef.nflag) v->fault(what + ": its -n flag differs from its column's");
+                             static_cast<int>(m.zflag), m.zbyte, m.nbyte));
+    if (static_cast<uint8_t>(m.nflag) != coldef.nflag)
+        v->fault(what + ": its -n flag differs from its column's");
     if (m.unused1 != 0 || m.unused2 != 0 || m.unused3 != 0)
         v->fault(what + ": unused bytes of its record are not zero");
     if (m.hasminmax != 0 && m.hasminmax != 1) v->fault(what + ": hasminmax is neither 0 nor 1");
@@ -187,13 +189,13 @@ void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_
     *end = m.file_offset + m.zbyte;
     if (!v->split) {
         char pad[8] = {};
-        const auto npad = size_t(-*end & 7);
-        if (int64_t(npad) > limit - *end)
+        const auto npad = static_cast<size_t>(-*end & 7);
+        if (static_cast<int64_t>(npad) > limit - *end)
             v->fault(what + ": its padding is missing");
         else if (npad > 0 && (!verify_read_at(file, pad, npad, *end) ||
                               std::any_of(pad, pad + npad, [](char b) { return b != 0; })))
             v->fault(what + ": its padding is not zero");
-        *end += int64_t(npad);
+        *end += static_cast<int64_t>(npad);
     }
     v->nbyte += m.zbyte;
     uint32_t hash;
@@ -201,9 +203,9 @@ void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_
         v->fault(fmt::format("{}: it cannot be read: {}", what, verify_read_fault()));
         return;
     }
-    if (hash != uint32_t(m.hash))
+    if (hash != static_cast<uint32_t>(m.hash))
         v->fault(fmt::format("{}: its hash is {:08x}, the record says {:08x}; its bytes were changed", what,
-                             hash, uint32_t(m.hash)));
+                             hash, static_cast<uint32_t>(m.hash)));
     if (!scan || k < 0) return;
     cvn_page_t* page = nullptr;
     errno = 0;
@@ -220,8 +222,8 @@ std::vector<int> verify_require_columns(verify_t* v, cvn_scan_t* scan) {
     std::vector<int> index;
     int next = 0;
     std::set<std::string> names;
-    for (int c = 0; c < v->schema.ncol; ++c) {
-        const cvn_coldef_t& col = v->coldef[size_t(c)];
+    for (int c = 0; c < v->schema.ncol; c++) {
+        const cvn_coldef_t& col = v->coldef[c];
         const bool first = names.insert(schema_name(col)).second;
         if (first && strnlen(col.name, CVN_NAME_SZ) < CVN_NAME_SZ &&
             cvn_scan_add_required(scan, col.name) == 0)
@@ -235,8 +237,8 @@ std::vector<int> verify_require_columns(verify_t* v, cvn_scan_t* scan) {
 void verify_check_chunks(verify_t* v, cvn_scan_t* scan, const std::vector<int>& page_index,
                          progress_t* progress) {
     int64_t nrow = 0, end = VERIFY_HEADSZ;
-    std::vector<int64_t> split_end(size_t(v->schema.ncol), 0);
-    for (int64_t rg = 0; rg < v->schema.nrowgroup; ++rg) {
+    std::vector<int64_t> split_end(static_cast<size_t>(v->schema.ncol), 0);
+    for (int64_t rg = 0; rg < v->schema.nrowgroup; rg++) {
         struct {
             int32_t nbyte, nrow, ncol, unused;
         } head;
@@ -252,11 +254,10 @@ void verify_check_chunks(verify_t* v, cvn_scan_t* scan, const std::vector<int>& 
             v->fault(fmt::format("row group {}: unused bytes of its record are not zero", rg));
         nrow += head.nrow;
         int64_t size = 0;
-        for (int c = 0; c < v->schema.ncol; ++c) {
+        for (int c = 0; c < v->schema.ncol; c++) {
             tool_check_signals();
-            check_chunk(v, scan, rg, c, page_index[size_t(c)], v->split ? &split_end[size_t(c)] : &end,
-                        head.nrow);
-            size += (int64_t(verify_colmeta_at(*v, rg, c).zbyte) + 7) & ~int64_t(7);
+            check_chunk(v, scan, rg, c, page_index[c], v->split ? &split_end[c] : &end, head.nrow);
+            size += (static_cast<int64_t>(verify_colmeta_at(*v, rg, c).zbyte) + 7) & ~int64_t{7};
             progress_update(progress, v->nbyte, rg);
         }
         if (size != head.nbyte)
@@ -267,8 +268,8 @@ void verify_check_chunks(verify_t* v, cvn_scan_t* scan, const std::vector<int>& 
         v->fault(fmt::format("the row groups hold {} rows, the footer says {}", nrow, v->schema.nrow));
     if (!v->split && end != v->footer_offset)
         v->fault(fmt::format("the chunks end at offset {}, the footer begins at {}", end, v->footer_offset));
-    for (int c = 0; v->split && c < v->schema.ncol; ++c)
-        if (split_end[size_t(c)] != v->split_file[size_t(c)].size)
-            v->fault(fmt::format("{}.cvnx: its pages take {} bytes, the file has {}", c, split_end[size_t(c)],
-                                 v->split_file[size_t(c)].size));
+    for (int c = 0; v->split && c < v->schema.ncol; c++)
+        if (split_end[c] != v->split_file[c].size)
+            v->fault(fmt::format("{}.cvnx: its pages take {} bytes, the file has {}", c, split_end[c],
+                                 v->split_file[c].size));
 }

@@ -1,7 +1,7 @@
 // Appending rows, per type and for the 15-column table, and writing a full row group. The output goes to
 // /dev/null, so that no disk is measured. An append is timed without the flush and a flush without the
 // appends.
-#include <cstdio>
+#include <stdio.h>
 
 #include "bench/micro/micro.h"
 
@@ -61,17 +61,19 @@ void flush_type(benchmark::State& state, cvn_typ_t typ) {
 }
 
 [[maybe_unused]] const bool registered = [] {
-    for (const cvn_typ_t typ :
-         {int(CVN_TYP_BOOL), int(CVN_TYP_INT16), int(CVN_TYP_INT32), int(CVN_TYP_INT64), int(CVN_TYP_INT128),
-          int(CVN_TYP_FLOAT), int(CVN_TYP_DOUBLE), int(CVN_TYP_BYTEA), int(CVN_TYP_CSTR), int(CVN_TYP_DEC64),
-          int(CVN_TYP_DEC128), int(CVN_TYP_DATE), int(CVN_TYP_TIME_MILLIS), int(CVN_TYP_TIMESTAMP_MILLIS)}) {
+    static constexpr cvn_typ_t TYPES[] = {CVN_TYP_BOOL,        CVN_TYP_INT16,           CVN_TYP_INT32,
+                                          CVN_TYP_INT64,       CVN_TYP_INT128,          CVN_TYP_FLOAT,
+                                          CVN_TYP_DOUBLE,      CVN_TYP_BYTEA,           CVN_TYP_CSTR,
+                                          CVN_TYP_DEC64,       CVN_TYP_DEC128,          CVN_TYP_DATE,
+                                          CVN_TYP_TIME_MILLIS, CVN_TYP_TIMESTAMP_MILLIS};
+    for (const cvn_typ_t typ : TYPES) {
         const std::string name = cvn_typ_str(typ);
         benchmark::RegisterBenchmark(("append_" + name).c_str(), append_type, typ, false)->UseManualTime();
         benchmark::RegisterBenchmark(("append_" + name + "_nulls").c_str(), append_type, typ, true)
             ->UseManualTime();
     }
-    for (const cvn_typ_t typ :
-         {int(CVN_TYP_INT32), int(CVN_TYP_DOUBLE), int(CVN_TYP_CSTR), int(CVN_TYP_DEC64)})
+    static constexpr cvn_typ_t FLUSHED[] = {CVN_TYP_INT32, CVN_TYP_DOUBLE, CVN_TYP_CSTR, CVN_TYP_DEC64};
+    for (const cvn_typ_t typ : FLUSHED)
         benchmark::RegisterBenchmark((std::string("flush_") + cvn_typ_str(typ)).c_str(), flush_type, typ)
             ->UseManualTime()
             ->Unit(benchmark::kMillisecond);

@@ -1,5 +1,6 @@
 // Decimals from text and their order: what a writer does once for every field and twice for every value.
-#include <cstdio>
+#include <stdio.h>
+
 #include <string>
 #include <vector>
 
@@ -24,7 +25,7 @@ template <class T, int convert(T*, const char*)>
 void from_string(benchmark::State& state) {
     const std::vector<std::string> texts = amounts();
     int64_t nbyte = 0;
-    for (const std::string& text : texts) nbyte += int64_t(text.size());
+    for (const std::string& text : texts) nbyte += static_cast<int64_t>(text.size());
     T d;
     for (auto _ : state)
         for (const std::string& text : texts) {
@@ -42,9 +43,9 @@ void cmp(benchmark::State& state) {
         must(convert(&values.emplace_back(), text.c_str()), text.c_str());
     for (auto _ : state)
         for (int i = 0; i < NVALUE; i++)
-            benchmark::DoNotOptimize(compare(&values[size_t(i)], &values[size_t(i * 5 + 1) % NVALUE]));
+            benchmark::DoNotOptimize(compare(&values[i], &values[static_cast<size_t>(i * 5 + 1) % NVALUE]));
     state.SetItemsProcessed(state.iterations() * NVALUE);
-    state.SetBytesProcessed(state.iterations() * NVALUE * int64_t(sizeof(T)) * 2);
+    state.SetBytesProcessed(state.iterations() * NVALUE * static_cast<int64_t>(sizeof(T)) * 2);
 }
 
 void dec64_from_string(benchmark::State& s) { from_string<decDouble, cvn_dec64_from_string>(s); }

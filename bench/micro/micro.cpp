@@ -1,13 +1,13 @@
 #include "bench/micro/micro.h"
 
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
 
@@ -37,7 +37,7 @@ struct random_t {  // splitmix64
         z = (z ^ (z >> 27)) * UINT64_C(0x94d049bb133111eb);
         return z ^ (z >> 31);
     }
-    int below(int n) { return int((next() >> 33) % uint64_t(n)); }
+    int below(int n) { return static_cast<int>((next() >> 33) % static_cast<uint64_t>(n)); }
 };
 
 decDouble hundredths(int v) {
@@ -69,7 +69,7 @@ void must(int rc, const char* what, int want) {
 double now() {
     timespec t;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
 }
 
 std::string temp_path(const char* name) {
@@ -84,25 +84,26 @@ const char TABLE_COLDEF[] =
 
 rows_t table_rows(int64_t nrow, int64_t first, int64_t total) {
     static constexpr const char* MODES[] = {"AIR", "FOB", "MAIL", "RAIL", "REG AIR", "SHIP", "TRUCK"};
-    random_t random{20240229 + uint64_t(first)};
+    random_t random{20240229 + static_cast<uint64_t>(first)};
     std::vector<decDouble> quantity;
     for (int i = 1; i <= 50; i++) quantity.push_back(hundredths(i * 100));
     rows_t rows;
     rows.ncol = TABLE_NCOL;
     rows.nrow = nrow;
-    rows.datum.assign(size_t(nrow) * TABLE_NCOL, blank());
-    rows.isnull.assign(size_t(nrow) * TABLE_NCOL, 0);
-    rows.texts.resize(size_t(nrow) * 64);
+    rows.datum.assign(static_cast<size_t>(nrow) * TABLE_NCOL, blank());
+    rows.isnull.assign(static_cast<size_t>(nrow) * TABLE_NCOL, 0);
+    rows.texts.resize(static_cast<size_t>(nrow) * 64);
     for (int64_t r = 0; r < nrow; r++) {
-        cvn_datum_t* d = &rows.datum[size_t(r) * TABLE_NCOL];
-        char* text = &rows.texts[size_t(r) * 64];
+        cvn_datum_t* d = &rows.datum[static_cast<size_t>(r) * TABLE_NCOL];
+        char* text = &rows.texts[static_cast<size_t>(r) * 64];
         const int amount = 1 + random.below(50), part = 1 + random.below(200000);
-        const int day = 8035 + int((first + r) * 2406 / std::max(total, nrow)) + 1 + random.below(30);
+        const int day =
+            8035 + static_cast<int>((first + r) * 2406 / std::max(total, nrow)) + 1 + random.below(30);
         d[0].I = (first + r) / 4 * 4 + 1;
         d[1].i = part;
         d[2].i = 1 + random.below(10000);
-        d[3].s = int16_t(1 + r % 4);
-        d[4].dec64 = quantity[size_t(amount) - 1];
+        d[3].s = static_cast<int16_t>(1 + r % 4);
+        d[4].dec64 = quantity[static_cast<size_t>(amount) - 1];
         d[5].F = amount * (90000 + part * 19 % 110001) / 100.0;
         d[6].F = random.below(11) / 100.0;
         d[7].F = random.below(9) / 100.0;
@@ -117,46 +118,47 @@ rows_t table_rows(int64_t nrow, int64_t first, int64_t total) {
         d[14].t = text + 4;
         const int len = 10 + random.below(34);
         for (int k = 0; k < len;)
-            k += snprintf(text + 4 + k, size_t(len - k) + 1, "%s ", WORDS[random.below(16)]);
+            k += snprintf(text + 4 + k, static_cast<size_t>(len - k) + 1, "%s ", WORDS[random.below(16)]);
         text[4 + len] = '\0';
-        rows.nbyte += 8 + 4 + 4 + 2 + 4 * 8 + 2 + 2 + 3 * 4 + int64_t(strlen(d[13].t)) + 1 + len + 1;
+        rows.nbyte +=
+            8 + 4 + 4 + 2 + 4 * 8 + 2 + 2 + 3 * 4 + static_cast<int64_t>(strlen(d[13].t)) + 1 + len + 1;
     }
     return rows;
 }
 
 rows_t typed_rows(cvn_typ_t typ, int64_t nrow, bool nulls) {
-    random_t random{uint64_t(typ) + 1};
+    random_t random{static_cast<uint64_t>(typ) + 1};
     rows_t rows;
     rows.ncol = 1;
     rows.nrow = nrow;
-    rows.datum.assign(size_t(nrow), blank());
-    rows.isnull.assign(size_t(nrow), 0);
-    rows.texts.resize(size_t(nrow) * 24);
+    rows.datum.assign(static_cast<size_t>(nrow), blank());
+    rows.isnull.assign(static_cast<size_t>(nrow), 0);
+    rows.texts.resize(static_cast<size_t>(nrow) * 24);
     std::vector<cvn_datum_t> decimals(1000, blank());
     for (int i = 0; i < 1000; i++) {
         char text[32];
         snprintf(text, sizeof(text), "%d.%02d", random.below(100000), random.below(100));
-        if ((typ & 0xffff) == CVN_TYP_DEC128)
-            must(cvn_dec128_from_string(&decimals[size_t(i)].dec128, text), text);
+        if (cvn_storage(typ) == CVN_TYP_DEC128)
+            must(cvn_dec128_from_string(&decimals[i].dec128, text), text);
         else
-            must(cvn_dec64_from_string(&decimals[size_t(i)].dec64, text), text);
+            must(cvn_dec64_from_string(&decimals[i].dec64, text), text);
     }
     const int width = cvn_typlen(typ);
     for (int64_t r = 0; r < nrow; r++) {
-        cvn_datum_t& d = rows.datum[size_t(r)];
-        char* text = &rows.texts[size_t(r) * 24];
+        cvn_datum_t& d = rows.datum[r];
+        char* text = &rows.texts[static_cast<size_t>(r) * 24];
         const int v = random.below(1000000);
-        rows.isnull[size_t(r)] = nulls && r % 8 == 3;
-        switch (typ & 0xffff) {
+        rows.isnull[r] = nulls && r % 8 == 3;
+        switch (cvn_storage(typ)) {
             case CVN_TYP_BOOL: d.b = v & 1; break;
-            case CVN_TYP_INT16: d.s = int16_t(v); break;
+            case CVN_TYP_INT16: d.s = static_cast<int16_t>(v); break;
             case CVN_TYP_INT32: d.i = v; break;
             case CVN_TYP_INT64: d.I = v; break;
             case CVN_TYP_INT128: d.L = v; break;
-            case CVN_TYP_FLOAT: d.f = float(v); break;
+            case CVN_TYP_FLOAT: d.f = static_cast<float>(v); break;
             case CVN_TYP_DOUBLE: d.F = v; break;
             case CVN_TYP_DEC64:
-            case CVN_TYP_DEC128: d = decimals[size_t(v) % 1000]; break;
+            case CVN_TYP_DEC128: d = decimals[static_cast<size_t>(v) % 1000]; break;
             case CVN_TYP_CSTR: d.t = text; break;
             default:
                 d.a.ptr = text;
@@ -167,9 +169,9 @@ rows_t typed_rows(cvn_typ_t typ, int64_t nrow, bool nulls) {
         if (width > 0)
             rows.nbyte += width;
         else if (width == -2)
-            rows.nbyte += rows.isnull[size_t(r)] ? 1 : int64_t(strlen(text)) + 1;
+            rows.nbyte += rows.isnull[r] ? 1 : static_cast<int64_t>(strlen(text)) + 1;
         else
-            rows.nbyte += rows.isnull[size_t(r)] ? 4 : 4 + d.a.len;
+            rows.nbyte += rows.isnull[r] ? 4 : 4 + d.a.len;
     }
     return rows;
 }

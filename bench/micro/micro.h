@@ -4,8 +4,8 @@
 #define BENCH_MICRO_MICRO_H
 
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 

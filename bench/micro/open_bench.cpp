@@ -2,12 +2,12 @@
 // with one pread into fresh memory (as any open has to) and into memory in use. The files are made directly:
 // a head, one chunk that all row groups share, and a regular footer.
 #include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
-
 #include <xxhash.h>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+
 #include <map>
 #include <vector>
 
@@ -23,9 +23,10 @@ std::string footer_file(int64_t nrowgroup) {
     static std::map<int64_t, std::string> files;
     std::string& path = files[nrowgroup];
     if (!path.empty()) return path;
-    const int64_t recordsz = CVN_ROWGROUP_HEADSZ + int64_t(sizeof(colmeta_t)) * NCOL;
-    const int64_t sz = int64_t(sizeof(schema_desc_t)) +
-                       NCOL * int64_t(sizeof(cvn_coldef_t) + sizeof(colstat_t)) + nrowgroup * recordsz;
+    const int64_t recordsz = CVN_ROWGROUP_HEADSZ + static_cast<int64_t>(sizeof(colmeta_t)) * NCOL;
+    const int64_t sz = static_cast<int64_t>(sizeof(schema_desc_t)) +
+                       NCOL * static_cast<int64_t>(sizeof(cvn_coldef_t) + sizeof(colstat_t)) +
+                       nrowgroup * recordsz;
     std::vector<char> footer(static_cast<size_t>(sz), '\0');
     char* p = footer.data();
     const auto put = [&p](const auto& record, size_t n) {
@@ -36,8 +37,8 @@ std::string footer_file(int64_t nrowgroup) {
                       .ncol = NCOL,
                       .nrow = nrowgroup * 3,
                       .nrowgroup = nrowgroup,
-                      .coldefsz = int32_t(sizeof(cvn_coldef_t)) * NCOL,
-                      .colstatsz = int32_t(sizeof(colstat_t)) * NCOL,
+                      .coldefsz = static_cast<int32_t>(sizeof(cvn_coldef_t)) * NCOL,
+                      .colstatsz = static_cast<int32_t>(sizeof(colstat_t)) * NCOL,
                       .rowgroupsz = nrowgroup * recordsz},
         sizeof(schema_desc_t));
     for (int c = 0; c < NCOL; c++) {
@@ -51,11 +52,11 @@ std::string footer_file(int64_t nrowgroup) {
         colstat_t stat;
         memset(&stat, 0, sizeof(stat));
         stat.hasminmax = 1;
-        stat.maxval.i = int32_t(nrowgroup * 3);
+        stat.maxval.i = static_cast<int32_t>(nrowgroup * 3);
         put(stat, sizeof(stat));
     }
     for (int64_t r = 0; r < nrowgroup; r++) {
-        const int32_t head[4] = {int32_t(CHUNKSZ), 3, NCOL, 0};
+        const int32_t head[4] = {static_cast<int32_t>(CHUNKSZ), 3, NCOL, 0};
         put(head, sizeof(head));
         colmeta_t meta;
         memset(&meta, 0, sizeof(meta));
@@ -64,8 +65,8 @@ std::string footer_file(int64_t nrowgroup) {
         meta.hasminmax = 1;
         meta.nbyte = meta.zbyte = 13;
         meta.nmapoff = 12;
-        meta.minval.i = int32_t(r * 3);
-        meta.maxval.i = int32_t(r * 3 + 2);
+        meta.minval.i = static_cast<int32_t>(r * 3);
+        meta.maxval.i = static_cast<int32_t>(r * 3 + 2);
         for (int c = 0; c < NCOL; c++) put(meta, sizeof(meta));
     }
     path = temp_path(("footer" + std::to_string(nrowgroup) + ".cvn").c_str());
@@ -107,12 +108,12 @@ void open_footer(benchmark::State& state) {
 void pread_footer(benchmark::State& state, bool fresh) {
     const std::string path = footer_file(state.range(0));
     const int64_t sz = footer_size(path);
-    char* buf = fresh ? nullptr : static_cast<char*>(malloc(size_t(sz)));
-    if (!fresh) memset(buf, 1, size_t(sz));
+    char* buf = fresh ? nullptr : static_cast<char*>(malloc(static_cast<size_t>(sz)));
+    if (!fresh) memset(buf, 1, static_cast<size_t>(sz));
     for (auto _ : state) {
-        if (fresh) buf = static_cast<char*>(malloc(size_t(sz)));
+        if (fresh) buf = static_cast<char*>(malloc(static_cast<size_t>(sz)));
         const int fd = open(path.c_str(), O_RDONLY);
-        if (fd < 0 || pread(fd, buf, size_t(sz), HEADSZ + CHUNKSZ) != sz) must(-3, path.c_str());
+        if (fd < 0 || pread(fd, buf, static_cast<size_t>(sz), HEADSZ + CHUNKSZ) != sz) must(-3, path.c_str());
         close(fd);
         benchmark::DoNotOptimize(buf[sz - 1]);
         if (fresh) free(buf);

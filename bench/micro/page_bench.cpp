@@ -2,10 +2,10 @@
 // decompression and the view, beside LZ4_decompress_safe and XXH32 alone on the same bytes. Memory is in use
 // already on both sides: pages are taken from a pool, the bare calls write into one buffer.
 #include <lz4.h>
+#include <stdlib.h>
+#include <string.h>
 #include <xxhash.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "bench/micro/micro.h"
@@ -69,16 +69,14 @@ stored_t page_of(cvn_typ_t typ, bool nulls) {
         case CVN_TYP_DEC64: {
             std::vector<decDouble> quantity(50);
             for (int k = 0; k < 50; k++)
-                must(cvn_dec64_from_string(&quantity[size_t(k)], (std::to_string(k) + ".00").c_str()),
-                     "dec64");
-            return make_page<decDouble>(typ, nulls, [&](int32_t, int k) { return quantity[size_t(k)]; });
+                must(cvn_dec64_from_string(&quantity[k], (std::to_string(k) + ".00").c_str()), "dec64");
+            return make_page<decDouble>(typ, nulls, [&](int32_t, int k) { return quantity[k]; });
         }
         default: {
             std::vector<decQuad> quantity(50);
             for (int k = 0; k < 50; k++)
-                must(cvn_dec128_from_string(&quantity[size_t(k)], (std::to_string(k) + ".00").c_str()),
-                     "dec128");
-            return make_page<decQuad>(typ, nulls, [&](int32_t, int k) { return quantity[size_t(k)]; });
+                must(cvn_dec128_from_string(&quantity[k], (std::to_string(k) + ".00").c_str()), "dec128");
+            return make_page<decQuad>(typ, nulls, [&](int32_t, int k) { return quantity[k]; });
         }
     }
 }

@@ -1,5 +1,5 @@
 // One decision on one row group's statistics, per type.
-#include <cstring>
+#include <string.h>
 
 #include "bench/micro/micro.h"
 
@@ -7,7 +7,7 @@ namespace {
 
 void qualify_type(benchmark::State& state, cvn_typ_t typ, int op) {
     const char* texts[3] = {"10", "15", "20"};
-    if ((typ & 0xffff) == CVN_TYP_INT128) {
+    if (cvn_storage(typ) == CVN_TYP_INT128) {
         texts[0] = "0x0000000000000000000000000000000a";
         texts[1] = "0x0000000000000000000000000000000f";
         texts[2] = "0x00000000000000000000000000000014";
@@ -17,7 +17,7 @@ void qualify_type(benchmark::State& state, cvn_typ_t typ, int op) {
     lens_t lens;
     memset(&lens, 0, sizeof(lens));
     lens.op = op;
-    switch (typ & 0xffff) {
+    switch (cvn_storage(typ)) {
         case CVN_TYP_INT32: lens.val.I = v[1].i; break;
         case CVN_TYP_INT64: lens.val.I = v[1].I; break;
         case CVN_TYP_INT128: lens.val.L = v[1].L; break;
@@ -41,11 +41,12 @@ void qualify_type(benchmark::State& state, cvn_typ_t typ, int op) {
 }
 
 [[maybe_unused]] const bool registered = [] {
-    for (const int typ : {int(CVN_TYP_INT32), int(CVN_TYP_INT64), int(CVN_TYP_INT128), int(CVN_TYP_DOUBLE),
-                          int(CVN_TYP_CSTR), int(CVN_TYP_DEC64)}) {
+    static constexpr cvn_typ_t TYPES[] = {CVN_TYP_INT32,  CVN_TYP_INT64, CVN_TYP_INT128,
+                                          CVN_TYP_DOUBLE, CVN_TYP_CSTR,  CVN_TYP_DEC64};
+    for (const cvn_typ_t typ : TYPES) {
         const std::string name = std::string("qualify_") + cvn_typ_str(typ);
-        benchmark::RegisterBenchmark((name + "_eq").c_str(), qualify_type, typ, int(CVN_OP_EQ));
-        benchmark::RegisterBenchmark((name + "_ge").c_str(), qualify_type, typ, int(CVN_OP_GE));
+        benchmark::RegisterBenchmark((name + "_eq").c_str(), qualify_type, typ, static_cast<int>(CVN_OP_EQ));
+        benchmark::RegisterBenchmark((name + "_ge").c_str(), qualify_type, typ, static_cast<int>(CVN_OP_GE));
     }
     return true;
 }();

@@ -4,12 +4,12 @@
 // group.
 #include <fcntl.h>
 #include <lz4.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "bench/micro/micro.h"
@@ -57,7 +57,7 @@ void table_open(table_t* t, int64_t nrow, std::initializer_list<const char*> col
         cnos.push_back(c);
     }
     t->nrow = nrow;
-    t->nrowgroup = int(t->scan->schema->nrowgroup);
+    t->nrowgroup = static_cast<int>(t->scan->schema->nrowgroup);
     size_t bufsz = 0;
     for (int rg = 0; rg < t->nrowgroup; rg++) {
         std::vector<chunk_t>& chunks = t->chunk.emplace_back();
@@ -71,9 +71,9 @@ void table_open(table_t* t, int64_t nrow, std::initializer_list<const char*> col
             chunk.zbyte = meta.zbyte;
             chunk.raw_at = raw_at;
             chunk.stored_at = stored_at;
-            raw_at += size_t(meta.nbyte);
-            stored_at += size_t(meta.zbyte);
-            chunk.stored.resize(size_t(meta.zbyte));
+            raw_at += static_cast<size_t>(meta.nbyte);
+            stored_at += static_cast<size_t>(meta.zbyte);
+            chunk.stored.resize(static_cast<size_t>(meta.zbyte));
             if (pread(t->scan->fd, chunk.stored.data(), chunk.stored.size(), meta.file_offset) != meta.zbyte)
                 must(-3, "pread");
             t->nbyte += meta.nbyte;
@@ -122,7 +122,7 @@ BENCHMARK(scan_stored)->Unit(benchmark::kMillisecond);
 
 void decompress(const chunk_t& chunk, const char* src, char* dst) {
     if (chunk.zbyte == chunk.nbyte)
-        memcpy(dst, src, size_t(chunk.nbyte));
+        memcpy(dst, src, static_cast<size_t>(chunk.nbyte));
     else if (LZ4_decompress_safe(src, dst, chunk.zbyte, chunk.nbyte) != chunk.nbyte)
         must(-6, "LZ4_decompress_safe");
     benchmark::ClobberMemory();
@@ -149,7 +149,7 @@ void scan_decompressed_bare_pread(benchmark::State& state) {
         for (const auto& chunks : t.chunk)
             for (const chunk_t& chunk : chunks) {
                 char* to = chunk.zbyte == chunk.nbyte ? &t.buf[chunk.raw_at] : stored.data();
-                if (pread(t.scan->fd, to, size_t(chunk.zbyte), chunk.offset) != chunk.zbyte)
+                if (pread(t.scan->fd, to, static_cast<size_t>(chunk.zbyte), chunk.offset) != chunk.zbyte)
                     must(-3, "pread");
                 if (to == stored.data()) decompress(chunk, to, &t.buf[chunk.raw_at]);
             }
@@ -163,8 +163,8 @@ void scan_stored_bare(benchmark::State& state) {
     for (auto _ : state)
         for (const auto& chunks : t.chunk)
             for (const chunk_t& chunk : chunks) {
-                if (pread(t.scan->fd, &t.buf[chunk.stored_at], size_t(chunk.zbyte), chunk.offset) !=
-                    chunk.zbyte)
+                if (pread(t.scan->fd, &t.buf[chunk.stored_at], static_cast<size_t>(chunk.zbyte),
+                          chunk.offset) != chunk.zbyte)
                     must(-3, "pread");
                 benchmark::ClobberMemory();
             }
@@ -204,7 +204,8 @@ void rowgroup_1_bare(benchmark::State& state) {
     table_open(&t, 100, {"price"});
     const chunk_t& chunk = t.chunk[0][0];
     for (auto _ : state)
-        if (pread(t.scan->fd, t.buf, size_t(chunk.zbyte), chunk.offset) != chunk.zbyte) must(-3, "pread");
+        if (pread(t.scan->fd, t.buf, static_cast<size_t>(chunk.zbyte), chunk.offset) != chunk.zbyte)
+            must(-3, "pread");
     count(state, t, t.zbyte);
 }
 BENCHMARK(rowgroup_1_bare);
@@ -221,7 +222,8 @@ void rowgroup_15_bare(benchmark::State& state) {
     table_open(&t, 100, {});
     for (auto _ : state)
         for (const chunk_t& chunk : t.chunk[0])
-            if (pread(t.scan->fd, &t.buf[chunk.stored_at], size_t(chunk.zbyte), chunk.offset) != chunk.zbyte)
+            if (pread(t.scan->fd, &t.buf[chunk.stored_at], static_cast<size_t>(chunk.zbyte), chunk.offset) !=
+                chunk.zbyte)
                 must(-3, "pread");
     count(state, t, t.zbyte);
 }
