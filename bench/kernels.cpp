@@ -13,22 +13,20 @@
 
 extern const kernels_t KERNELS_TABLE;
 
-namespace {
-
 template <class T>
-T load(const char* p, int i) {
+static T load(const char* p, int i) {
     T v;
     memcpy(&v, p + static_cast<size_t>(i) * sizeof(T), sizeof(T));
     return v;
 }
 
-int64_t sum_u8(const char* p, int n) {
+static int64_t sum_u8(const char* p, int n) {
     int64_t sum = 0;
     for (int i = 0; i < n; i++) sum += load<uint8_t>(p, i);
     return sum;
 }
 
-int64_t sum_i16(const char* p, int n) {
+static int64_t sum_i16(const char* p, int n) {
     int64_t sum = 0;
     while (n > 0) {  // what a 32-bit sum can hold
         const int k = n < 32768 ? n : 32768;
@@ -41,13 +39,13 @@ int64_t sum_i16(const char* p, int n) {
     return sum;
 }
 
-int64_t sum_i32(const char* p, int n) {
+static int64_t sum_i32(const char* p, int n) {
     int64_t sum = 0;
     for (int i = 0; i < n; i++) sum += load<int32_t>(p, i);
     return sum;
 }
 
-__int128 sum_i64(const char* p, int n) {
+static __int128 sum_i64(const char* p, int n) {
     constexpr uint64_t SIGN = uint64_t{1} << 63;  // flipped, the values are unsigned and 2^63 too large
     uint64_t low = 0, high = 0;
     for (int i = 0; i < n; i++) {
@@ -60,7 +58,7 @@ __int128 sum_i64(const char* p, int n) {
 
 // So many partial sums that additions overlap whatever the vector width.
 template <class T>
-double sum_float(const char* p, int n) {
+static double sum_float(const char* p, int n) {
     constexpr int LANES = 32;
     double part[LANES] = {};
     int i = 0;
@@ -73,11 +71,11 @@ double sum_float(const char* p, int n) {
     return part[0];
 }
 
-double sum_f32(const char* p, int n) { return sum_float<float>(p, n); }
-double sum_f64(const char* p, int n) { return sum_float<double>(p, n); }
+static double sum_f32(const char* p, int n) { return sum_float<float>(p, n); }
+static double sum_f64(const char* p, int n) { return sum_float<double>(p, n); }
 
 template <class T>
-T max_int(const char* p, int n) {
+static T max_int(const char* p, int n) {
     T max = load<T>(p, 0);
     for (int i = 1; i < n; i++) {
         const T v = load<T>(p, i);
@@ -86,13 +84,13 @@ T max_int(const char* p, int n) {
     return max;
 }
 
-int32_t max_i32(const char* p, int n) { return max_int<int32_t>(p, n); }
-int64_t max_i64(const char* p, int n) { return max_int<int64_t>(p, n); }
+static int32_t max_i32(const char* p, int n) { return max_int<int32_t>(p, n); }
+static int64_t max_i64(const char* p, int n) { return max_int<int64_t>(p, n); }
 
 constexpr uint64_t DECLETS = UINT64_C(0x0004010040100401);  // the lowest bit of each of the five declets
 
 // Adds up the 50 coefficient bits of `n` decDoubles; the digits of at most 112 values fit a ten-bit field.
-unsigned __int128 dec64_sum_wide(const char* p, int n) {
+static unsigned __int128 dec64_sum_wide(const char* p, int n) {
     unsigned __int128 sum = 0;
     while (n > 0) {
         const int k = n < 112 ? n : 112;
@@ -107,7 +105,7 @@ unsigned __int128 dec64_sum_wide(const char* p, int n) {
         for (int field = 0; field < 50; field += 10) {
             const uint64_t value =
                 (ones >> field & 1023) + (tens >> field & 1023) * 10 + (hunds >> field & 1023) * 100;
-            sum += (unsigned __int128)value * scale;
+            sum += static_cast<unsigned __int128>(value) * scale;
             scale *= 1000;
         }
         p += static_cast<size_t>(k) * 8;
@@ -115,6 +113,8 @@ unsigned __int128 dec64_sum_wide(const char* p, int n) {
     }
     return sum;
 }
+
+namespace {
 
 // The value of 16 coefficient bits: the last declet and six bits of the one before it. A table is faster than
 // vector code here, since a column's values mostly come from few of its lines.
@@ -127,11 +127,13 @@ constexpr low16_t LOW16 = [] {
     return tab;
 }();
 
+}  // namespace
+
 #if defined(__GNUC__) && !defined(__clang__)
-__attribute__((optimize("no-tree-vectorize")))  // gathering single loads into vectors would only cost time
+// Gathering single loads into vectors would only cost time.
+static uint32_t dec64_sum_low16(const char* p, int n) __attribute__((optimize("no-tree-vectorize")));
 #endif
-uint32_t
-dec64_sum_low16(const char* p, int n) {
+static uint32_t dec64_sum_low16(const char* p, int n) {
     uint32_t a = 0, b = 0;
     int i = 0;
     for (; i + 4 <= n; i += 4) {
@@ -145,6 +147,9 @@ dec64_sum_low16(const char* p, int n) {
 }
 
 #if defined(__AVX512BW__)
+
+namespace {
+
 // The same for 32 values at a time, without memory look-ups. A declet pqrstuvwxy is worth
 //   own[stuvwxy] + 100 r + factor[stuvwxy] * pq0
 // since the low seven bits decide which digit p and q belong to; tables of 64 words fit two registers.
@@ -170,9 +175,11 @@ static_assert([] {
 constexpr uint16_t FOURTH[32] = {0, 4, 8, 12, 16, 20, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60,
                                  0, 4, 8, 12, 16, 20, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60};
 
+}  // namespace
+
 // Adds up the low 16 coefficient bits of `n` values, a multiple of 32, at most DEC64_BLOCK, and collects the
 // bits in which values differ from `first`.
-uint32_t dec64_sum_low16x32(uint64_t* ret_diff, const char* p, int n, uint64_t first) {
+static uint32_t dec64_sum_low16x32(uint64_t* ret_diff, const char* p, int n, uint64_t first) {
     const auto table = [](const uint16_t* words) { return _mm512_loadu_si512(words); };
     const __m512i own0 = table(DECLET.own), own1 = table(DECLET.own + 32), own2 = table(DECLET.own + 64),
                   own3 = table(DECLET.own + 96);
@@ -219,7 +226,7 @@ uint32_t dec64_sum_low16x32(uint64_t* ret_diff, const char* p, int n, uint64_t f
 }
 #endif
 
-bool dec64_block(unsigned* ret_high, unsigned __int128* ret_sum, const char* p, int n) {
+static bool dec64_block(unsigned* ret_high, unsigned __int128* ret_sum, const char* p, int n) {
     const uint64_t first = load<uint64_t>(p, 0);
     uint64_t diff = 0;
     uint32_t sum = 0;
@@ -244,7 +251,7 @@ bool dec64_block(unsigned* ret_high, unsigned __int128* ret_sum, const char* p, 
 }
 
 // One bit per byte of the 64 at `p`: set where it is 0.
-uint64_t nul_mask(const char* p) {
+static uint64_t nul_mask(const char* p) {
 #if defined(__AVX512BW__)
     const __m512i v = _mm512_loadu_si512(p);
     return _mm512_testn_epi8_mask(v, v);
@@ -274,7 +281,7 @@ uint64_t nul_mask(const char* p) {
 // Stores `at` plus the place of each of `k` set bits of `mask` and clears them; of more bits than there are,
 // any place.
 template <int k>
-uint64_t put_some(uint32_t* out, uint64_t mask, uint32_t at) {
+static uint64_t put_some(uint32_t* out, uint64_t mask, uint32_t at) {
     for (int j = 0; j < k; j++) {
         out[j] = at + static_cast<uint32_t>(__builtin_ctzll(mask | uint64_t{1} << 63));
         mask &= mask - 1;
@@ -282,10 +289,10 @@ uint64_t put_some(uint32_t* out, uint64_t mask, uint32_t at) {
     return mask;
 }
 
-// Stores `at` plus the place of each set bit of `mask` and returns how many. Up to OVERRUN entries behind the
+// Stores `at` plus the place of each set bit of `mask` and returns how many. Up to OVERRUN entries after the
 // last are overwritten too: that is cheaper than a branch guessed wrongly for every other text.
 constexpr int OVERRUN = 8;
-int put_bits(uint32_t* out, uint64_t mask, uint32_t at) {
+static int put_bits(uint32_t* out, uint64_t mask, uint32_t at) {
     const int n = __builtin_popcountll(mask);
     mask = put_some<4>(out, mask, at);
     if (n > 4) {
@@ -298,15 +305,15 @@ int put_bits(uint32_t* out, uint64_t mask, uint32_t at) {
     return n;
 }
 
-// The bits of the last `sz` bytes, below 64; nothing behind them is read.
-uint64_t nul_mask_tail(const char* p, size_t sz) {
+// The bits of the last `sz` bytes, below 64; nothing after them is read.
+static uint64_t nul_mask_tail(const char* p, size_t sz) {
     char tail[64];
     memset(tail, 1, sizeof(tail));
     memcpy(tail, p, sz);
     return nul_mask(tail);
 }
 
-int64_t sum_texts(int64_t* ret_ntext, const char* p, size_t sz) {
+static int64_t sum_texts(int64_t* ret_ntext, const char* p, size_t sz) {
     constexpr int ROOM = 1024;
     uint32_t buf[1 + ROOM + 64 + OVERRUN];  // the end before the first one, then the ends
     uint32_t* const end = buf + 1;
@@ -330,7 +337,7 @@ int64_t sum_texts(int64_t* ret_ntext, const char* p, size_t sz) {
     return sum;
 }
 
-int find_texts(uint32_t* ret_end, int max, const char* p, size_t sz) {
+static int find_texts(uint32_t* ret_end, int max, const char* p, size_t sz) {
     int n = 0;
     for (size_t at = 0; at < sz && n < max; at += 64) {
         uint32_t end[64 + OVERRUN];
@@ -343,7 +350,7 @@ int find_texts(uint32_t* ret_end, int max, const char* p, size_t sz) {
     return n;
 }
 
-int select_i32(int32_t* ret_index, const char* p, int n, int32_t lo, int32_t hi) {
+static int select_i32(int32_t* ret_index, const char* p, int n, int32_t lo, int32_t hi) {
     if (lo > hi) return 0;
     const uint32_t width = static_cast<uint32_t>(hi) - static_cast<uint32_t>(lo);
     constexpr int STEP = 256;
@@ -360,8 +367,6 @@ int select_i32(int32_t* ret_index, const char* p, int n, int32_t lo, int32_t hi)
     }
     return k;
 }
-
-}  // namespace
 
 const kernels_t KERNELS_TABLE = {
     .name = KERNELS_NAME,

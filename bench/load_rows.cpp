@@ -43,7 +43,9 @@ struct rows_t {
     int64_t nrow = 0;
 };
 
-rows_t read_rows(const char* path) {
+}  // namespace
+
+static rows_t read_rows(const char* path) {
     rows_t rows;
     const int fd = open(path, O_RDONLY);
     struct stat st;
@@ -75,7 +77,7 @@ rows_t read_rows(const char* path) {
 }
 
 // The decDouble of `hundredths` / 100, with two places; the amount has at most 15 digits.
-decDouble dec64_of_hundredths(int64_t hundredths) {
+static decDouble dec64_of_hundredths(int64_t hundredths) {
     constexpr uint64_t EXPONENT = 398 - 2;
     constexpr uint64_t HIGH = (EXPONENT >> 8) << 61 | (EXPONENT & 0xff) << 50;
     uint64_t amount = hundredths < 0 ? -static_cast<uint64_t>(hundredths) : static_cast<uint64_t>(hundredths);
@@ -91,13 +93,13 @@ decDouble dec64_of_hundredths(int64_t hundredths) {
 }
 
 template <class T>
-T load(const char* p) {
+static T load(const char* p) {
     T v;
     memcpy(&v, p, sizeof(v));
     return v;
 }
 
-cvn_t* create(const char* coldef, const char* out) {
+static cvn_t* create(const char* coldef, const char* out) {
     cvn_coldef_t* def = nullptr;
     int ndef = 0;
     int rc = cvn_coldef_parse(&def, &ndef, coldef);
@@ -119,8 +121,6 @@ cvn_t* create(const char* coldef, const char* out) {
     free(def);
     return w;
 }
-
-}  // namespace
 
 void load_rows(const char* coldef, const char* rows_path, const char* out) {
     const rows_t rows = read_rows(rows_path);

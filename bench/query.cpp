@@ -1,4 +1,4 @@
-// A scan over the network, decoded: what a client gets from a daemon, rows a second.
+// A scan over the network, decoded: what a client gets from a daemon, rows per second.
 #include <stdio.h>
 
 #include <string>

@@ -30,7 +30,9 @@ struct scratch_t {
     size_t sz = 0;
 };
 
-char* scratch_room(scratch_t* s, size_t need) {
+}  // namespace
+
+static char* scratch_room(scratch_t* s, size_t need) {
     if (need > s->sz) {
         constexpr size_t HUGE_PAGE = 2 << 20;
         free(s->buf);
@@ -42,6 +44,8 @@ char* scratch_room(scratch_t* s, size_t need) {
     return s->buf;
 }
 
+namespace {
+
 struct sum_t {
     const sum_args_t* args;
     const kernels_t* kernels;
@@ -52,8 +56,10 @@ struct sum_t {
     alignas(64) char block[BLOCK * 16];  // values gathered from a page
 };
 
+}  // namespace
+
 // The sizes in a page header are claims of the file.
-void check_page(const cvn_page_t* page) {
+static void check_page(const cvn_page_t* page) {
     const int64_t mapsz = (static_cast<int64_t>(page->nrow) + 7) / 8;
     const int width = cvn_typlen(page->typ);
     if (page->nrow < 0 || page->nbyte < 0 || page->zbyte < 0 || page->nmapoff < 0 ||
@@ -63,7 +69,7 @@ void check_page(const cvn_page_t* page) {
 }
 
 // Returns at least the first `need` bytes of the page's values. Valid until the next call.
-const char* page_body(sum_t* s, const cvn_page_t* page, int need) {
+static const char* page_body(sum_t* s, const cvn_page_t* page, int need) {
     if (page->zbyte == page->nbyte) return page->buf;
     char* dst = scratch_room(&s->body, static_cast<size_t>(page->nbyte));
     int n;
@@ -77,12 +83,12 @@ const char* page_body(sum_t* s, const cvn_page_t* page, int need) {
     return dst;
 }
 
-bool is_null(const char* map, int row) { return map[row / 8] & 0x80 >> (row % 8); }
+static bool is_null(const char* map, int row) { return map[row / 8] & 0x80 >> (row % 8); }
 
 // Adds values of one fixed width, those that `row_of` names (index to row) and that are not NULL, gathered
 // into blocks.
 template <int width, class F>
-void add_gathered(sum_t* s, total_t* total, const char* body, const char* map, int n, F row_of) {
+static void add_gathered(sum_t* s, total_t* total, const char* body, const char* map, int n, F row_of) {
     for (int i = 0; i < n;) {
         int k = 0;
         for (const int end = std::min(n, i + BLOCK); i < end; i++) {
@@ -95,7 +101,8 @@ void add_gathered(sum_t* s, total_t* total, const char* body, const char* map, i
 }
 
 template <class F>
-void add_fixed(sum_t* s, total_t* total, int width, const char* body, const char* map, int n, F row_of) {
+static void add_fixed(sum_t* s, total_t* total, int width, const char* body, const char* map, int n,
+                      F row_of) {
     switch (width) {
         case 1: add_gathered<1>(s, total, body, map, n, row_of); break;
         case 2: add_gathered<2>(s, total, body, map, n, row_of); break;
@@ -105,7 +112,7 @@ void add_fixed(sum_t* s, total_t* total, int width, const char* body, const char
     }
 }
 
-void add_texts(sum_t* s, total_t* total, const cvn_page_t* page, const char* body) {
+static void add_texts(sum_t* s, total_t* total, const cvn_page_t* page, const char* body) {
     const auto refuse = [&] { fail("column %d: texts that are not one per row", page->cno); };
     // A NULL holds an empty text, which adds nothing.
     if (!s->args->select) {
@@ -127,7 +134,7 @@ void add_texts(sum_t* s, total_t* total, const cvn_page_t* page, const char* bod
     total_add_length(total, length);
 }
 
-void add_byteas(sum_t* s, total_t* total, const cvn_page_t* page, const char* body) {
+static void add_byteas(sum_t* s, total_t* total, const cvn_page_t* page, const char* body) {
     int64_t length = 0;
     int at = 0, next = 0;  // next: place in the rows wanted
     for (int row = 0; row < page->nrow; row++) {
@@ -143,7 +150,7 @@ void add_byteas(sum_t* s, total_t* total, const cvn_page_t* page, const char* bo
     total_add_length(total, length);
 }
 
-void add_page(sum_t* s, total_t* total, const cvn_page_t* page) {
+static void add_page(sum_t* s, total_t* total, const cvn_page_t* page) {
     check_page(page);
     const int width = cvn_typlen(page->typ);
     const bool select = s->args->select;
@@ -177,7 +184,7 @@ void add_page(sum_t* s, total_t* total, const cvn_page_t* page) {
 }
 
 // Fills the indexes of the rows wanted from the page of the column that selects.
-void select_rows(sum_t* s, const cvn_page_t* page) {
+static void select_rows(sum_t* s, const cvn_page_t* page) {
     check_page(page);
     const char* body = page_body(s, page, page->nbyte);
     if (s->wanted.size() < static_cast<size_t>(page->nrow) + 64)
@@ -191,9 +198,11 @@ void select_rows(sum_t* s, const cvn_page_t* page) {
     s->nwanted = static_cast<int>(end - rows);
 }
 
-void must(int rc, const char* file, const char* what) {
+static void must(int rc, const char* file, const char* what) {
     if (rc != 0) fail("%s: %s: code %d", file, what, rc);
 }
+
+namespace {
 
 // What one scan found and took.
 struct outcome_t {
@@ -203,8 +212,10 @@ struct outcome_t {
     std::string result;
 };
 
+}  // namespace
+
 // One scan, from open to close.
-outcome_t sum_once(sum_t* s) {
+static outcome_t sum_once(sum_t* s) {
     const sum_args_t& args = *s->args;
     const moment_t start = now();
     cvn_scan_t* scan = nullptr;
@@ -278,8 +289,6 @@ outcome_t sum_once(sum_t* s) {
     }
     return {end.seconds - start.seconds, end.cpu - start.cpu, nread, result};
 }
-
-}  // namespace
 
 void sum_file(const sum_args_t& args) {
     const auto s = std::make_unique<sum_t>();

@@ -18,14 +18,17 @@ struct combination_t {
     unsigned exponent_high;  // the two high bits of the exponent
     unsigned first_digit;
 };
-combination_t combination(unsigned five) {
+
+}  // namespace
+
+static combination_t combination(unsigned five) {
     if (five >= 30) return {false, 0, 0};
     if (five >= 24) return {true, five >> 1 & 3, 8 + (five & 1)};
     return {true, five >> 3, five & 7};
 }
 
 template <class T>
-T load(const char* p) {
+static T load(const char* p) {
     T v;
     memcpy(&v, p, sizeof(v));
     return v;
@@ -33,7 +36,7 @@ T load(const char* p) {
 
 // One decDouble whose first digit and exponent stand in its 14 high bits, with a coefficient that is already
 // known.
-void add_dec64(decimal_total_t* total, unsigned high14, unsigned __int128 coefficients, int64_t n) {
+static void add_dec64(decimal_total_t* total, unsigned high14, unsigned __int128 coefficients, int64_t n) {
     const combination_t comb = combination(high14 >> 8 & 31);
     if (!comb.finite) {
         total->special = true;
@@ -45,7 +48,7 @@ void add_dec64(decimal_total_t* total, unsigned high14, unsigned __int128 coeffi
     total->parts[exponent].low += high14 >> 13 ? -sum : sum;
 }
 
-void add_dec64_values(decimal_total_t* total, const kernels_t* kernels, const char* p, int n) {
+static void add_dec64_values(decimal_total_t* total, const kernels_t* kernels, const char* p, int n) {
     while (n > 0) {
         const int k = std::min(n, DEC64_BLOCK);
         unsigned high;
@@ -66,7 +69,7 @@ void add_dec64_values(decimal_total_t* total, const kernels_t* kernels, const ch
     }
 }
 
-void add_dec128_values(decimal_total_t* total, const char* p, int n) {
+static void add_dec128_values(decimal_total_t* total, const char* p, int n) {
     for (int i = 0; i < n; i++, p += 16) {
         const auto v = load<unsigned __int128>(p);
         const combination_t comb = combination(static_cast<unsigned>(v >> 122) & 31);
@@ -88,7 +91,7 @@ void add_dec128_values(decimal_total_t* total, const char* p, int n) {
     }
 }
 
-std::string whole_text(__int128 v) {
+static std::string whole_text(__int128 v) {
     unsigned __int128 rest = v < 0 ? -static_cast<unsigned __int128>(v) : v;
     std::string text;
     do text.insert(text.begin(), static_cast<char>('0' + static_cast<int>(rest % 10)));
@@ -97,7 +100,7 @@ std::string whole_text(__int128 v) {
 }
 
 // Adds `v` to the decimal digits from place `at` upwards; digits may leave 0..9 until they are settled.
-void add_digits(std::vector<int>* digits, size_t at, __int128 v) {
+static void add_digits(std::vector<int>* digits, size_t at, __int128 v) {
     for (; v != 0; v /= 10, at++) {
         if (digits->size() <= at) digits->resize(at + 1);
         (*digits)[at] += static_cast<int>(v % 10);
@@ -105,7 +108,7 @@ void add_digits(std::vector<int>* digits, size_t at, __int128 v) {
 }
 
 // Brings digits (lowest first) of one sign into 0..9; returns the sign.
-int settle(std::vector<int>* digits) {
+static int settle(std::vector<int>* digits) {
     int sign = 0;
     for (int pass = 0; pass < 2; pass++) {
         int carry = 0;
@@ -124,7 +127,7 @@ int settle(std::vector<int>* digits) {
     return sign;
 }
 
-std::string decimal_text(const decimal_total_t& total) {
+static std::string decimal_text(const decimal_total_t& total) {
     if (total.special) return "NaN";
     if (total.parts.empty()) return "0";
     const int exponent = total.parts.begin()->first;
@@ -146,7 +149,7 @@ std::string decimal_text(const decimal_total_t& total) {
     return text;
 }
 
-std::string date_text(int64_t days) {
+static std::string date_text(int64_t days) {
     // Counted from 0000-03-01, so that the leap day ends a year.
     const int64_t z = days + 719468;
     const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
@@ -162,11 +165,9 @@ std::string date_text(int64_t days) {
     return text;
 }
 
-bool largest(cvn_typ_t typ) {
+static bool largest(cvn_typ_t typ) {
     return typ == CVN_TYP_DATE || typ == CVN_TYP_TIME_MILLIS || typ == CVN_TYP_TIMESTAMP_MILLIS;
 }
-
-}  // namespace
 
 void total_add(total_t* total, const kernels_t* kernels, const char* p, int n) {
     if (n < 1) return;

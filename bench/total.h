@@ -11,7 +11,7 @@
 #include "bench/kernels.h"
 #include "colvane/colvane.h"
 
-// An exact sum of decimals: per exponent two whole numbers, so that 34 digits a value cannot overflow them.
+// An exact sum of decimals: per exponent two whole numbers, so that 34 digits per value cannot overflow them.
 struct decimal_total_t {
     struct part_t {
         __int128 high = 0;  // times 10^17

@@ -15,12 +15,14 @@ struct result_t {
     std::string verdict;
 };
 
-int take(void* arg, const char* p, size_t n, kelp_error_t*) {
+}  // namespace
+
+static int take(void* arg, const char* p, size_t n, kelp_error_t*) {
     static_cast<std::string*>(arg)->append(p, n);
     return 0;
 }
 
-result_t feed(std::string_view input, unsigned seed) {
+static result_t feed(std::string_view input, unsigned seed) {
     result_t r;
     chunk_t ck;
     kelp_error_t err{};
@@ -30,8 +32,6 @@ result_t feed(std::string_view input, unsigned seed) {
     r.verdict = code == 0 ? "whole" : fuzz::error_text(code, err);
     return r;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);

@@ -39,8 +39,10 @@ struct listener_t {
     }
 };
 
+}  // namespace
+
 // Takes one request, of which the end is known by its text, and answers it.
-void answer(int listener, std::string_view reply, const char* until) {
+static void answer(int listener, std::string_view reply, const char* until) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) abort();
     const timeval limit{.tv_sec = 10, .tv_usec = 0};
@@ -60,14 +62,12 @@ void answer(int listener, std::string_view reply, const char* until) {
     close(fd);
 }
 
-int count_bytes(void* arg, const char* p, size_t n, kelp_error_t*) {
+static int count_bytes(void* arg, const char* p, size_t n, kelp_error_t*) {
     static volatile unsigned sink;
     for (size_t i = 0; i < n; i++) sink = sink + static_cast<unsigned char>(p[i]);
     *static_cast<size_t*>(arg) += n;
     return 0;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;

@@ -16,8 +16,6 @@ using namespace rows;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
 constexpr size_t HEADSZ = 20;
 constexpr const char* VALUES[] = {"0", "1", "-1", "7", "x", "", "\\x00ff", "nan", "1E+3"};
 // An operator and the one that holds when it does not, of values that have an order.
@@ -27,14 +25,14 @@ constexpr int OPS[][2] = {{CVN_OP_EQ, CVN_OP_NE},
                           {CVN_OP_ISNULL, CVN_OP_ISNOTNULL},
                           {CVN_OP_IN, CVN_OP_NE}};
 
-void count_nulls(page_head_t* head, const char* body) {
+static void count_nulls(page_head_t* head, const char* body) {
     head->nnull = 0;
     for (int32_t r = 0; r < head->nrow; r++)
         head->nnull += (static_cast<uint8_t>(body[head->nmapoff + r / 8]) & (0x80 >> (r % 8))) != 0;
 }
 
 // What becomes of the rows by one comparison; `*ret_read` tells whether the value is one of the type.
-std::vector<uint8_t> rows_that_meet(const column_t& col, int op, const char* value, bool* ret_read) {
+static std::vector<uint8_t> rows_that_meet(const column_t& col, int op, const char* value, bool* ret_read) {
     cond_t cond;
     cond_fault_t fault;
     const std::vector<std::string> values(op == CVN_OP_ISNULL || op == CVN_OP_ISNOTNULL ? 0 : 1, value);
@@ -47,7 +45,7 @@ std::vector<uint8_t> rows_that_meet(const column_t& col, int op, const char* val
 }
 
 // Filters the column by a condition and its contrary, and takes out the rows that are left.
-void filter(column_t* col, const int (&op)[2], const char* value) {
+static void filter(column_t* col, const int (&op)[2], const char* value) {
     const kelp_vec_t& vec = col->vec;
     bool read;
     const std::vector<uint8_t> yes = rows_that_meet(*col, op[0], value, &read);
@@ -79,7 +77,7 @@ void filter(column_t* col, const int (&op)[2], const char* value) {
 }
 
 // Returns whether the page became a column.
-bool decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string_view body) {
+static bool decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string_view body) {
     if (const char* why = page_check(head)) {
         fuzz::demand(*why != '\0', "a page is refused without a reason");
         return false;
@@ -97,8 +95,6 @@ bool decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string
     if (!why) why = page_view(pool, col, head, "c");
     return !why;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < HEADSZ) return 0;

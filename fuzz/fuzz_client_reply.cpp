@@ -28,7 +28,9 @@ struct server_t {
 };
 server_t server;  // one request at a time
 
-std::string put_scan(kelp_scan_t* scan) {
+}  // namespace
+
+static std::string put_scan(kelp_scan_t* scan) {
     std::string out;
     for (const kelp_column_t& c : kelp_scan_columns(scan)) out += c.name + "\n";
     const size_t ncol = kelp_scan_columns(scan).size();
@@ -48,7 +50,7 @@ std::string put_scan(kelp_scan_t* scan) {
     return code == KELP_END ? out : fuzz::error_text(code, err);
 }
 
-std::string scan(const kelp_url_t& url, const kelp_opt_t& opt, uint8_t how) {
+static std::string scan(const kelp_url_t& url, const kelp_opt_t& opt, uint8_t how) {
     kelp_query_t q{.url = url, .column = {}, .cond = {}};
     q.njob = 1;
     q.exact = how & 1;
@@ -64,13 +66,13 @@ std::string scan(const kelp_url_t& url, const kelp_opt_t& opt, uint8_t how) {
     return put_scan(s);
 }
 
-std::string put_columns(const std::vector<kelp_column_t>& column) {
+static std::string put_columns(const std::vector<kelp_column_t>& column) {
     std::string out;
     for (const kelp_column_t& c : column) out += c.name + " " + std::to_string(c.typ) + "\n";
     return out;
 }
 
-std::string ask(uint8_t what, uint8_t how) {
+static std::string ask(uint8_t what, uint8_t how) {
     kelp_url_t url{.base = "http://h:1", .database = "d", .schema = "s", .entity = "e", .partition = ""};
     kelp_opt_t opt;
     opt.max_record_nbyte = RECORD_MAX;
@@ -127,8 +129,6 @@ std::string ask(uint8_t what, uint8_t how) {
     }
     return code == 0 ? out : fuzz::error_text(code, err);
 }
-
-}  // namespace
 
 int answer_http(http_t* http, kelp_error_t* err) asm("__wrap__ZN4kelp8http_runEPNS_6http_tEP12kelp_error_t");
 

@@ -13,11 +13,11 @@
 class row_choice_t {
  public:
     // Chooses min(n, total) rows. The same seed, n and total give the same rows on every machine. A small
-    // share of the rows is drawn at once and kept, 8 bytes a row; a larger one is decided row by row and
+    // share of the rows is drawn at once and kept, 8 bytes per row; a larger one is decided row by row and
     // keeps nothing.
     row_choice_t(uint64_t seed, uint64_t n, uint64_t total);
 
-    // Stores the rows chosen among the next `nrow` ones, counted from the first of them, and moves behind
+    // Stores the rows chosen among the next `nrow` ones, counted from the first of them, and moves past
     // them. All calls together must not ask for more than `total` rows.
     void take(uint32_t nrow, std::vector<uint32_t>* ret_rows);
 

@@ -15,8 +15,6 @@
 
 #include "sampler/sample.h"
 
-namespace {
-
 constexpr int STATUS_FAILED = 1;
 constexpr int STATUS_USAGE = 2;
 
@@ -40,24 +38,22 @@ constexpr char HELP[] =
     "\n"
     "Exit status: 0 done, 1 failed (nothing was written), 2 bad command line or seed.\n";
 
-int usage(const std::string& msg) {
+static int usage(const std::string& msg) {
     fprintf(stderr, "cvnsamp: %s\nTry 'cvnsamp --help'.\n", msg.c_str());
     return STATUS_USAGE;
 }
 
-bool parse_number(uint64_t* ret, std::string_view text) {
+static bool parse_number(uint64_t* ret, std::string_view text) {
     const char* end = text.data() + text.size();
     const auto [ptr, ec] = std::from_chars(text.data(), end, *ret);
     return ec == std::errc() && ptr == end;
 }
 
-bool random_seed(uint64_t* ret) {
+static bool random_seed(uint64_t* ret) {
     while (getrandom(ret, sizeof(*ret), 0) != static_cast<ssize_t>(sizeof(*ret)))
         if (errno != EINTR) return false;
     return true;
 }
-
-}  // namespace
 
 int main(int argc, char** argv) {
     std::vector<std::string> operand;

@@ -1,5 +1,5 @@
 // Two passes over the files. The first reads the footers, compares the schemas and counts rows, keeping 16
-// bytes a file; then the rows are chosen; the second walks the row groups and reads those that hold a chosen
+// bytes per file; then the rows are chosen; the second walks the row groups and reads those that hold a chosen
 // row.
 //
 // The files may be replaced or removed in between: the second pass wants the footer hash of the first.
@@ -68,11 +68,13 @@ struct source_t {
     int32_t hash = 0;
 };
 
-[[noreturn]] void fail(const std::string& path, const std::string& what) {
+}  // namespace
+
+[[noreturn]] static void fail(const std::string& path, const std::string& what) {
     throw sample_error("'" + path + "': " + what);
 }
 
-[[noreturn]] void fail_code(const std::string& path, int code, int err) {
+[[noreturn]] static void fail_code(const std::string& path, int code, int err) {
     switch (code) {
         case -2: fail(path, "out of memory");
         case -3: fail(path, err ? strerror(err) : "ends too early: damaged, or not a data file");
@@ -81,7 +83,7 @@ struct source_t {
     }
 }
 
-[[noreturn]] void fail_file(const rows::file_fault_t& fault) {
+[[noreturn]] static void fail_file(const rows::file_fault_t& fault) {
     switch (fault.kind) {
         case rows::FILE_CODE: fail_code(fault.path, fault.code, fault.err);
         case rows::FILE_SAME_NAME: fail(fault.path, "has more than one column '" + fault.name + "'");
@@ -93,7 +95,8 @@ struct source_t {
 }
 
 // Opens a file whose columns can be sampled.
-void open_file(rows::file_t* ret, const std::string& path, const std::shared_ptr<rows::bufpool_t>& pool) {
+static void open_file(rows::file_t* ret, const std::string& path,
+                      const std::shared_ptr<rows::bufpool_t>& pool) {
     rows::file_fault_t fault;
     if (!rows::file_open(ret, path, pool, &fault)) fail_file(fault);
     if (ret->column.empty()) fail(path, "has no columns");
@@ -102,8 +105,9 @@ void open_file(rows::file_t* ret, const std::string& path, const std::shared_ptr
             fail(path, "column '" + c.name + "' has the unknown type " + std::to_string(c.typ));
 }
 
-void compare(const std::vector<rows::file_column_t>& first, const std::vector<rows::file_column_t>& column,
-             const std::string& first_path, const std::string& path) {
+static void compare(const std::vector<rows::file_column_t>& first,
+                    const std::vector<rows::file_column_t>& column, const std::string& first_path,
+                    const std::string& path) {
     const std::string where = " as '" + first_path + "'";
     if (first.size() != column.size())
         fail(path, "has not the same schema" + where + ": " + std::to_string(column.size()) +
@@ -116,7 +120,7 @@ void compare(const std::vector<rows::file_column_t>& first, const std::vector<ro
 }
 
 // Rows by the row groups, which is what the second pass walks; they must agree with the file's own count.
-int64_t count_rows(const rows::file_t& file) {
+static int64_t count_rows(const rows::file_t& file) {
     int64_t sum = 0;
     for (int64_t rg = 0; rg < file.nrowgroup; rg++) {
         const int64_t n = cvn_scan_get_rowgroup_size(file.scan, rg);
@@ -130,15 +134,16 @@ int64_t count_rows(const rows::file_t& file) {
     return sum;
 }
 
-[[noreturn]] void fail_write(const std::string& tmpdir, int code, int err) {
+[[noreturn]] static void fail_write(const std::string& tmpdir, int code, int err) {
     if (code == -2) throw sample_error("out of memory");
     throw sample_error("cannot write the sample in '" + tmpdir +
                        "': " + (code == -3 ? strerror(err) : "code " + std::to_string(code)));
 }
 
 // Appends the chosen rows of one file.
-void sample_file(cvn_t* w, row_choice_t* choice, const source_t& source, size_t ncol, const std::string& path,
-                 const std::shared_ptr<rows::bufpool_t>& pool, const std::string& tmpdir) {
+static void sample_file(cvn_t* w, row_choice_t* choice, const source_t& source, size_t ncol,
+                        const std::string& path, const std::shared_ptr<rows::bufpool_t>& pool,
+                        const std::string& tmpdir) {
     rows::file_t file;
     open_file(&file, path, pool);
     if (file.scan->schema_hash != source.hash || count_rows(file) != source.nrow ||
@@ -170,7 +175,7 @@ void sample_file(cvn_t* w, row_choice_t* choice, const source_t& source, size_t 
 }
 
 // Copies all of `from` to `out`.
-void copy_out(int out, int from) {
+static void copy_out(int out, int from) {
     struct stat st;
     const bool regular = fstat(out, &st) == 0 && S_ISREG(st.st_mode);
     const auto buf = std::make_unique<char[]>(COPY_BUFSZ);
@@ -197,8 +202,6 @@ void copy_out(int out, int from) {
         offset += n;
     }
 }
-
-}  // namespace
 
 // Creates a file without a name in `tmpdir`, so that whatever ends this process leaves nothing behind, and a
 // writer on it. Returns its descriptor.

@@ -19,7 +19,7 @@ struct sample_error : std::runtime_error {
 //
 // Only the footers and the pages of row groups that hold a chosen row are read, each page once, and those
 // pages are checked against their hashes. In memory are one footer, one row group, one stored page and at
-// most 8 bytes a chosen row. What is neither a regular file nor a split directory is refused. The file is
+// most 8 bytes per chosen row. What is neither a regular file nor a split directory is refused. The file is
 // made as an unnamed one in `tmpdir` and copied to `out` when it is complete.
 //
 // seed  the same seed, count and files give the same bytes.

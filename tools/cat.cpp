@@ -30,26 +30,28 @@ struct cat_head_t {
     std::vector<cvn_typ_t> typ;
 };
 
-int find_column(const rows::file_t& file, const std::string& name) {
+}  // namespace
+
+static int find_column(const rows::file_t& file, const std::string& name) {
     for (size_t c = 0; c < file.column.size(); c++)
         if (file.column[c].name == name) return static_cast<int>(c);
     return -1;
 }
 
-std::string column_list(const rows::file_t& file) {
+static std::string column_list(const rows::file_t& file) {
     std::string out;
     for (size_t c = 0; c < file.column.size() && c < 50; c++)
         out += (c ? ", " : "") + format_cell(file.column[c].name, CVN_NAME_SZ);
     return out + (file.column.size() > 50 ? ", ..." : "");
 }
 
-[[noreturn]] void fail_missing(const rows::file_t& file, const std::string& name) {
+[[noreturn]] static void fail_missing(const rows::file_t& file, const std::string& name) {
     throw tool_error(fmt::format("{}: there is no column {}; its columns are {}", file.path, tool_quote(name),
                                  column_list(file)));
 }
 
 // Finds the columns of the output in a file, and settles them by the first one.
-std::vector<int> shown_columns(const rows::file_t& file, bool chosen, cat_head_t* head) {
+static std::vector<int> shown_columns(const rows::file_t& file, bool chosen, cat_head_t* head) {
     if (!head->known && !chosen)
         for (const rows::file_column_t& c : file.column) head->name.push_back(c.name);
     if (head->known && !chosen && file.column.size() != head->name.size())
@@ -74,7 +76,7 @@ std::vector<int> shown_columns(const rows::file_t& file, bool chosen, cat_head_t
 }
 
 // Binds the conditions to the columns of a file.
-rows::cond_t bind(const rows::file_t& file, const rows::cond_t& where) {
+static rows::cond_t bind(const rows::file_t& file, const rows::cond_t& where) {
     rows::cond_t cond = where;
     std::vector<rows::cond_column_t> column;
     for (const rows::file_column_t& c : file.column) column.push_back({c.name, c.typ});
@@ -89,8 +91,8 @@ rows::cond_t bind(const rows::file_t& file, const rows::cond_t& where) {
 }
 
 // Prints the rows of one row group, `limit` at most (negative: all). Returns how many.
-int64_t print_rows(const std::vector<rows::column_t>& column, const std::vector<size_t>& shown, int64_t limit,
-                   format_t* format) {
+static int64_t print_rows(const std::vector<rows::column_t>& column, const std::vector<size_t>& shown,
+                          int64_t limit, format_t* format) {
     int64_t nrow = column.empty() ? 0 : column[0].vec.nrow;
     if (limit >= 0) nrow = std::min(nrow, limit);
     std::vector<cvn_datum_t> datum(shown.size());
@@ -107,8 +109,8 @@ int64_t print_rows(const std::vector<rows::column_t>& column, const std::vector<
 }
 
 // Prints the rows of one file. Returns false when the limit is reached.
-bool cat_file(const std::string& path, const cat_opts_t& opts, const rows::cond_t& where, cat_head_t* head,
-              format_t* format, tool_out_t* out, int64_t* left) {
+static bool cat_file(const std::string& path, const cat_opts_t& opts, const rows::cond_t& where,
+                     cat_head_t* head, format_t* format, tool_out_t* out, int64_t* left) {
     rows::file_t file;
     source_open(&file, path);
     const std::vector<int> cno = shown_columns(file, opts.columns_given, head);
@@ -164,7 +166,7 @@ bool cat_file(const std::string& path, const cat_opts_t& opts, const rows::cond_
     return *left != 0;
 }
 
-int cat_run(const cat_opts_t& opts) {
+static int cat_run(const cat_opts_t& opts) {
     const rows::cond_t where = where_parse(opts.where);
     cat_head_t head;
     head.name = where_names(opts.columns);
@@ -177,8 +179,6 @@ int cat_run(const cat_opts_t& opts) {
     format_end(&format);
     return 0;
 }
-
-}  // namespace
 
 void cat_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<cat_opts_t>();

@@ -75,18 +75,20 @@ struct output_t {
     }
 };
 
+}  // namespace
+
 // What names in a series share, and the rest of them: the number and ".cvn".
-std::string series_stem(const create_opts_t& opts) {
+static std::string series_stem(const create_opts_t& opts) {
     return opts.out.ends_with(".cvn") ? opts.out.substr(0, opts.out.size() - 4) : opts.out;
 }
 
 // The name of file `n`: OUT.cvn, or OUT.n.cvn in a series.
-std::string output_name(const create_opts_t& opts, size_t n) {
+static std::string output_name(const create_opts_t& opts, size_t n) {
     if (opts.rows == 0) return opts.out;
     return fmt::format("{}.{}.cvn", series_stem(opts), n);
 }
 
-void output_close(output_t* output) {
+static void output_close(output_t* output) {
     if (!output->writer) return;
     cvn_t* const writer = output->writer;
     output->writer = nullptr;
@@ -95,7 +97,7 @@ void output_close(output_t* output) {
     if (code != 0) throw tool_error(tool_code_text(code, errno, output->file.back().final));
 }
 
-void output_open(output_t* output) {
+static void output_open(output_t* output) {
     const std::string final = output_name(*output->opts, output->file.size());
     tool_check_target(final, USAGE);
     int fd;
@@ -118,11 +120,11 @@ void output_open(output_t* output) {
     output->nrow = 0;
 }
 
-[[gnu::noinline]] void output_fail(output_t* output, int code) {
+[[gnu::noinline]] static void output_fail(output_t* output, int code) {
     throw tool_error(tool_code_text(code, output->writer->os_errno, output->file.back().final));
 }
 
-inline void output_append(output_t* output, const cvn_datum_t* datum, const bool* isnull) {
+static inline void output_append(output_t* output, const cvn_datum_t* datum, const bool* isnull) {
     if (output->opts->rows > 0 && output->nrow == output->opts->rows) output_close(output);
     if (!output->writer) [[unlikely]]
         output_open(output);
@@ -132,9 +134,9 @@ inline void output_append(output_t* output, const cvn_datum_t* datum, const bool
     output->nrow++;
 }
 
-// Refuses to leave files of an older, longer series behind the new one: whoever reads the directory would
+// Refuses to leave files of an older, longer series after the new one: whoever reads the directory would
 // take them for part of it.
-void check_older_series(const output_t& output) {
+static void check_older_series(const output_t& output) {
     const std::string stem = series_stem(*output.opts);
     const size_t slash = stem.rfind('/');
     const std::string prefix = (slash == std::string::npos ? stem : stem.substr(slash + 1)) + ".";
@@ -165,7 +167,7 @@ void check_older_series(const output_t& output) {
 }
 
 // Gives a file its name, in exchange for the older one where the file system can do that.
-bool output_place(output_t::file_t* file) {
+static bool output_place(output_t::file_t* file) {
     const char *const temp = file->temp.c_str(), *const final = file->final.c_str();
     if (renameat2(AT_FDCWD, temp, AT_FDCWD, final, RENAME_EXCHANGE) == 0) {
         file->place = output_t::SWAPPED;
@@ -178,7 +180,7 @@ bool output_place(output_t::file_t* file) {
 }
 
 // Undoes that. Returns false when it cannot be undone.
-bool output_unplace(output_t::file_t* file) {
+static bool output_unplace(output_t::file_t* file) {
     const char *const temp = file->temp.c_str(), *const final = file->final.c_str();
     switch (file->place) {
         case output_t::TEMP: return true;
@@ -196,7 +198,7 @@ bool output_unplace(output_t::file_t* file) {
 }
 
 // All files get their names, or none does.
-void output_commit(output_t* output) {
+static void output_commit(output_t* output) {
     if (output->file.empty()) output_open(output);  // no rows: an empty table
     output_close(output);
     for (const output_t::file_t& f : output->file) tool_check_target(f.final, USAGE);
@@ -214,7 +216,9 @@ void output_commit(output_t* output) {
     }
 }
 
-// The input: the CSV files one behind the other.
+namespace {
+
+// The input: the CSV files one after the other.
 struct input_t {
     const create_opts_t* opts = nullptr;
     char delim = ',';
@@ -236,10 +240,14 @@ struct input_t {
     }
 };
 
-bool is_blank(const csv_t& csv) { return csv.nfield == 1 && csv.field[0].len == 0 && !csv.field[0].quoted; }
+}  // namespace
+
+static bool is_blank(const csv_t& csv) {
+    return csv.nfield == 1 && csv.field[0].len == 0 && !csv.field[0].quoted;
+}
 
 // Matches the header row against the columns.
-void match_header(input_t* input) {
+static void match_header(input_t* input) {
     const csv_t& csv = input->csv;
     input->field_of.assign(input->name.size(), -1);
     std::unordered_map<std::string_view, size_t> column;
@@ -267,7 +275,7 @@ void match_header(input_t* input) {
 }
 
 // Takes the columns' names from the header row.
-void name_columns(input_t* input) {
+static void name_columns(input_t* input) {
     const csv_t& csv = input->csv;
     for (size_t i = 0; i < csv.nfield; i++) {
         const std::string_view text(csv.field[i].ptr, csv.field[i].len);
@@ -281,7 +289,7 @@ void name_columns(input_t* input) {
 }
 
 // Whether the row looks as if its input ended lines in CR alone, so that all of them came as one.
-bool has_bare_cr(const csv_t& csv) {
+static bool has_bare_cr(const csv_t& csv) {
     for (size_t i = 0; i < csv.nfield; i++)
         if (!csv.field[i].quoted && memchr(csv.field[i].ptr, '\r', csv.field[i].len)) return true;
     return false;
@@ -291,7 +299,7 @@ constexpr char CR_HINT[] =
     "lines must end in LF or CR LF; do they end in CR alone? 'tr \"\\r\" \"\\n\"' helps";
 
 // Opens the next file and reads its header. Returns false when there is none.
-bool open_file(input_t* input) {
+static bool open_file(input_t* input) {
     if (input->fd >= 0) input->before += input->csv.nbyte;
     input->close_file();
     const create_opts_t& opts = *input->opts;
@@ -320,7 +328,7 @@ bool open_file(input_t* input) {
 
 // Advances to the next row, in this file or the next, and proves its number of fields. Empty lines are rows
 // only where the table has a single column.
-inline bool next_row(input_t* input) {
+static inline bool next_row(input_t* input) {
     for (;;) {
         while (input->fd < 0 || !csv_next(&input->csv))
             if (!open_file(input)) return false;
@@ -348,13 +356,15 @@ inline bool next_row(input_t* input) {
     }
 }
 
-bool is_null(const create_opts_t& opts, const csv_field_t& field) {
+static bool is_null(const create_opts_t& opts, const csv_field_t& field) {
     if (field.quoted) return false;
     if (!opts.null_given) return field.len == 0;
     for (const std::string& text : opts.null)
         if (text == std::string_view(field.ptr, field.len)) return true;
     return false;
 }
+
+namespace {
 
 // One row of the sample, with its own copy of the text.
 struct sample_t {
@@ -374,8 +384,10 @@ struct convert_t {
     int64_t nsample = 0;    // rows that the types were chosen from
 };
 
-[[noreturn]] void bad_field(const convert_t& convert, size_t c, const std::string& file, int64_t line,
-                            std::string_view text, const std::string& why) {
+}  // namespace
+
+[[noreturn]] static void bad_field(const convert_t& convert, size_t c, const std::string& file, int64_t line,
+                                   std::string_view text, const std::string& why) {
     const cvn_coldef_t& col = (*convert.coldef)[c];
     std::string hint;
     if (convert.opts->infer)
@@ -388,16 +400,16 @@ struct convert_t {
                                  cvn_typ_str(col.typ), tool_quote(text), why, hint));
 }
 
-[[gnu::noinline]] void convert_slow(convert_t* convert, size_t c, const csv_field_t& field,
-                                    const std::string& file, int64_t line) {
+[[gnu::noinline]] static void convert_slow(convert_t* convert, size_t c, const csv_field_t& field,
+                                           const std::string& file, int64_t line) {
     const std::string before(field.ptr, field.len);  // bytea is decoded in place
     const char* const why =
         rows::value_parse(&convert->datum[c], field.ptr, field.len, (*convert->coldef)[c].typ);
     if (why) bad_field(*convert, c, file, line, before, why);
 }
 
-void convert_row(convert_t* convert, const csv_field_t* fields, const int* field_of, bool has_nul,
-                 const std::string& file, int64_t line) {
+static void convert_row(convert_t* convert, const csv_field_t* fields, const int* field_of, bool has_nul,
+                        const std::string& file, int64_t line) {
     const size_t ncol = convert->coldef->size();
     cvn_datum_t* const datum = convert->datum.data();
     bool* const isnull = convert->isnull.get();
@@ -455,7 +467,8 @@ void convert_row(convert_t* convert, const csv_field_t* fields, const int* field
     }
 }
 
-void convert_begin(convert_t* convert, const create_opts_t* opts, const std::vector<cvn_coldef_t>* coldef) {
+static void convert_begin(convert_t* convert, const create_opts_t* opts,
+                          const std::vector<cvn_coldef_t>* coldef) {
     convert->opts = opts;
     convert->coldef = coldef;
     convert->datum.assign(coldef->size(), cvn_datum_t{});
@@ -467,7 +480,7 @@ void convert_begin(convert_t* convert, const create_opts_t* opts, const std::vec
 }
 
 // Reads the sample and chooses the types.
-std::vector<cvn_coldef_t> infer(input_t* input, std::deque<sample_t>* sample) {
+static std::vector<cvn_coldef_t> infer(input_t* input, std::deque<sample_t>* sample) {
     const create_opts_t& opts = *input->opts;
     std::vector<schema_guess_t> guess;
     size_t total = 0;
@@ -501,7 +514,7 @@ std::vector<cvn_coldef_t> infer(input_t* input, std::deque<sample_t>* sample) {
     return coldef;
 }
 
-char delimiter_of(const std::string& text) {
+static char delimiter_of(const std::string& text) {
     if (text == "\\t" || text == "tab" || text == "TAB") return '\t';
     if (text.size() != 1 || text[0] == '"' || text[0] == '\n' || text[0] == '\r' || text[0] == 0)
         throw tool_usage("--delimiter takes one character, or 'tab'; it cannot be a quote or a line end");
@@ -509,13 +522,13 @@ char delimiter_of(const std::string& text) {
 }
 
 // One word of a shell's command line.
-std::string shell_quote(const std::string& text) {
+static std::string shell_quote(const std::string& text) {
     std::string out = "'";
     for (const char ch : text) out += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
     return out + "'";
 }
 
-int create_run(create_opts_t opts) {
+static int create_run(create_opts_t opts) {
     std::vector<cvn_coldef_t> coldef;
     input_t input;
     input.opts = &opts;
@@ -577,8 +590,6 @@ int create_run(create_opts_t opts) {
     progress_end(&progress);
     return 0;
 }
-
-}  // namespace
 
 void create_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<create_opts_t>();

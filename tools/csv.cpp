@@ -21,9 +21,12 @@ using index_fn_t = size_t (*)(const char*, size_t, size_t, char, uint32_t*, bool
 
 #if defined(__SSE2__)
 
+}  // namespace
+
 // Appends the positions of the set bits of `mask`. Eight at a time are written whether they are there or not,
 // which costs less than a branch for each; `out` has the room for it.
-__attribute__((always_inline)) inline uint32_t* write_bits(uint32_t* out, uint64_t mask, uint32_t base) {
+static __attribute__((always_inline)) inline uint32_t* write_bits(uint32_t* out, uint64_t mask,
+                                                                  uint32_t base) {
     const int n = __builtin_popcountll(mask);
     uint32_t* w = out;
     while (mask != 0) {
@@ -36,7 +39,7 @@ __attribute__((always_inline)) inline uint32_t* write_bits(uint32_t* out, uint64
     return out + n;
 }
 
-size_t index_sse2(const char* buf, size_t from, size_t to, char delim, uint32_t* out, bool* has_nul) {
+static size_t index_sse2(const char* buf, size_t from, size_t to, char delim, uint32_t* out, bool* has_nul) {
     uint32_t* w = out;
     const __m128i d = _mm_set1_epi8(delim), q = _mm_set1_epi8('"'), n = _mm_set1_epi8('\n');
     for (size_t at = from; at < to; at += 64) {
@@ -60,8 +63,9 @@ size_t index_sse2(const char* buf, size_t from, size_t to, char delim, uint32_t*
     return static_cast<size_t>(w - out);
 }
 
-__attribute__((target("avx2,bmi,popcnt"))) size_t index_avx2(const char* buf, size_t from, size_t to,
-                                                             char delim, uint32_t* out, bool* has_nul) {
+static __attribute__((target("avx2,bmi,popcnt"))) size_t index_avx2(const char* buf, size_t from, size_t to,
+                                                                    char delim, uint32_t* out,
+                                                                    bool* has_nul) {
     uint32_t* w = out;
     const __m256i d = _mm256_set1_epi8(delim), q = _mm256_set1_epi8('"'), n = _mm256_set1_epi8('\n');
     for (size_t at = from; at < to; at += 64) {
@@ -92,7 +96,7 @@ __attribute__((target("avx2,bmi,popcnt"))) size_t index_avx2(const char* buf, si
     return static_cast<size_t>(w - out);
 }
 
-index_fn_t choose_index() {
+static index_fn_t choose_index() {
     __builtin_cpu_init();
     if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("popcnt"))
         return index_avx2;
@@ -101,16 +105,16 @@ index_fn_t choose_index() {
 
 #else
 
-index_fn_t choose_index() { return csv_index_plain; }
+static index_fn_t choose_index() { return csv_index_plain; }
 
 #endif
 
-[[noreturn]] void fail(const csv_t* csv, int64_t line, const std::string& what) {
+[[noreturn]] static void fail(const csv_t* csv, int64_t line, const std::string& what) {
     throw tool_error(fmt::format("{}:{}: {}", csv->name, line, what));
 }
 
 // Grows the buffer to `size` bytes, keeping [cur, top).
-void grow(csv_t* csv, size_t size) {
+static void grow(csv_t* csv, size_t size) {
     csv->mark.reset();  // found anew for the larger buffer
     std::unique_ptr<char[]> buf(new char[size + 1 + 2 * CSV_PADSZ]());
     std::unique_ptr<uint32_t[]> mark(new uint32_t[size + 1 + 2 * CSV_PADSZ]);
@@ -123,7 +127,7 @@ void grow(csv_t* csv, size_t size) {
 }
 
 // Reads until the buffer is full or the input ends, and finds the positions of what is there.
-void refill(csv_t* csv) {
+static void refill(csv_t* csv) {
     tool_check_signals();
     if (csv->cur > 0) {
         memmove(csv->buf.get(), csv->buf.get() + csv->cur, csv->top - csv->cur);
@@ -163,7 +167,7 @@ void refill(csv_t* csv) {
 }
 
 // Undoes the doubling of quotes in place.
-uint32_t unescape(char* ptr, uint32_t len) {
+static uint32_t unescape(char* ptr, uint32_t len) {
     uint32_t to = 0;
     for (uint32_t from = 0; from < len; from++) {
         if (ptr[from] == '"') from++;
@@ -174,7 +178,7 @@ uint32_t unescape(char* ptr, uint32_t len) {
 
 // Cuts one row from the positions. Returns false, changing nothing but `field`, when the buffer ends before
 // the row.
-bool cut_row(csv_t* csv) {
+static bool cut_row(csv_t* csv) {
     char* const buf = csv->buf.get();
     const uint32_t* m = csv->mark.get() + csv->imark;
     const uint32_t* const end = csv->mark.get() + csv->nmark;
@@ -235,7 +239,7 @@ bool cut_row(csv_t* csv) {
         }
         if (*after != delim && *after != '\n')
             fail(csv, csv->next_line + nline - 1,
-                 fmt::format("field {} goes on behind its closing quote; write a quote inside quotes as two",
+                 fmt::format("field {} goes on after its closing quote; write a quote inside quotes as two",
                              nfield + 1));
         field[nfield++] = {s + 1, static_cast<uint32_t>(q - s - 1), true, doubled};
         escaped |= doubled;
@@ -256,8 +260,6 @@ bool cut_row(csv_t* csv) {
     csv->cur = static_cast<size_t>(s - buf);
     return true;
 }
-
-}  // namespace
 
 size_t csv_index_plain(const char* buf, size_t from, size_t to, char delim, uint32_t* out, bool* has_nul) {
     uint32_t* w = out;

@@ -1,7 +1,7 @@
 // A CSV reader that hands out the fields of one row at a time without copying them.
 //
 // Input is read in large blocks. The positions of all delimiters, line feeds and quotes of a block are found
-// first, 64 bytes at a time; rows are then cut along these positions. A row that continues behind the block
+// first, 64 bytes at a time; rows are then cut along these positions. A row that continues after the block
 // is moved to the front of the buffer and cut again when more has been read.
 //
 // Rules (RFC 4180 and what is common besides): a field that begins with a double quote ends at the next quote
@@ -22,12 +22,12 @@ constexpr size_t CSV_BLOCKSZ =
     256 * 1024;  // what a read asks for: the block and its positions fit the L2 cache
 constexpr size_t CSV_MAX_ROWSZ = size_t{256} << 20;  // a longer row is refused
 constexpr size_t CSV_MAX_NFIELD = 1000000;           // a row of more fields is refused
-constexpr size_t CSV_PADSZ = 64;                     // readable bytes behind the last byte of any field
+constexpr size_t CSV_PADSZ = 64;                     // readable bytes after the last byte of any field
 
 // One field of the current row. The bytes are the caller's to change until the next row is asked for.
 struct csv_field_t {
     char* ptr;     // the text, NUL-terminated; borrowed from the reader, at least CSV_PADSZ readable bytes
-                   // behind it
+                   // after it
     uint32_t len;  // its length in bytes
     bool quoted;   // it stood in quotes
     bool escaped;  // internal: doubled quotes are still to be undone
@@ -61,13 +61,13 @@ struct csv_t {
 void csv_open(csv_t* csv, int fd, std::string name, char delim, size_t blocksz = CSV_BLOCKSZ);
 
 // Cuts the next row into `field` and `nfield` (at least 1; an empty line is one empty field). Returns false
-// at the end of the input. Throws tool_error for a quoted field that is not closed or goes on behind its
+// at the end of the input. Throws tool_error for a quoted field that is not closed or goes on after its
 // closing quote, for a row above CSV_MAX_ROWSZ or CSV_MAX_NFIELD and for a failed read.
 bool csv_next(csv_t* csv);
 
 // The scanner of csv_next by itself: writes the positions in [from, to) of `delim`, line feeds and quotes to
 // `out`, which has room for to - from + 64 numbers, and sets `*has_nul` when a zero byte is there (it never
-// clears it). `buf` is readable for CSV_PADSZ bytes behind `to`. Returns how many.
+// clears it). `buf` is readable for CSV_PADSZ bytes after `to`. Returns how many.
 size_t csv_index(const char* buf, size_t from, size_t to, char delim, uint32_t* out, bool* has_nul);
 
 // The same, one byte at a time: what the fast forms are tested against.

@@ -8,12 +8,10 @@
 
 #include "rows/value.h"
 
-namespace {
-
 constexpr size_t TABLE_HELD = 1000;  // rows that decide the widths of a table
 constexpr size_t TABLE_CELL = 60;    // characters of a cell
 
-void csv_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
+static void csv_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     std::string* const out = &format->out->buf;
     for (size_t i = 0; i < format->typ.size(); i++) {
         if (i > 0) *out += ',';
@@ -26,7 +24,7 @@ void csv_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     *out += '\n';
 }
 
-void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
+static void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     std::string* const out = &format->out->buf;
     for (size_t i = 0; i < format->typ.size(); i++) {
         *out += format->key[i];
@@ -63,7 +61,7 @@ void json_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     *out += format->typ.empty() ? "{}\n" : "}\n";
 }
 
-void table_line(format_t* format, const std::vector<std::string>& cell) {
+static void table_line(format_t* format, const std::vector<std::string>& cell) {
     std::string* const out = &format->out->buf;
     for (size_t i = 0; i < cell.size(); i++) {
         if (i > 0) *out += "  ";
@@ -76,7 +74,7 @@ void table_line(format_t* format, const std::vector<std::string>& cell) {
     *out += '\n';
 }
 
-void table_head(format_t* format) {
+static void table_head(format_t* format) {
     format->wide_known = true;
     std::vector<std::string> head, rule;
     for (size_t i = 0; i < format->name.size(); i++) {
@@ -92,7 +90,7 @@ void table_head(format_t* format) {
     format->held.clear();
 }
 
-void table_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
+static void table_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     std::vector<std::string> cell;
     for (size_t i = 0; i < format->typ.size(); i++) {
         if (isnull[i]) {
@@ -107,8 +105,6 @@ void table_row(format_t* format, const cvn_datum_t* datum, const bool* isnull) {
     format->held.push_back(std::move(cell));
     if (format->held.size() >= TABLE_HELD) table_head(format);
 }
-
-}  // namespace
 
 void format_csv_text(std::string* out, std::string_view text) {
     bool special = false;

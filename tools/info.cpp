@@ -25,7 +25,7 @@ struct info_opts_t {
 // One bound of a column.
 struct bound_t {
     bool known = false;
-    bool cut = false;  // a text that may go on behind these bytes
+    bool cut = false;  // a text that may go on after these bytes
     std::string text;
 };
 
@@ -57,7 +57,9 @@ struct file_t {
     std::vector<group_t> group;
 };
 
-bound_t bound_of(const cvn_datum_t& datum, cvn_typ_t typ) {
+}  // namespace
+
+static bound_t bound_of(const cvn_datum_t& datum, cvn_typ_t typ) {
     bound_t bound;
     bound.known = true;
     switch (cvn_storage(typ)) {
@@ -72,7 +74,7 @@ bound_t bound_of(const cvn_datum_t& datum, cvn_typ_t typ) {
     return bound;
 }
 
-file_t read_file(const std::string& path, bool rowgroups) {
+static file_t read_file(const std::string& path, bool rowgroups) {
     rows::file_t open;
     source_open(&open, path);
     cvn_scan_t* const scan = open.scan;
@@ -125,15 +127,15 @@ file_t read_file(const std::string& path, bool rowgroups) {
 }
 
 // Bytes that are no UTF-8 would make nlohmann::json throw when it prints them.
-std::string clean(const std::string& text) {
+static std::string clean(const std::string& text) {
     std::string quoted;
     format_json_text(&quoted, text);
     return nlohmann::json::parse(quoted).get<std::string>();
 }
 
-json bound_json(const bound_t& bound) { return bound.known ? json(clean(bound.text)) : json(nullptr); }
+static json bound_json(const bound_t& bound) { return bound.known ? json(clean(bound.text)) : json(nullptr); }
 
-json column_json(const column_t& col) {
+static json column_json(const column_t& col) {
     json out = {{"name", clean(col.name)},
                 {"type", cvn_typ_str(col.typ)},
                 {"z", col.zflag},
@@ -148,7 +150,7 @@ json column_json(const column_t& col) {
     return out;
 }
 
-json file_json(const file_t& file) {
+static json file_json(const file_t& file) {
     json out = {{"path", clean(file.path)},
                 {"split", file.split},
                 {"rows", file.nrow},
@@ -179,18 +181,18 @@ json file_json(const file_t& file) {
     return out;
 }
 
-std::string bound_text(const bound_t& bound) {
+static std::string bound_text(const bound_t& bound) {
     if (!bound.known) return "-";
     return format_cell(bound.text, 40) + (bound.cut ? "..." : "");
 }
 
-std::string ratio(int64_t raw, int64_t stored) {
+static std::string ratio(int64_t raw, int64_t stored) {
     return stored > 0 ? fmt::format("{:.2f}", static_cast<double>(raw) / static_cast<double>(stored)) : "-";
 }
 
 // Prints rows of cells in columns as wide as they need; those of `right` are aligned to the right.
-void print_cells(std::string* out, const std::vector<std::vector<std::string>>& rows,
-                 const std::vector<bool>& right, size_t indent) {
+static void print_cells(std::string* out, const std::vector<std::vector<std::string>>& rows,
+                        const std::vector<bool>& right, size_t indent) {
     std::vector<size_t> width(right.size());
     for (const auto& row : rows)
         for (size_t i = 0; i < row.size(); i++) width[i] = std::max(width[i], format_width(row[i]));
@@ -208,7 +210,7 @@ void print_cells(std::string* out, const std::vector<std::vector<std::string>>& 
     }
 }
 
-void print_file(std::string* out, const file_t& file) {
+static void print_file(std::string* out, const file_t& file) {
     *out += fmt::format("{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", file.path,
                         file.split ? "split, " : "", tool_counted(file.nrow, "row", "rows"),
                         tool_counted(file.nrowgroup, "row group", "row groups"),
@@ -243,7 +245,7 @@ void print_file(std::string* out, const file_t& file) {
     }
 }
 
-int info_run(const info_opts_t& opts) {
+static int info_run(const info_opts_t& opts) {
     const rows::file_list_t source = source_find(opts.path);
     tool_out_t out;
     json files = json::array();
@@ -293,8 +295,6 @@ int info_run(const info_opts_t& opts) {
     tool_out_flush(&out);
     return nbad > 0 ? 1 : 0;
 }
-
-}  // namespace
 
 void info_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<info_opts_t>();

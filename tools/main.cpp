@@ -9,8 +9,6 @@
 #include "tools/commands.h"
 #include "tools/tool.h"
 
-namespace {
-
 constexpr char DESCRIPTION[] =
     "Make, inspect, check and read columnar data files (.cvn).\n"
     "\n"
@@ -41,15 +39,13 @@ constexpr char FOOTER[] =
 
 // The list of subcommands shows the first paragraph of each description; the rest is told by its own --help,
 // last.
-void shorten(CLI::App* sub) {
+static void shorten(CLI::App* sub) {
     const std::string text = sub->get_description();
     const size_t cut = text.find("\n\n");
     if (cut == std::string::npos) return;
     sub->description(text.substr(0, cut));
     sub->footer("\n" + text.substr(cut + 2));
 }
-
-}  // namespace
 
 int main(int argc, char** argv) {
     tool_catch_signals();

@@ -8,15 +8,11 @@
 
 #include "tools/tool.h"
 
-namespace {
-
 constexpr int WIDTH = 24;
 constexpr double MAX_RATE = 1e18;  // a server's counts may be anything; this still is an integer
 
 // Failures to draw are of no interest to anybody.
-void draw(const std::string& text) { (void)!write(2, text.data(), text.size()); }
-
-}  // namespace
+static void draw(const std::string& text) { (void)!write(2, text.data(), text.size()); }
 
 std::string progress_text(const progress_t& progress, int64_t nbyte, int64_t count, double seconds) {
     const auto rate = [seconds](int64_t n) {

@@ -14,11 +14,9 @@
 
 #include "tools/commands.h"
 
-namespace {
-
 constexpr char NO_KELPD_HINT[] = "is it a kelpd? check host and port";
 
-kelp_url_t parse(const std::string& text, const char* where) {
+static kelp_url_t parse(const std::string& text, const char* where) {
     kelp_url_t url;
     kelp_error_t err;
     if (kelp_url_parse(&url, text, &err) != 0)
@@ -26,7 +24,7 @@ kelp_url_t parse(const std::string& text, const char* where) {
     return url;
 }
 
-kelp_url_t parent_of(kelp_url_t url) {
+static kelp_url_t parent_of(kelp_url_t url) {
     for (std::string* part : {&url.partition, &url.entity, &url.schema, &url.database})
         if (!part->empty()) {
             part->clear();
@@ -36,7 +34,7 @@ kelp_url_t parent_of(kelp_url_t url) {
 }
 
 // Returns where a symbolic link leads that leads to nothing yet, or `path` if it is none.
-std::string follow_links(std::string path) {
+static std::string follow_links(std::string path) {
     constexpr int MAX_LINKS = 40;  // as the kernel's
     char to[PATH_MAX];
     for (int i = 0; i < MAX_LINKS; i++) {
@@ -48,6 +46,8 @@ std::string follow_links(std::string path) {
     }
     throw tool_error(path + ": " + tool_strerror(ELOOP));
 }
+
+namespace {
 
 struct usage_t : CLI::Formatter {
     std::string args;

@@ -30,20 +30,22 @@ struct listing_t {
     std::vector<cvn_datum_t> datum;
 };
 
-void listing_begin(listing_t* listing, const std::string& kind, const std::vector<std::string>& name,
-                   const std::vector<cvn_typ_t>& typ) {
+}  // namespace
+
+static void listing_begin(listing_t* listing, const std::string& kind, const std::vector<std::string>& name,
+                          const std::vector<cvn_typ_t>& typ) {
     const std::map<std::string, format_kind_t> kinds = {
         {"csv", FORMAT_CSV}, {"jsonl", FORMAT_JSONL}, {"table", FORMAT_TABLE}};
     format_begin(&listing->format, kinds.at(kind.empty() ? "table" : kind), &listing->out, name, typ);
     listing->datum.resize(name.size());
 }
 
-void listing_row(listing_t* listing) {
+static void listing_row(listing_t* listing) {
     static constexpr bool none[8] = {};
     format_row(&listing->format, listing->datum.data(), none);
 }
 
-void ls_names(const ls_opts_t& opts, const kelp_url_t& url) {
+static void ls_names(const ls_opts_t& opts, const kelp_url_t& url) {
     kelp_error_t err;
     std::vector<std::string> name;
     remote_check(kelp_list(&name, url, remote_opt(opts.remote), &err), url, err);
@@ -64,7 +66,7 @@ void ls_names(const ls_opts_t& opts, const kelp_url_t& url) {
     format_end(&listing.format);
 }
 
-void ls_files(const ls_opts_t& opts, const kelp_url_t& url) {
+static void ls_files(const ls_opts_t& opts, const kelp_url_t& url) {
     kelp_error_t err;
     std::vector<kelp_file_t> file;
     remote_check(kelp_list_files(&file, url, remote_opt(opts.remote), &err), url, err);
@@ -85,7 +87,7 @@ void ls_files(const ls_opts_t& opts, const kelp_url_t& url) {
     format_end(&listing.format);
 }
 
-void ls_columns(const ls_opts_t& opts, const kelp_url_t& url) {
+static void ls_columns(const ls_opts_t& opts, const kelp_url_t& url) {
     kelp_error_t err;
     std::vector<kelp_column_t> column;
     int32_t chksum;
@@ -100,7 +102,7 @@ void ls_columns(const ls_opts_t& opts, const kelp_url_t& url) {
     format_end(&listing.format);
 }
 
-int ls_run(const ls_opts_t& opts) {
+static int ls_run(const ls_opts_t& opts) {
     const kelp_url_t url = remote_url(opts.url);
     switch (kelp_url_depth(url)) {
         case 3: ls_files(opts, url); break;
@@ -109,6 +111,8 @@ int ls_run(const ls_opts_t& opts) {
     }
     return 0;
 }
+
+namespace {
 
 struct put_opts_t {
     std::vector<std::string> arg;  // the files, then the URL
@@ -125,15 +129,17 @@ struct upload_t {
     std::vector<kelp_column_t> column;
 };
 
-bool is_table_file(const std::string& name) {
+}  // namespace
+
+static bool is_table_file(const std::string& name) {
     return name.ends_with(".cvn") || name.ends_with(".cvn.mismatch");
 }
 
 // Whether scans read it: a file set aside is listed, but not read.
-bool is_scanned(const std::string& name) { return name.ends_with(".cvn"); }
+static bool is_scanned(const std::string& name) { return name.ends_with(".cvn"); }
 
 // The columns of a file that was verified.
-std::vector<kelp_column_t> read_columns(const std::string& path) {
+static std::vector<kelp_column_t> read_columns(const std::string& path) {
     cvn_scan_t* scan = nullptr;
     errno = 0;
     const int code = cvn_scan_open(&scan, path.c_str());
@@ -151,7 +157,7 @@ std::vector<kelp_column_t> read_columns(const std::string& path) {
 }
 
 // Refuses a file that is damaged, or that no query would ever find.
-void put_check(upload_t* up) {
+static void put_check(upload_t* up) {
     const std::string& path = up->path;
     struct stat st;
     if (stat(path.c_str(), &st) != 0) throw tool_error(path + ": " + tool_strerror(errno));
@@ -180,7 +186,7 @@ void put_check(upload_t* up) {
 }
 
 // Refuses a server that is no kelpd: any web server may answer a change with success.
-void check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
+static void check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
     kelp_url_t root = url;
     root.database = root.schema = root.entity = root.partition = "";
     std::vector<std::string> name;
@@ -192,8 +198,8 @@ void check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
 
 // The columns that the files of a table have, by the first one that stays when `replaced` are put, and the name of
 // that file. Returns false when none stays.
-bool table_has(std::vector<kelp_column_t>* ret_column, std::string* ret_name, const kelp_url_t& table,
-               const std::set<std::string>& replaced, const kelp_opt_t& opt) {
+static bool table_has(std::vector<kelp_column_t>* ret_column, std::string* ret_name, const kelp_url_t& table,
+                      const std::set<std::string>& replaced, const kelp_opt_t& opt) {
     kelp_error_t err;
     const auto check = [&](int code) {
         // The table can be taken as it is, though not be read.
@@ -222,8 +228,8 @@ bool table_has(std::vector<kelp_column_t>* ret_column, std::string* ret_name, co
 }
 
 // Refuses files with other columns than those beside which they would stand: every query of the table would fail.
-void put_compare(const std::vector<upload_t>& ups, const std::set<std::string>& names,
-                 const kelp_opt_t& opt) {
+static void put_compare(const std::vector<upload_t>& ups, const std::set<std::string>& names,
+                        const kelp_opt_t& opt) {
     std::vector<kelp_column_t> want;
     std::string want_name;
     bool known = table_has(&want, &want_name, ups[0].url, names, opt);
@@ -241,26 +247,26 @@ void put_compare(const std::vector<upload_t>& ups, const std::set<std::string>& 
     }
 }
 
-bool put_progress(void* arg, int64_t done, int64_t) {
+static bool put_progress(void* arg, int64_t done, int64_t) {
     progress_update(static_cast<progress_t*>(arg), done, 0);
     return true;
 }
 
-bool is_file(const std::string& path) {
+static bool is_file(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 // Whether the last argument is one more file, for the table in KELPD_URL. Of several it is one only when that
 // names a table: below a server it would be a place.
-bool put_to_default(const put_opts_t& opts) {
+static bool put_to_default(const put_opts_t& opts) {
     if (!is_file(opts.arg.back())) return false;
     if (opts.arg.size() == 1) return true;
     const char* const base = getenv("KELPD_URL");
     return base && *base && kelp_url_depth(remote_url("")) == 3;
 }
 
-int put_run(const put_opts_t& opts) {
+static int put_run(const put_opts_t& opts) {
     std::vector<std::string> files = opts.arg;
     std::string place;
     if (!put_to_default(opts)) {
@@ -309,15 +315,19 @@ int put_run(const put_opts_t& opts) {
     return 0;
 }
 
+namespace {
+
 struct rm_opts_t {
     std::string url;
     bool yes = false;
     remote_opts_t remote;
 };
 
+}  // namespace
+
 // Lets pass what can be removed although it cannot be described: a kelpd does not escape the names that it
 // lists, so that a name with a quote in it spoils the reply.
-void rm_check(int code, const kelp_url_t& url, const kelp_opt_t& opt, const kelp_error_t& err) {
+static void rm_check(int code, const kelp_url_t& url, const kelp_opt_t& opt, const kelp_error_t& err) {
     if (code != KELP_EPROTO) return remote_check(code, url, err);
     std::vector<std::string> name;
     kelp_url_t root = url;
@@ -327,7 +337,7 @@ void rm_check(int code, const kelp_url_t& url, const kelp_opt_t& opt, const kelp
 }
 
 // What would be removed. Fails when there is nothing of that name, which the server itself would not tell.
-std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
+static std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
     kelp_error_t err;
     const std::string name = tool_quote(remote_name(url), 500);
     const int depth = kelp_url_depth(url);
@@ -361,11 +371,11 @@ std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
 }
 
 // What cannot be shown on the terminal is answered with "no".
-bool show(const std::string& text) {
+static bool show(const std::string& text) {
     return write(2, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-bool ask(const std::string& question) {
+static bool ask(const std::string& question) {
     if (!show(question + " [y/N] ")) return false;
     std::string line;
     for (char ch = 0; ch != '\n';) {
@@ -381,7 +391,7 @@ bool ask(const std::string& question) {
     return strcasecmp(line.c_str(), "y") == 0 || strcasecmp(line.c_str(), "yes") == 0;
 }
 
-int rm_run(const rm_opts_t& opts) {
+static int rm_run(const rm_opts_t& opts) {
     const kelp_url_t url = remote_url(opts.url, 1, 4, "anything that can be removed");
     if (!opts.yes && (isatty(0) != 1 || isatty(2) != 1))
         throw tool_usage("there is no terminal to ask on; --yes removes without asking");
@@ -397,12 +407,16 @@ int rm_run(const rm_opts_t& opts) {
     return 0;
 }
 
+namespace {
+
 struct meta_opts_t {
     std::string url;
     remote_opts_t remote;
 };
 
-int meta_run(const meta_opts_t& opts) {
+}  // namespace
+
+static int meta_run(const meta_opts_t& opts) {
     const kelp_url_t url = remote_url(opts.url, 3, 3, "a table");
     kelp_error_t err;
     kelp_meta_t meta;
@@ -413,7 +427,7 @@ int meta_run(const meta_opts_t& opts) {
     return 0;
 }
 
-void ls_register(CLI::App* app, int* ret) {
+static void ls_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<ls_opts_t>();
     CLI::App* const sub =
         app->add_subcommand("ls",
@@ -436,7 +450,7 @@ void ls_register(CLI::App* app, int* ret) {
     sub->callback([opts, ret] { *ret = ls_run(*opts); });
 }
 
-void put_register(CLI::App* app, int* ret) {
+static void put_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<put_opts_t>();
     CLI::App* const sub = app->add_subcommand(
         "put",
@@ -468,7 +482,7 @@ void put_register(CLI::App* app, int* ret) {
     sub->callback([opts, ret] { *ret = put_run(*opts); });
 }
 
-void rm_register(CLI::App* app, int* ret) {
+static void rm_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<rm_opts_t>();
     CLI::App* const sub =
         app->add_subcommand("rm",
@@ -486,7 +500,7 @@ void rm_register(CLI::App* app, int* ret) {
     sub->callback([opts, ret] { *ret = rm_run(*opts); });
 }
 
-void meta_register(CLI::App* app, int* ret) {
+static void meta_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<meta_opts_t>();
     CLI::App* const sub =
         app->add_subcommand("meta",
@@ -500,8 +514,6 @@ void meta_register(CLI::App* app, int* ret) {
     remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = meta_run(*opts); });
 }
-
-}  // namespace
 
 void remote_catalog_register(CLI::App* app, int* ret) {
     ls_register(app, ret);

@@ -56,8 +56,10 @@ struct batch_t {
     ~batch_t() { kelp_batch_free(batch); }
 };
 
+}  // namespace
+
 // The query that the options describe. Mistakes in the conditions are found before anything is asked.
-kelp_query_t make_query(const query_opts_t& opts) {
+static kelp_query_t make_query(const query_opts_t& opts) {
     (void)where_parse(opts.where);
     kelp_query_t query;
     query.column = where_names(opts.columns);
@@ -68,14 +70,14 @@ kelp_query_t make_query(const query_opts_t& opts) {
     return query;
 }
 
-void scan_begin(scan_t* scan, const kelp_query_t& query, const kelp_opt_t& opt) {
+static void scan_begin(scan_t* scan, const kelp_query_t& query, const kelp_opt_t& opt) {
     kelp_error_t err;
     scan->url = query.url;
     remote_check(kelp_scan_open(&scan->scan, query, opt, &err), query.url, err);
 }
 
 // Draws progress by the table's rows, unless rows go to the same terminal.
-void scan_show_progress(scan_t* scan, int rows_fd) {
+static void scan_show_progress(scan_t* scan, int rows_fd) {
     kelp_scan_stat_t stat;
     kelp_scan_stat(scan->scan, &stat);
     progress_begin(&scan->progress, stat.total_nrow, "rows");
@@ -84,7 +86,7 @@ void scan_show_progress(scan_t* scan, int rows_fd) {
 }
 
 // Fetches the next batch. Returns false when there is none left.
-bool scan_next(scan_t* scan, batch_t* batch) {
+static bool scan_next(scan_t* scan, batch_t* batch) {
     kelp_error_t err;
     kelp_batch_free(batch->batch);
     batch->batch = nullptr;
@@ -103,7 +105,7 @@ bool scan_next(scan_t* scan, batch_t* batch) {
 
 // Calls `take(datum, isnull)` for each row until `limit` of them are taken (negative: all).
 template <typename F>
-void scan_rows(scan_t* scan, int64_t limit, F take) {
+static void scan_rows(scan_t* scan, int64_t limit, F take) {
     const size_t ncol = kelp_scan_columns(scan->scan).size();
     std::vector<cvn_datum_t> datum(ncol);
     const std::unique_ptr<bool[]> isnull(new bool[ncol + 1]());
@@ -128,12 +130,12 @@ void scan_rows(scan_t* scan, int64_t limit, F take) {
 }
 
 // What was not read of a total. Both come from the server and need not fit together.
-std::string skipped(int64_t total, int64_t n) {
+static std::string skipped(int64_t total, int64_t n) {
     int64_t left;
     return tool_count(__builtin_sub_overflow(total, n, &left) ? 0 : std::max<int64_t>(left, 0));
 }
 
-void print_stats(const kelp_scan_stat_t& s) {
+static void print_stats(const kelp_scan_stat_t& s) {
     tool_say(fmt::format("{}, {}: {} read, {} skipped", tool_counted(s.total_nfile, "file", "files"),
                          tool_counted(s.total_nrowgroup, "row group", "row groups"), tool_count(s.nrowgroup),
                          skipped(s.total_nrowgroup, s.nrowgroup)));
@@ -143,14 +145,14 @@ void print_stats(const kelp_scan_stat_t& s) {
                          tool_count(s.total_zbyte), skipped(s.total_zbyte, s.zbyte), tool_count(s.nbyte)));
 }
 
-void print_stats(const scan_t& scan) {
+static void print_stats(const scan_t& scan) {
     kelp_scan_stat_t stat;
     kelp_scan_stat(scan.scan, &stat);
     print_stats(stat);
 }
 
 // Of a count that the server made from what its files say.
-void print_count_stats(const kelp_url_t& url, const kelp_opt_t& opt, int64_t nrow) {
+static void print_count_stats(const kelp_url_t& url, const kelp_opt_t& opt, int64_t nrow) {
     kelp_error_t err;
     std::vector<kelp_file_t> file;
     remote_check(kelp_list_files(&file, url, opt, &err), url, err);
@@ -167,7 +169,7 @@ void print_count_stats(const kelp_url_t& url, const kelp_opt_t& opt, int64_t nro
 }
 
 // Prints the rows of a scan, on the standard output or into a file.
-void print_rows(scan_t* scan, const query_opts_t& opts) {
+static void print_rows(scan_t* scan, const query_opts_t& opts) {
     static const std::map<std::string, format_kind_t> kind = {
         {"csv", FORMAT_CSV}, {"jsonl", FORMAT_JSONL}, {"table", FORMAT_TABLE}};
     remote_target_t target;
@@ -192,7 +194,7 @@ void print_rows(scan_t* scan, const query_opts_t& opts) {
     if (to_file) remote_target_commit(&target);
 }
 
-int query_run(const query_opts_t& opts) {
+static int query_run(const query_opts_t& opts) {
     const kelp_opt_t opt = remote_opt(opts.remote);
     const kelp_query_t query = make_query(opts);
     scan_t scan;
@@ -203,7 +205,7 @@ int query_run(const query_opts_t& opts) {
 }
 
 // The rows of a query with conditions.
-int64_t count_scanned(kelp_query_t query, const kelp_opt_t& opt, bool stats) {
+static int64_t count_scanned(kelp_query_t query, const kelp_opt_t& opt, bool stats) {
     query.rows_only = true;
     scan_t scan;
     scan.url = query.url;
@@ -223,7 +225,7 @@ int64_t count_scanned(kelp_query_t query, const kelp_opt_t& opt, bool stats) {
     return nrow;
 }
 
-int count_run(const query_opts_t& opts) {
+static int count_run(const query_opts_t& opts) {
     const kelp_opt_t opt = remote_opt(opts.remote);
     const kelp_query_t query = make_query(opts);
     int64_t nrow = 0;
@@ -240,6 +242,8 @@ int count_run(const query_opts_t& opts) {
     return 0;
 }
 
+namespace {
+
 // A data file in the making.
 struct writer_t {
     cvn_t* writer = nullptr;
@@ -253,15 +257,17 @@ struct writer_t {
     }
 };
 
+}  // namespace
+
 // Splits "[URL] LAST" of get and sample.
-std::string take_last(query_opts_t* opts, const char* what) {
+static std::string take_last(query_opts_t* opts, const char* what) {
     if (opts->arg.empty() || opts->arg.size() > 2)
         throw tool_usage(fmt::format("the arguments are a URL and {}", what));
     if (opts->arg.size() == 2) opts->url = opts->arg[0];
     return opts->arg.back();
 }
 
-int get_run(query_opts_t opts) {
+static int get_run(query_opts_t opts) {
     const std::string path = take_last(&opts, "the file to write");
     if (path.empty() || path == "-" || path.ends_with('/') || path.find("://") != std::string::npos)
         throw tool_usage("OUT.cvn must be the name of a file");
@@ -305,7 +311,7 @@ int get_run(query_opts_t opts) {
     return 0;
 }
 
-int sample_run(query_opts_t opts) {
+static int sample_run(query_opts_t opts) {
     const std::string text = take_last(&opts, "the number of rows");
     int64_t nrow = 0;
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), nrow);
@@ -320,7 +326,7 @@ int sample_run(query_opts_t opts) {
     return 0;
 }
 
-void add_where(CLI::App* sub, query_opts_t* opts) {
+static void add_where(CLI::App* sub, query_opts_t* opts) {
     sub->add_option("--where", opts->where, "A condition on the rows; may be repeated, and all must hold")
         ->allow_extra_args(false);
     sub->add_option("--jobs", opts->jobs, "Connections to read over, 1 to 64 (default: 2)")
@@ -330,13 +336,13 @@ void add_where(CLI::App* sub, query_opts_t* opts) {
     sub->add_flag("--stats", opts->stats, "Tell on the standard error what was read and what was skipped");
 }
 
-void add_columns(CLI::App* sub, query_opts_t* opts) {
+static void add_columns(CLI::App* sub, query_opts_t* opts) {
     sub->add_option("--columns", opts->columns, "The columns, in this order: a,b,\"c d\" (default: all)")
         ->allow_extra_args(false);
     sub->add_option("--limit", opts->limit, "Stop after this many rows")->check(whole_number(0));
 }
 
-void add_output(CLI::App* sub, query_opts_t* opts) {
+static void add_output(CLI::App* sub, query_opts_t* opts) {
     sub->add_option("--format", opts->format, "csv, jsonl or table (default: csv)")
         ->check(CLI::IsMember({"csv", "jsonl", "table"}));
     sub->add_option("-o,--output", opts->out,
@@ -344,7 +350,7 @@ void add_output(CLI::App* sub, query_opts_t* opts) {
                     "output)");
 }
 
-void count_register(CLI::App* app, int* ret) {
+static void count_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<query_opts_t>();
     CLI::App* const sub =
         app->add_subcommand("count",
@@ -362,7 +368,7 @@ void count_register(CLI::App* app, int* ret) {
     sub->callback([opts, ret] { *ret = count_run(*opts); });
 }
 
-void query_register(CLI::App* app, int* ret) {
+static void query_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<query_opts_t>();
     CLI::App* const sub = app->add_subcommand(
         "query",
@@ -391,7 +397,7 @@ void query_register(CLI::App* app, int* ret) {
     sub->callback([opts, ret] { *ret = query_run(*opts); });
 }
 
-void get_register(CLI::App* app, int* ret) {
+static void get_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<query_opts_t>();
     CLI::App* const sub = app->add_subcommand(
         "get",
@@ -411,7 +417,7 @@ void get_register(CLI::App* app, int* ret) {
     sub->callback([opts, ret] { *ret = get_run(*opts); });
 }
 
-void sample_register(CLI::App* app, int* ret) {
+static void sample_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<query_opts_t>();
     opts->remote.timeout = 600;  // the server reads the table before it answers
     CLI::App* const sub =
@@ -428,8 +434,6 @@ void sample_register(CLI::App* app, int* ret) {
     remote_add_options(sub, &opts->remote);
     sub->callback([opts, ret] { *ret = sample_run(*opts); });
 }
-
-}  // namespace
 
 void remote_query_register(CLI::App* app, int* ret) {
     count_register(app, ret);

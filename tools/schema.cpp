@@ -21,15 +21,13 @@ const char* const SCHEMA_SYNTAX =
     "and "
     "maximum; a name with spaces or commas stands in double quotes";
 
-namespace {
-
 // The types that are tried, in the order of preference.
 constexpr std::array<cvn_typ_t, 9> GUESS = {
     CVN_TYP_BOOL, CVN_TYP_INT64,       CVN_TYP_INT128,           CVN_TYP_DOUBLE, CVN_TYP_DEC128,
     CVN_TYP_DATE, CVN_TYP_TIME_MILLIS, CVN_TYP_TIMESTAMP_MILLIS, CVN_TYP_BYTEA};
 
 // Cuts a definition string at the commas outside quotes, as the library's parser does.
-std::vector<std::string> pieces(const std::string& text) {
+static std::vector<std::string> pieces(const std::string& text) {
     std::vector<std::string> out(1);
     bool quoted = false, word = false;
     for (const char ch : text) {
@@ -46,7 +44,7 @@ std::vector<std::string> pieces(const std::string& text) {
 }
 
 // Parses one string and gives the array back to the allocator. Returns false for bad syntax.
-bool parse(const std::string& text, std::vector<cvn_coldef_t>* ret) {
+static bool parse(const std::string& text, std::vector<cvn_coldef_t>* ret) {
     cvn_coldef_t* coldef = nullptr;
     int ncol = 0;
     const int code = cvn_coldef_parse(&coldef, &ncol, text.c_str());
@@ -59,17 +57,17 @@ bool parse(const std::string& text, std::vector<cvn_coldef_t>* ret) {
 
 // A number as people write it, so that printing the value gives the text again: no leading zeros, no plus
 // sign.
-bool is_canonical_number(std::string_view text) {
+static bool is_canonical_number(std::string_view text) {
     if (!text.empty() && text[0] == '-') text.remove_prefix(1);
     if (text.empty() || text[0] < '0' || text[0] > '9') return false;
     return text[0] != '0' || text.size() == 1 || text[1] == '.' || text[1] == 'e' || text[1] == 'E';
 }
 
-bool is_word_number(std::string_view text) { return text == "NaN" || text == "inf" || text == "-inf"; }
+static bool is_word_number(std::string_view text) { return text == "NaN" || text == "inf" || text == "-inf"; }
 
 // Splits a number into its digits, without zeros at either end, and the exponent of the first one. Two texts
 // are the same number when both are equal.
-void normal_digits(std::string_view text, std::string* digits, int* exponent) {
+static void normal_digits(std::string_view text, std::string* digits, int* exponent) {
     digits->clear();
     *exponent = 0;
     int point = -1, ndigit = 0, shift = 0;
@@ -98,7 +96,7 @@ void normal_digits(std::string_view text, std::string* digits, int* exponent) {
 }
 
 // Whether a double, printed with the fewest digits, is the number that the text says.
-bool is_exact_double(std::string_view text) {
+static bool is_exact_double(std::string_view text) {
     double v;
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
     if (ec != std::errc() || end != text.data() + text.size()) return false;
@@ -111,7 +109,7 @@ bool is_exact_double(std::string_view text) {
     return a == b && ea == eb;
 }
 
-bool fits(std::string_view text, cvn_typ_t typ) {
+static bool fits(std::string_view text, cvn_typ_t typ) {
     switch (typ) {
         case CVN_TYP_BOOL: return text == "true" || text == "false";
         case CVN_TYP_INT64:
@@ -142,8 +140,6 @@ bool fits(std::string_view text, cvn_typ_t typ) {
     rows::value_t value;
     return rows::value_from_text(&value, text, typ) == nullptr;
 }
-
-}  // namespace
 
 std::string schema_name(const cvn_coldef_t& coldef) { return rows::file_column_name(coldef); }
 

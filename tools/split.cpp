@@ -45,10 +45,14 @@ struct work_t {
     }
 };
 
-[[noreturn]] void fail(const std::string& path) { throw tool_error(path + ": " + tool_strerror(errno)); }
+}  // namespace
+
+[[noreturn]] static void fail(const std::string& path) {
+    throw tool_error(path + ": " + tool_strerror(errno));
+}
 
 // Reads all stored pages and compares their hashes: what is split is copied as it is, and its hashes with it.
-void check_pages(const std::string& path, cvn_scan_t* scan) {
+static void check_pages(const std::string& path, cvn_scan_t* scan) {
     for (int64_t rg = 0; rg < scan->schema->nrowgroup; rg++)
         for (int c = 0; c < scan->schema->ncol; c++) {
             tool_check_signals();
@@ -67,7 +71,7 @@ void check_pages(const std::string& path, cvn_scan_t* scan) {
 }
 
 // Proves that the file can be split, and returns the number of its columns.
-int check_file(const std::string& path) {
+static int check_file(const std::string& path) {
     rows::file_t open;
     source_open(&open, path);
     cvn_scan_t* const scan = open.scan;
@@ -88,7 +92,7 @@ int check_file(const std::string& path) {
 }
 
 // Removes column files of an older split with more columns.
-void remove_older(const std::string& dir, int ncol) {
+static void remove_older(const std::string& dir, int ncol) {
     DIR* const d = opendir(dir.c_str());
     if (!d) fail(dir);
     std::vector<std::string> older;
@@ -105,7 +109,7 @@ void remove_older(const std::string& dir, int ncol) {
         if (unlink(path.c_str()) != 0) fail(path);
 }
 
-int split_run(const split_opts_t& opts) {
+static int split_run(const split_opts_t& opts) {
     struct stat st;
     if (stat(opts.file.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
         throw tool_error(opts.file + ": is a directory; only a data file can be split");
@@ -140,8 +144,6 @@ int split_run(const split_opts_t& opts) {
     if (rename((path + "/meta.cvnx").c_str(), meta.c_str()) != 0) fail(meta);
     return 0;
 }
-
-}  // namespace
 
 void split_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<split_opts_t>();

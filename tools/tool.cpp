@@ -15,18 +15,14 @@
 
 #include "colvane/colvane.h"
 
-namespace {
-
-volatile sig_atomic_t caught_signal = 0;
-std::atomic<bool> caught{false};
+static volatile sig_atomic_t caught_signal = 0;
+static std::atomic<bool> caught{false};
 static_assert(std::atomic<bool>::is_always_lock_free);  // or a handler could not store to it
 
-void note_signal(int signal) {
+static void note_signal(int signal) {
     caught_signal = signal;
     caught.store(true);
 }
-
-}  // namespace
 
 void tool_say(const std::string& text) {
     const std::string line = "cvn: " + text + "\n";
@@ -122,7 +118,7 @@ void tool_allow_files(int64_t n) {
 }
 
 std::string tool_temp_create(const std::string& path, int* ret_fd) {
-    constexpr int TRIES = 1000;  // names that others left behind are passed over
+    constexpr int TRIES = 1000;  // names that others left are passed over
     for (int i = 0;; i++) {
         const std::string temp = fmt::format("{}.{}.{}.tmp", path, getpid(), i);
         *ret_fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);

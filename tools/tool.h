@@ -30,7 +30,7 @@ struct tool_interrupted {
     int signal;
 };
 
-// Returns `text` in single quotes, with control characters as \xNN, cut behind `max` bytes.
+// Returns `text` in single quotes, with control characters as \xNN, cut after `max` bytes.
 std::string tool_quote(std::string_view text, size_t max = 60);
 
 // Returns the message of an errno value.

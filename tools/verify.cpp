@@ -128,9 +128,7 @@ int64_t verify_file(const std::string& path, tool_out_t* out, int64_t* ret_nrow)
     return v.nfault;
 }
 
-namespace {
-
-int verify_run(const std::string& path) {
+static int verify_run(const std::string& path) {
     const rows::file_list_t source = source_find(path);
     const auto nfile = static_cast<int64_t>(source.path.size());
     tool_out_t out;
@@ -157,8 +155,6 @@ int verify_run(const std::string& path) {
     tool_out_flush(&out);
     return good ? 0 : 1;
 }
-
-}  // namespace
 
 void verify_register(CLI::App* app, int* ret) {
     auto path = std::make_shared<std::string>();

@@ -23,17 +23,17 @@ const char* verify_page_decode(verify_page_t* ret, cvn_typ_t typ, int64_t nrow, 
         if (ret->width == -2) {
             const void* const end =
                 at < nmapoff ? memchr(body + at, 0, static_cast<size_t>(nmapoff - at)) : nullptr;
-            if (!end) return "its texts run behind the values";
+            if (!end) return "its texts run past the values";
             at = static_cast<const char*>(end) - body + 1;
         } else {
             int32_t len;
             if (nmapoff - at < static_cast<int64_t>(sizeof(len)))
-                return "its byte strings run behind the values";
+                return "its byte strings run past the values";
             memcpy(&len, body + at, sizeof(len));
             at += static_cast<int64_t>(sizeof(len));
-            if (len < 0 || len > nmapoff - at) return "a byte string's length leads behind the values";
+            if (len < 0 || len > nmapoff - at) return "a byte string's length leads past the values";
             at += len;
         }
     }
-    return at == nmapoff ? nullptr : "bytes are left over behind its last value";
+    return at == nmapoff ? nullptr : "bytes are left over after its last value";
 }

@@ -11,12 +11,12 @@
 #include "tools/verify.h"
 #include "tools/verify_page.h"
 
-namespace {
-
 // Names one chunk.
-std::string chunk_name(const verify_t& v, int64_t rg, int c) {
+static std::string chunk_name(const verify_t& v, int64_t rg, int c) {
     return fmt::format("row group {}, column {}", rg, tool_quote(schema_name(v.coldef[c])));
 }
+
+namespace {
 
 // The smallest and largest value, kept as the writer keeps them: the first of equal ones, and an order in
 // which NaN displaces nothing.
@@ -53,9 +53,7 @@ std::string verify_image_text(const cvn_datum_t& image, cvn_typ_t typ) {
     return tool_quote(text);
 }
 
-namespace {
-
-void minmax_add(minmax_t* m, const cvn_datum_t& datum, cvn_typ_t typ) {
+static void minmax_add(minmax_t* m, const cvn_datum_t& datum, cvn_typ_t typ) {
     if (!m->any) {
         m->min = m->max = datum;
         m->any = true;
@@ -67,7 +65,7 @@ void minmax_add(minmax_t* m, const cvn_datum_t& datum, cvn_typ_t typ) {
 }
 
 // A value as statistics store it: the first bytes hold it, the others are zero.
-cvn_datum_t stat_image(const cvn_datum_t& datum, cvn_typ_t typ) {
+static cvn_datum_t stat_image(const cvn_datum_t& datum, cvn_typ_t typ) {
     cvn_datum_t image;
     memset(&image, 0, sizeof(image));
     if (cvn_storage(typ) == CVN_TYP_CSTR)
@@ -78,7 +76,7 @@ cvn_datum_t stat_image(const cvn_datum_t& datum, cvn_typ_t typ) {
 }
 
 // A NULL's bytes: zero, but for the decimals, whose zero has an exponent.
-bool is_null_value(const verify_page_t& col, int64_t row) {
+static bool is_null_value(const verify_page_t& col, int64_t row) {
     static const struct zeros_t {
         decDouble d;
         decQuad q;
@@ -103,8 +101,8 @@ bool is_null_value(const verify_page_t& col, int64_t row) {
 }
 
 // The values of one chunk against its record.
-void check_values(verify_t* v, const std::string& what, const colmeta_t& m, const cvn_coldef_t& coldef,
-                  const char* body) {
+static void check_values(verify_t* v, const std::string& what, const colmeta_t& m, const cvn_coldef_t& coldef,
+                         const char* body) {
     verify_page_t col;
     if (const char* why = verify_page_decode(&col, coldef.typ, m.nrow, body, m.nbyte, m.nmapoff)) {
         v->fault(fmt::format("{}: {}", what, why));
@@ -149,7 +147,7 @@ void check_values(verify_t* v, const std::string& what, const colmeta_t& m, cons
 }
 
 // One chunk. `*end` is where the chunk before it ended (with its padding), in its file.
-void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_t* end, int32_t nrow) {
+static void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_t* end, int32_t nrow) {
     const colmeta_t m = verify_colmeta_at(*v, rg, c);
     const cvn_coldef_t& coldef = v->coldef[c];
     const std::string what = chunk_name(*v, rg, c);
@@ -215,8 +213,6 @@ void check_chunk(verify_t* v, cvn_scan_t* scan, int64_t rg, int c, int k, int64_
     if (code != 0) return v->fault(fmt::format("{}: the library cannot read it ({})", what, code));
     check_values(v, what, m, coldef, page->buf);
 }
-
-}  // namespace
 
 std::vector<int> verify_require_columns(verify_t* v, cvn_scan_t* scan) {
     std::vector<int> index;

@@ -5,9 +5,7 @@
 
 #include "bench/micro/micro.h"
 
-namespace {
-
-cvn_t* stream_writer(const char* coldef) {
+static cvn_t* stream_writer(const char* coldef) {
     FILE* fp = fopen("/dev/null", "wb");
     if (!fp) must(-3, "/dev/null");
     cvn_t* writer = nullptr;
@@ -16,13 +14,13 @@ cvn_t* stream_writer(const char* coldef) {
     return writer;
 }
 
-void count(benchmark::State& state, const rows_t& rows) {
+static void count(benchmark::State& state, const rows_t& rows) {
     state.SetItemsProcessed(state.iterations() * rows.nrow);
     state.SetBytesProcessed(state.iterations() * rows.nbyte);
 }
 
 // Few enough rows that no row group is cut.
-void time_append(benchmark::State& state, const char* coldef, const rows_t& rows) {
+static void time_append(benchmark::State& state, const char* coldef, const rows_t& rows) {
     for (auto _ : state) {
         cvn_t* writer = stream_writer(coldef);
         const double start = now();
@@ -33,7 +31,7 @@ void time_append(benchmark::State& state, const char* coldef, const rows_t& rows
     count(state, rows);
 }
 
-void time_flush(benchmark::State& state, const char* coldef, const rows_t& rows) {
+static void time_flush(benchmark::State& state, const char* coldef, const rows_t& rows) {
     for (auto _ : state) {
         cvn_t* writer = stream_writer(coldef);
         append(writer, rows);
@@ -44,18 +42,18 @@ void time_flush(benchmark::State& state, const char* coldef, const rows_t& rows)
     count(state, rows);
 }
 
-void append_type(benchmark::State& state, cvn_typ_t typ, bool nulls) {
+static void append_type(benchmark::State& state, cvn_typ_t typ, bool nulls) {
     const std::string coldef = std::string("v ") + cvn_typ_str(typ);
     time_append(state, coldef.c_str(), typed_rows(typ, 100000, nulls));
 }
 
-void append_table(benchmark::State& state) { time_append(state, TABLE_COLDEF, table_rows(100000)); }
+static void append_table(benchmark::State& state) { time_append(state, TABLE_COLDEF, table_rows(100000)); }
 BENCHMARK(append_table)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-void flush_table(benchmark::State& state) { time_flush(state, TABLE_COLDEF, table_rows(300000)); }
+static void flush_table(benchmark::State& state) { time_flush(state, TABLE_COLDEF, table_rows(300000)); }
 BENCHMARK(flush_table)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-void flush_type(benchmark::State& state, cvn_typ_t typ) {
+static void flush_type(benchmark::State& state, cvn_typ_t typ) {
     const std::string coldef = std::string("v ") + cvn_typ_str(typ) + " -z";
     time_flush(state, coldef.c_str(), typed_rows(typ, 300000, false));
 }
@@ -79,5 +77,3 @@ void flush_type(benchmark::State& state, cvn_typ_t typ) {
             ->Unit(benchmark::kMillisecond);
     return true;
 }();
-
-}  // namespace

@@ -6,12 +6,10 @@
 
 #include "bench/micro/micro.h"
 
-namespace {
-
 constexpr int NVALUE = 1024;
 
 // Amounts with two places, as tables mostly hold.
-std::vector<std::string> amounts() {
+static std::vector<std::string> amounts() {
     std::vector<std::string> texts;
     for (int i = 0; i < NVALUE; i++) {
         char text[32];
@@ -22,7 +20,7 @@ std::vector<std::string> amounts() {
 }
 
 template <class T, int convert(T*, const char*)>
-void from_string(benchmark::State& state) {
+static void from_string(benchmark::State& state) {
     const std::vector<std::string> texts = amounts();
     int64_t nbyte = 0;
     for (const std::string& text : texts) nbyte += static_cast<int64_t>(text.size());
@@ -37,7 +35,7 @@ void from_string(benchmark::State& state) {
 }
 
 template <class T, int convert(T*, const char*), int compare(const T*, const T*)>
-void cmp(benchmark::State& state) {
+static void cmp(benchmark::State& state) {
     std::vector<T> values;
     for (const std::string& text : amounts())
         must(convert(&values.emplace_back(), text.c_str()), text.c_str());
@@ -48,16 +46,16 @@ void cmp(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * NVALUE * static_cast<int64_t>(sizeof(T)) * 2);
 }
 
-void dec64_from_string(benchmark::State& s) { from_string<decDouble, cvn_dec64_from_string>(s); }
-void dec128_from_string(benchmark::State& s) { from_string<decQuad, cvn_dec128_from_string>(s); }
-void dec64_cmp(benchmark::State& s) { cmp<decDouble, cvn_dec64_from_string, cvn_dec64_cmp>(s); }
-void dec128_cmp(benchmark::State& s) { cmp<decQuad, cvn_dec128_from_string, cvn_dec128_cmp>(s); }
+static void dec64_from_string(benchmark::State& s) { from_string<decDouble, cvn_dec64_from_string>(s); }
+static void dec128_from_string(benchmark::State& s) { from_string<decQuad, cvn_dec128_from_string>(s); }
+static void dec64_cmp(benchmark::State& s) { cmp<decDouble, cvn_dec64_from_string, cvn_dec64_cmp>(s); }
+static void dec128_cmp(benchmark::State& s) { cmp<decQuad, cvn_dec128_from_string, cvn_dec128_cmp>(s); }
 BENCHMARK(dec64_from_string);
 BENCHMARK(dec128_from_string);
 BENCHMARK(dec64_cmp);
 BENCHMARK(dec128_cmp);
 
-void dec64_to_string(benchmark::State& state) {
+static void dec64_to_string(benchmark::State& state) {
     std::vector<decDouble> values;
     for (const std::string& text : amounts())
         must(cvn_dec64_from_string(&values.emplace_back(), text.c_str()), text.c_str());
@@ -70,5 +68,3 @@ void dec64_to_string(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * NVALUE);
 }
 BENCHMARK(dec64_to_string);
-
-}  // namespace

@@ -7,16 +7,14 @@
 
 #include "bench/micro/micro.h"
 
-namespace {
-
-void hash_chunk(benchmark::State& state) {
+static void hash_chunk(benchmark::State& state) {
     const std::vector<char> chunk(static_cast<size_t>(state.range(0)), 'x');
     for (auto _ : state) benchmark::DoNotOptimize(XXH32(chunk.data(), chunk.size(), 0));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(hash_chunk)->Arg(4096)->Arg(1 << 20)->Arg(8 << 20);
 
-void hash_chunk_memcpy(benchmark::State& state) {
+static void hash_chunk_memcpy(benchmark::State& state) {
     const std::vector<char> chunk(static_cast<size_t>(state.range(0)), 'x');
     std::vector<char> copy(chunk.size());
     for (auto _ : state) {
@@ -28,7 +26,7 @@ void hash_chunk_memcpy(benchmark::State& state) {
 }
 BENCHMARK(hash_chunk_memcpy)->Arg(4096)->Arg(1 << 20)->Arg(8 << 20);
 
-void hash_of_file(benchmark::State& state) {
+static void hash_of_file(benchmark::State& state) {
     const std::string path = table_file(10000);
     int32_t hash;
     for (auto _ : state) {
@@ -38,5 +36,3 @@ void hash_of_file(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(hash_of_file);
-
-}  // namespace

@@ -40,7 +40,9 @@ struct random_t {  // splitmix64
     int below(int n) { return static_cast<int>((next() >> 33) % static_cast<uint64_t>(n)); }
 };
 
-decDouble hundredths(int v) {
+}  // namespace
+
+static decDouble hundredths(int v) {
     char text[32];
     snprintf(text, sizeof(text), "%d.%02d", v / 100, v % 100);
     decDouble d;
@@ -48,7 +50,7 @@ decDouble hundredths(int v) {
     return d;
 }
 
-cvn_datum_t blank() {
+static cvn_datum_t blank() {
     cvn_datum_t d;
     memset(&d, 0, sizeof(d));
     return d;
@@ -57,8 +59,6 @@ cvn_datum_t blank() {
 constexpr const char* WORDS[] = {"amber",  "basket",  "careful", "depot",  "evenly", "final",
                                  "gently", "harbour", "ironic",  "kettle", "ledger", "market",
                                  "of",     "quick",   "the",     "upon"};
-
-}  // namespace
 
 void must(int rc, const char* what, int want) {
     if (rc == want) return;

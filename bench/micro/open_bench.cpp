@@ -13,13 +13,11 @@
 
 #include "bench/micro/micro.h"
 
-namespace {
-
 constexpr int NCOL = 16;
 constexpr int64_t HEADSZ = 8;
 constexpr int64_t CHUNKSZ = 16;  // 3 values of int32, their null bitmap, padding
 
-std::string footer_file(int64_t nrowgroup) {
+static std::string footer_file(int64_t nrowgroup) {
     static std::map<int64_t, std::string> files;
     std::string& path = files[nrowgroup];
     if (!path.empty()) return path;
@@ -84,7 +82,7 @@ std::string footer_file(int64_t nrowgroup) {
     return path;
 }
 
-int64_t footer_size(const std::string& path) {
+static int64_t footer_size(const std::string& path) {
     cvn_scan_t* scan = nullptr;
     must(cvn_scan_open(&scan, path.c_str()), path.c_str());
     const int64_t sz = scan->schema_bufsz;
@@ -92,7 +90,7 @@ int64_t footer_size(const std::string& path) {
     return sz;
 }
 
-void open_footer(benchmark::State& state) {
+static void open_footer(benchmark::State& state) {
     const std::string path = footer_file(state.range(0));
     const int64_t sz = footer_size(path);
     for (auto _ : state) {
@@ -105,7 +103,7 @@ void open_footer(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * sz);
 }
 
-void pread_footer(benchmark::State& state, bool fresh) {
+static void pread_footer(benchmark::State& state, bool fresh) {
     const std::string path = footer_file(state.range(0));
     const int64_t sz = footer_size(path);
     char* buf = fresh ? nullptr : static_cast<char*>(malloc(static_cast<size_t>(sz)));
@@ -122,15 +120,15 @@ void pread_footer(benchmark::State& state, bool fresh) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
     state.SetBytesProcessed(state.iterations() * sz);
 }
-void open_footer_pread_fresh(benchmark::State& state) { pread_footer(state, true); }
-void open_footer_pread_warm(benchmark::State& state) { pread_footer(state, false); }
+static void open_footer_pread_fresh(benchmark::State& state) { pread_footer(state, true); }
+static void open_footer_pread_warm(benchmark::State& state) { pread_footer(state, false); }
 
 BENCHMARK(open_footer)->Arg(10)->Arg(1000)->Arg(100000);
 BENCHMARK(open_footer_pread_fresh)->Arg(10)->Arg(1000)->Arg(100000);
 BENCHMARK(open_footer_pread_warm)->Arg(10)->Arg(1000)->Arg(100000);
 
 // A condition that the file may meet but only one row group in 100,000 does: the walk over all statistics.
-void open_qualify(benchmark::State& state) {
+static void open_qualify(benchmark::State& state) {
     const std::string path = footer_file(state.range(0));
     cvn_datum_t v;
     memset(&v, 0, sizeof(v));
@@ -151,5 +149,3 @@ void open_qualify(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(open_qualify)->Arg(10)->Arg(1000)->Arg(100000)->UseManualTime();
-
-}  // namespace

@@ -13,11 +13,11 @@
 
 using namespace rows;
 
-namespace {
-
-void must_be_good(const char* why, const char* what) { must(why ? -1 : 0, what); }
+static void must_be_good(const char* why, const char* what) { must(why ? -1 : 0, what); }
 
 constexpr int32_t NROW = 262144;
+
+namespace {
 
 // A compressed page of one column, such as the daemon sends.
 struct stored_t {
@@ -25,9 +25,11 @@ struct stored_t {
     std::vector<char> body;
 };
 
+}  // namespace
+
 // Values as tables hold them: some distinct ones that come back, so that the page is worth compressing.
 template <typename T, typename F>
-stored_t make_page(cvn_typ_t typ, bool nulls, F value) {
+static stored_t make_page(cvn_typ_t typ, bool nulls, F value) {
     const size_t valuesz = NROW * sizeof(T);
     std::vector<char> raw(valuesz + NROW / 8, '\0');
     uint64_t state = 20240229;
@@ -60,7 +62,7 @@ stored_t make_page(cvn_typ_t typ, bool nulls, F value) {
     return page;
 }
 
-stored_t page_of(cvn_typ_t typ, bool nulls) {
+static stored_t page_of(cvn_typ_t typ, bool nulls) {
     switch (typ) {
         case CVN_TYP_INT32: return make_page<int32_t>(typ, nulls, [](int32_t, int k) { return 8035 + k; });
         case CVN_TYP_INT64:
@@ -81,18 +83,18 @@ stored_t page_of(cvn_typ_t typ, bool nulls) {
     }
 }
 
-void count(benchmark::State& state, const stored_t& page) {
+static void count(benchmark::State& state, const stored_t& page) {
     state.SetItemsProcessed(state.iterations() * page.head.nrow);
     state.SetBytesProcessed(state.iterations() * page.head.nbyte);
 }
 
-void must_view(bufpool_t* pool, column_t* col, const stored_t& page) {
+static void must_view(bufpool_t* pool, column_t* col, const stored_t& page) {
     must_be_good(page_view(pool, col, page.head, "c"), "page_view");
     benchmark::DoNotOptimize(col->vec.value);
 }
 
 // All of it: what one page costs a client.
-void page_decode(benchmark::State& state, cvn_typ_t typ, bool nulls) {
+static void page_decode(benchmark::State& state, cvn_typ_t typ, bool nulls) {
     const stored_t page = page_of(typ, nulls);
     bufpool_t pool;
     for (auto _ : state) {
@@ -106,7 +108,7 @@ void page_decode(benchmark::State& state, cvn_typ_t typ, bool nulls) {
 }
 
 // What the client adds to hash and decompression: checks, memory and the view.
-void page_view_only(benchmark::State& state, cvn_typ_t typ, bool nulls) {
+static void page_view_only(benchmark::State& state, cvn_typ_t typ, bool nulls) {
     const stored_t page = page_of(typ, nulls);
     bufpool_t pool;
     column_t first;
@@ -122,7 +124,7 @@ void page_view_only(benchmark::State& state, cvn_typ_t typ, bool nulls) {
     count(state, page);
 }
 
-void bare(benchmark::State& state, cvn_typ_t typ, bool nulls, bool lz4, bool hash) {
+static void bare(benchmark::State& state, cvn_typ_t typ, bool nulls, bool lz4, bool hash) {
     const stored_t page = page_of(typ, nulls);
     std::vector<char> raw(static_cast<size_t>(page.head.nbyte), '\1');
     for (auto _ : state) {
@@ -138,9 +140,15 @@ void bare(benchmark::State& state, cvn_typ_t typ, bool nulls, bool lz4, bool has
     }
     count(state, page);
 }
-void page_bare(benchmark::State& state, cvn_typ_t typ, bool nulls) { bare(state, typ, nulls, true, true); }
-void page_lz4(benchmark::State& state, cvn_typ_t typ, bool nulls) { bare(state, typ, nulls, true, false); }
-void page_hash(benchmark::State& state, cvn_typ_t typ, bool nulls) { bare(state, typ, nulls, false, true); }
+static void page_bare(benchmark::State& state, cvn_typ_t typ, bool nulls) {
+    bare(state, typ, nulls, true, true);
+}
+static void page_lz4(benchmark::State& state, cvn_typ_t typ, bool nulls) {
+    bare(state, typ, nulls, true, false);
+}
+static void page_hash(benchmark::State& state, cvn_typ_t typ, bool nulls) {
+    bare(state, typ, nulls, false, true);
+}
 
 const bool registered = [] {
     static constexpr struct {
@@ -162,5 +170,3 @@ const bool registered = [] {
             }
     return true;
 }();
-
-}  // namespace

@@ -3,9 +3,7 @@
 
 #include "bench/micro/micro.h"
 
-namespace {
-
-void qualify_type(benchmark::State& state, cvn_typ_t typ, int op) {
+static void qualify_type(benchmark::State& state, cvn_typ_t typ, int op) {
     const char* texts[3] = {"10", "15", "20"};
     if (cvn_storage(typ) == CVN_TYP_INT128) {
         texts[0] = "0x0000000000000000000000000000000a";
@@ -50,5 +48,3 @@ void qualify_type(benchmark::State& state, cvn_typ_t typ, int op) {
     }
     return true;
 }();
-
-}  // namespace

@@ -42,8 +42,10 @@ struct table_t {
     }
 };
 
+}  // namespace
+
 // Opens the table and reads its chunks, of the columns named; of all columns when there are none.
-void table_open(table_t* t, int64_t nrow, std::initializer_list<const char*> columns) {
+static void table_open(table_t* t, int64_t nrow, std::initializer_list<const char*> columns) {
     t->path = table_file(nrow);
     must(cvn_scan_open(&t->scan, t->path.c_str()), t->path.c_str());
     int ncol;
@@ -90,12 +92,12 @@ void table_open(table_t* t, int64_t nrow, std::initializer_list<const char*> col
     memset(t->buf, 1, bufsz);
 }
 
-void count(benchmark::State& state, const table_t& t, int64_t nbyte) {
+static void count(benchmark::State& state, const table_t& t, int64_t nbyte) {
     state.SetItemsProcessed(state.iterations() * t.nrow);
     state.SetBytesProcessed(state.iterations() * nbyte);
 }
 
-void scan_all(benchmark::State& state, table_t* t, bool uncompress) {
+static void scan_all(benchmark::State& state, table_t* t, bool uncompress) {
     for (auto _ : state)
         for (int rg = 0; rg < t->nrowgroup; rg++) {
             int npage;
@@ -106,21 +108,21 @@ void scan_all(benchmark::State& state, table_t* t, bool uncompress) {
     count(state, *t, uncompress ? t->nbyte : t->zbyte);
 }
 
-void scan_decompressed(benchmark::State& state) {
+static void scan_decompressed(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {});
     scan_all(state, &t, true);
 }
 BENCHMARK(scan_decompressed)->Unit(benchmark::kMillisecond);
 
-void scan_stored(benchmark::State& state) {
+static void scan_stored(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {});
     scan_all(state, &t, false);
 }
 BENCHMARK(scan_stored)->Unit(benchmark::kMillisecond);
 
-void decompress(const chunk_t& chunk, const char* src, char* dst) {
+static void decompress(const chunk_t& chunk, const char* src, char* dst) {
     if (chunk.zbyte == chunk.nbyte)
         memcpy(dst, src, static_cast<size_t>(chunk.nbyte));
     else if (LZ4_decompress_safe(src, dst, chunk.zbyte, chunk.nbyte) != chunk.nbyte)
@@ -128,7 +130,7 @@ void decompress(const chunk_t& chunk, const char* src, char* dst) {
     benchmark::ClobberMemory();
 }
 
-void scan_decompressed_bare(benchmark::State& state) {
+static void scan_decompressed_bare(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {});
     for (auto _ : state)
@@ -139,7 +141,7 @@ void scan_decompressed_bare(benchmark::State& state) {
 BENCHMARK(scan_decompressed_bare)->Unit(benchmark::kMillisecond);
 
 // The same with the bytes read from the file, as a scan does.
-void scan_decompressed_bare_pread(benchmark::State& state) {
+static void scan_decompressed_bare_pread(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {});
     std::vector<char> stored;
@@ -157,7 +159,7 @@ void scan_decompressed_bare_pread(benchmark::State& state) {
 }
 BENCHMARK(scan_decompressed_bare_pread)->Unit(benchmark::kMillisecond);
 
-void scan_stored_bare(benchmark::State& state) {
+static void scan_stored_bare(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {});
     for (auto _ : state)
@@ -173,7 +175,7 @@ void scan_stored_bare(benchmark::State& state) {
 BENCHMARK(scan_stored_bare)->Unit(benchmark::kMillisecond);
 
 // A column whose pages are stored as they are: nothing is decompressed.
-void scan_raw(benchmark::State& state) {
+static void scan_raw(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {"partkey"});
     if (t.nbyte != t.zbyte) must(-1, "partkey is expected to be stored as it is");
@@ -181,7 +183,7 @@ void scan_raw(benchmark::State& state) {
 }
 BENCHMARK(scan_raw)->Unit(benchmark::kMillisecond);
 
-void scan_raw_bare(benchmark::State& state) {
+static void scan_raw_bare(benchmark::State& state) {
     table_t t;
     table_open(&t, NROW, {"partkey"});
     for (auto _ : state)
@@ -192,14 +194,14 @@ void scan_raw_bare(benchmark::State& state) {
 BENCHMARK(scan_raw_bare)->Unit(benchmark::kMillisecond);
 
 // What one call costs when there is next to nothing to read: 1 or 15 chunks of 100 rows.
-void rowgroup_1(benchmark::State& state) {
+static void rowgroup_1(benchmark::State& state) {
     table_t t;
     table_open(&t, 100, {"price"});
     scan_all(state, &t, true);
 }
 BENCHMARK(rowgroup_1);
 
-void rowgroup_1_bare(benchmark::State& state) {
+static void rowgroup_1_bare(benchmark::State& state) {
     table_t t;
     table_open(&t, 100, {"price"});
     const chunk_t& chunk = t.chunk[0][0];
@@ -210,14 +212,14 @@ void rowgroup_1_bare(benchmark::State& state) {
 }
 BENCHMARK(rowgroup_1_bare);
 
-void rowgroup_15(benchmark::State& state) {
+static void rowgroup_15(benchmark::State& state) {
     table_t t;
     table_open(&t, 100, {});
     scan_all(state, &t, true);
 }
 BENCHMARK(rowgroup_15);
 
-void rowgroup_15_bare(benchmark::State& state) {
+static void rowgroup_15_bare(benchmark::State& state) {
     table_t t;
     table_open(&t, 100, {});
     for (auto _ : state)
@@ -228,5 +230,3 @@ void rowgroup_15_bare(benchmark::State& state) {
     count(state, t, t.zbyte);
 }
 BENCHMARK(rowgroup_15_bare);
-
-}  // namespace

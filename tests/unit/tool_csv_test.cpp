@@ -93,7 +93,7 @@ TEST(Csv, RefusesAQuoteThatIsNeverClosedWithTheLineOfItsRow) {
 TEST(Csv, RefusesTextBehindAClosingQuote) {
     const read_t r = read_all("\"a\nb\"x,c\n");
     EXPECT_TRUE(r.rows.empty());
-    EXPECT_EQ(0u, r.error.find("in:2: field 1 goes on behind its closing quote")) << r.error;
+    EXPECT_EQ(0u, r.error.find("in:2: field 1 goes on after its closing quote")) << r.error;
 }
 
 TEST(Csv, GivesTheSameRowsWhereverABlockEnds) {
