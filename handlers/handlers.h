@@ -84,11 +84,11 @@ static_assert(sizeof(payloadhdr_t) == 8 && offsetof(payloadhdr_t, magic) == 0 &&
 // ret_colname, ret_cond  owned by the caller (colname_free, cond_free); cleared on entry, set only on success
 // cmd                    cleared on entry; its texts are the caller's (command_free), also after a failure
 // frag                   cleared on entry
-// json                   `len` bytes, at most 32768, with a NUL after them; not kept
+// text                   `len` bytes, at most 32768, with a NUL after them; not kept
 //
 // Returns null, "400 Bad Request - invalid content" or "500 Internal Server Error - out of memory".
 [[nodiscard]] const char* parse_entity_request(colname_t** ret_colname, cond_t** ret_cond, command_t* cmd,
-                                               fragment_t* frag, const char* json, int len);
+                                               fragment_t* frag, const char* text, int len);
 
 // Release the records of a query; null lists are accepted.
 void colname_free(colname_t* lst);

@@ -366,11 +366,12 @@ static void keep_fixed_in(uint8_t* keep, const char* value, int64_t nrow, const 
     const T* x = reinterpret_cast<const T*>(value);
     std::vector<T> list;
     for (const value_t& v : arg)
-        if (get(v.datum) == get(v.datum))
+        if (get(v.datum) == get(v.datum))  // NOLINT(misc-redundant-expression): false for a NaN
             list.push_back(get(v.datum));  // a NaN equals nothing, and has no place in an order
     std::sort(list.begin(), list.end());
     for (int64_t r = 0; r < nrow; r++)
-        if (keep[r]) keep[r] = std::binary_search(list.begin(), list.end(), x[r]) && x[r] == x[r];
+        if (keep[r])  // NOLINTNEXTLINE(misc-redundant-expression): false for a NaN
+            keep[r] = std::binary_search(list.begin(), list.end(), x[r]) && x[r] == x[r];
 }
 
 template <typename T, typename GET>

@@ -304,7 +304,8 @@ static void compact_varying(column_t* col, std::span<const int32_t> row) {
     for (size_t i = 0; i < row.size(); i++) {
         const int32_t from = offset[row[i]], to = offset[row[i] + 1];
         const int32_t len = to - from - before;  // with the NUL, if any
-        memmove(value + at - before, value + from - before, static_cast<size_t>(len + before));
+        memmove(value + at - before, value + from - before,
+                static_cast<size_t>(len) + static_cast<size_t>(before));
         offset[i] = at;
         at += len + before;
     }

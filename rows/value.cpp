@@ -356,7 +356,7 @@ static void append_real(std::string* out, T v) {
     }
     char buf[64];
     const T size = std::fabs(v);
-    const bool plain = v == 0 || (size >= T(1e-5) && size < T(1e16));
+    const bool plain = v == 0 || (size >= static_cast<T>(1e-5) && size < static_cast<T>(1e16));
     const auto res = plain ? std::to_chars(buf, buf + sizeof(buf), v, std::chars_format::fixed)
                            : std::to_chars(buf, buf + sizeof(buf), v);
     out->append(buf, static_cast<size_t>(res.ptr - buf));

@@ -1,6 +1,6 @@
 // Two passes over the files. The first reads the footers, compares the schemas and counts rows, keeping 16
-// bytes per file; then the rows are chosen; the second walks the row groups and reads those that hold a chosen
-// row.
+// bytes per file; then the rows are chosen; the second walks the row groups and reads those that hold a
+// chosen row.
 //
 // The files may be replaced or removed in between: the second pass wants the footer hash of the first.
 #include "sampler/sample.h"

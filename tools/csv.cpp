@@ -44,7 +44,7 @@ static size_t index_sse2(const char* buf, size_t from, size_t to, char delim, ui
     const __m128i d = _mm_set1_epi8(delim), q = _mm_set1_epi8('"'), n = _mm_set1_epi8('\n');
     for (size_t at = from; at < to; at += 64) {
         uint64_t mask = 0, zero = 0;
-        for (int i = 0; i < 4; i++) {
+        for (size_t i = 0; i < 4; i++) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(buf + at + 16 * i));
             const __m128i hit =
                 _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, d), _mm_cmpeq_epi8(v, q)), _mm_cmpeq_epi8(v, n));

@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-constexpr size_t CSV_BLOCKSZ =
-    256 * 1024;  // what a read asks for: the block and its positions fit the L2 cache
+constexpr size_t CSV_BLOCKSZ = size_t{256} << 10;  // of a read: the block and its positions fit the L2 cache
 constexpr size_t CSV_MAX_ROWSZ = size_t{256} << 20;  // a longer row is refused
 constexpr size_t CSV_MAX_NFIELD = 1000000;           // a row of more fields is refused
 constexpr size_t CSV_PADSZ = 64;                     // readable bytes after the last byte of any field

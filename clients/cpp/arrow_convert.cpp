@@ -159,7 +159,8 @@ static bool fill_schema(ArrowSchema* s, const std::string& format, const std::st
     const size_t formatsz = format.size() + 1, namesz = name.size() + 1;
     auto* block = static_cast<char*>(malloc(formatsz + namesz + metadata.size()));
     if (!block) return false;
-    memcpy(block, format.c_str(), formatsz);
+    memcpy(block, format.c_str(),
+           formatsz);  // NOLINT(bugprone-not-null-terminated-result): the sizes have it
     memcpy(block + formatsz, name.c_str(), namesz);
     if (!metadata.empty()) memcpy(block + formatsz + namesz, metadata.data(), metadata.size());
     s->format = block;
@@ -174,6 +175,7 @@ static bool fill_schema(ArrowSchema* s, const std::string& format, const std::st
 bool kelp::arrow_schema(const arrow_form_t& form, ArrowSchema* out) {
     if (!fill_schema(out, "+s", "", "")) return false;
     out->flags = 0;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers
     out->children = static_cast<ArrowSchema**>(calloc(form.column.size() + 1, sizeof(ArrowSchema*)));
     if (!out->children) return false;
     for (size_t c = 0; c < form.column.size(); c++) {

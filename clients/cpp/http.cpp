@@ -20,11 +20,11 @@ using namespace kelp;
 
 namespace {
 
-constexpr long RECEIVE_BUFSZ = 512 * 1024;  // the most that libcurl takes
+constexpr long RECEIVE_BUFSZ = 512L << 10;  // the most that libcurl takes
 constexpr size_t ERROR_BODY_MAX = 1000;     // of a reply that is no 200, what is kept for the message
-constexpr size_t UNREAD_MAX = 64 * 1024;    // of a reply with status 200 that nobody waits for
-constexpr size_t HEADER_MAX = 64 * 1024;    // a longer head is not believed
-constexpr size_t TRAILER_MAX = 8 * 1024;    // nor more behind the last chunk
+constexpr size_t UNREAD_MAX = 64u << 10;    // of a reply with status 200 that nobody waits for
+constexpr size_t HEADER_MAX = 64u << 10;    // a longer head is not believed
+constexpr size_t TRAILER_MAX = 8u << 10;    // nor more after the last chunk
 constexpr int64_t POLL_MS = 100;            // how late the caller's cancel flag may be seen
 constexpr char REACH_HINT[] = "check that kelpd runs there and that the port is the one in its kelpd.conf";
 constexpr char NO_KELPD_HINT[] = "check host and port: what answers there does not seem to be kelpd";

@@ -584,8 +584,8 @@ int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* er
     return 0;
 }
 
-void kelp_batch_free(kelp_batch_t* pub) {
-    if (pub) delete batch_of(pub);
+void kelp_batch_free(kelp_batch_t* batch) {
+    if (batch) delete batch_of(batch);
 }
 
 void kelp_scan_stat(const kelp_scan_t* scan, kelp_scan_stat_t* ret_stat) {
