@@ -76,6 +76,7 @@ static const char* parse_int(int64_t* ret, std::string_view text, int64_t min, i
         if (wide < min || wide > max || (wide < 0 && text[0] != '-')) return range;
         *ret = static_cast<int64_t>(wide);
     }
+    // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): from_chars has set it
     return *ret < min || *ret > max ? range : nullptr;
 }
 

@@ -47,6 +47,7 @@ static void shorten(CLI::App* sub) {
     sub->footer("\n" + text.substr(cut + 2));
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what is outside the try can only run out of memory
 int main(int argc, char** argv) {
     tool_catch_signals();
     CLI::App app{DESCRIPTION, "cvn"};

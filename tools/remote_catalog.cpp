@@ -364,7 +364,7 @@ static std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
     const int code = kelp_list(&below, url, opt, &err);
     rm_check(code, url, opt, err);
     const auto n = static_cast<int64_t>(below.size());
-    const std::string what = (depth == 2 ? "the schema " : "the database ") + name;
+    std::string what = (depth == 2 ? "the schema " : "the database ") + name;
     if (code != 0) return what;
     return what + " with " +
            (depth == 2 ? tool_counted(n, "table", "tables") : tool_counted(n, "schema", "schemas"));

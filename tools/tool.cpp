@@ -120,7 +120,7 @@ void tool_allow_files(int64_t n) {
 std::string tool_temp_create(const std::string& path, int* ret_fd) {
     constexpr int TRIES = 1000;  // names that others left are passed over
     for (int i = 0;; i++) {
-        const std::string temp = fmt::format("{}.{}.{}.tmp", path, getpid(), i);
+        std::string temp = fmt::format("{}.{}.{}.tmp", path, getpid(), i);
         *ret_fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (*ret_fd >= 0) return temp;
         if (errno != EEXIST || i == TRIES) throw tool_error(path + ": " + tool_strerror(errno));

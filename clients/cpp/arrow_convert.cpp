@@ -159,9 +159,10 @@ static bool fill_schema(ArrowSchema* s, const std::string& format, const std::st
     const size_t formatsz = format.size() + 1, namesz = name.size() + 1;
     auto* block = static_cast<char*>(malloc(formatsz + namesz + metadata.size()));
     if (!block) return false;
-    memcpy(block, format.c_str(),
-           formatsz);  // NOLINT(bugprone-not-null-terminated-result): the sizes have it
+    // NOLINTBEGIN(bugprone-not-null-terminated-result): the sizes count the NULs
+    memcpy(block, format.c_str(), formatsz);
     memcpy(block + formatsz, name.c_str(), namesz);
+    // NOLINTEND(bugprone-not-null-terminated-result)
     if (!metadata.empty()) memcpy(block + formatsz + namesz, metadata.data(), metadata.size());
     s->format = block;
     s->name = block + formatsz;
