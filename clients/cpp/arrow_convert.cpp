@@ -159,11 +159,11 @@ static bool fill_schema(ArrowSchema* s, const std::string& format, const std::st
     const size_t formatsz = format.size() + 1, namesz = name.size() + 1;
     auto* block = static_cast<char*>(malloc(formatsz + namesz + metadata.size()));
     if (!block) return false;
-    // NOLINTBEGIN(bugprone-not-null-terminated-result): the sizes count the NULs
+    // NOLINTBEGIN(bugprone-not-null-terminated-result): the sizes count the NULs; metadata has none
     memcpy(block, format.c_str(), formatsz);
     memcpy(block + formatsz, name.c_str(), namesz);
-    // NOLINTEND(bugprone-not-null-terminated-result)
     if (!metadata.empty()) memcpy(block + formatsz + namesz, metadata.data(), metadata.size());
+    // NOLINTEND(bugprone-not-null-terminated-result)
     s->format = block;
     s->name = block + formatsz;
     s->metadata = metadata.empty() ? nullptr : block + formatsz + namesz;
