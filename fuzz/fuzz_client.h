@@ -49,14 +49,14 @@ inline void repair_hashes(std::string* stream) {
         memcpy(&nbyte, stream->data() + at + 4, sizeof(nbyte));
         at += RECORD_HEADSZ;
         while (nbyte >= CVN_PAGE_HEADSZ && left() >= CVN_PAGE_HEADSZ) {
-            page_head_t head;
-            memcpy(&head, stream->data() + at, sizeof(head));
+            cvn_page_t head;
+            memcpy(&head, stream->data() + at, CVN_PAGE_HEADSZ);
             const size_t body = left() - CVN_PAGE_HEADSZ;
             if (head.zbyte < 0 || static_cast<size_t>(head.zbyte) > body) return;
             if (head.zbyte > nbyte - CVN_PAGE_HEADSZ) return;
             const uint32_t hash =
                 XXH32(stream->data() + at + CVN_PAGE_HEADSZ, static_cast<size_t>(head.zbyte), 0);
-            memcpy(stream->data() + at + offsetof(page_head_t, hash), &hash, sizeof(hash));
+            memcpy(stream->data() + at + offsetof(cvn_page_t, hash), &hash, sizeof(hash));
             at += CVN_PAGE_HEADSZ + static_cast<size_t>(head.zbyte);
             nbyte -= CVN_PAGE_HEADSZ + head.zbyte;
         }

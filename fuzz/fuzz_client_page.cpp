@@ -25,7 +25,7 @@ constexpr int OPS[][2] = {{CVN_OP_EQ, CVN_OP_NE},
                           {CVN_OP_ISNULL, CVN_OP_ISNOTNULL},
                           {CVN_OP_IN, CVN_OP_NE}};
 
-static void count_nulls(page_head_t* head, const char* body) {
+static void count_nulls(cvn_page_t* head, const char* body) {
     head->nnull = 0;
     for (int32_t r = 0; r < head->nrow; r++)
         head->nnull += (static_cast<uint8_t>(body[head->nmapoff + r / 8]) & (0x80 >> (r % 8))) != 0;
@@ -77,7 +77,7 @@ static void filter(column_t* col, const int (&op)[2], const char* value) {
 }
 
 // Returns whether the page became a column.
-static bool decode(bufpool_t* pool, column_t* col, const page_head_t& head, std::string_view body) {
+static bool decode(bufpool_t* pool, column_t* col, const cvn_page_t& head, std::string_view body) {
     if (const char* why = page_check(head)) {
         fuzz::demand(*why != '\0', "a page is refused without a reason");
         return false;
@@ -99,7 +99,7 @@ static bool decode(bufpool_t* pool, column_t* col, const page_head_t& head, std:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < HEADSZ) return 0;
     const std::string_view body(reinterpret_cast<const char*>(data) + HEADSZ, size - HEADSZ);
-    page_head_t head{};
+    cvn_page_t head{};
     const cvn_typ_t typ = fuzz::TYPES[data[0] % std::size(fuzz::TYPES)];
     head.magic = CVN_PAGE_MAGIC;
     head.typ = typ;

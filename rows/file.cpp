@@ -169,7 +169,7 @@ static bool read_page(file_t* file, int cno, int64_t rg, int64_t nrow, column_t*
         if (code == -3 && errno == 0) return page_fault(fault, *file, cno, rg, "it lies outside the file");
         return code_fault(fault, file->path, code, errno);
     }
-    const page_head_t head = page_head(meta, cno, def.typ);
+    const cvn_page_t head = page_head(meta, cno, def.typ);
     const char* why = page_check(head);
     if (!why && head.nrow != nrow) why = "it has another number of rows than the row group";
     if (why) return page_fault(fault, *file, cno, rg, why);

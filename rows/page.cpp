@@ -101,7 +101,7 @@ void column_free(bufpool_t* pool, column_t* col) {
 
 // Pages.
 
-page_head_t page_head(const colmeta_t& meta, int cno, cvn_typ_t typ) {
+cvn_page_t page_head(const colmeta_t& meta, int cno, cvn_typ_t typ) {
     return {.magic = CVN_PAGE_MAGIC,
             .cno = cno,
             .typ = typ,
@@ -111,10 +111,11 @@ page_head_t page_head(const colmeta_t& meta, int cno, cvn_typ_t typ) {
             .nbyte = meta.nbyte,
             .zbyte = meta.zbyte,
             .hash = meta.hash,
-            .unused = 0};
+            .unused = 0,
+            .buf = {}};
 }
 
-const char* page_check(const page_head_t& head) {
+const char* page_check(const cvn_page_t& head) {
     const int width = cvn_typlen(head.typ);
     if (width == 0) return "its type is unknown";
     if (head.nrow < 0 || head.nnull < 0 || head.nnull > head.nrow) return "its row counts are wrong";
@@ -130,7 +131,7 @@ const char* page_check(const page_head_t& head) {
     return nullptr;
 }
 
-const char* page_unpack(bufpool_t* pool, buf_t* raw, const page_head_t& head, const char* stored) {
+const char* page_unpack(bufpool_t* pool, buf_t* raw, const cvn_page_t& head, const char* stored) {
     if (static_cast<int32_t>(XXH32(stored, static_cast<size_t>(head.zbyte), 0)) != head.hash)
         return "its hash does not match";
     if (head.zbyte == head.nbyte) return nullptr;
@@ -260,7 +261,7 @@ static int64_t count_nulls(const uint8_t* nullmap, int64_t nrow) {
     return n;
 }
 
-const char* page_view(bufpool_t* pool, column_t* col, const page_head_t& head, const char* name) {
+const char* page_view(bufpool_t* pool, column_t* col, const cvn_page_t& head, const char* name) {
     const int width = cvn_typlen(head.typ);
     cvn_vec_t* vec = &col->vec;
     *vec = cvn_vec_t{.name = name,

@@ -39,41 +39,18 @@ constexpr size_t BUF_SLACK = 64;
 [[nodiscard]] buf_t buf_get(bufpool_t* pool, size_t nbyte);  // `p` is null without memory
 void buf_put(bufpool_t* pool, buf_t buf);                    // an empty one is accepted
 
-// The 40 bytes before every page body in a reply, and what a footer's record of a chunk says:
-//    0  magic    CVN_PAGE_MAGIC
-//    4  cno      column number in its file
-//    8  typ      the column's declared type
-//   12  nrow     rows
-//   16  nnull    NULL rows among them
-//   20  nmapoff  where the null bitmap begins in the raw page
-//   24  nbyte    raw length
-//   28  zbyte    stored length, which differs when the body is an LZ4 block
-//   32  hash     XXH32 of the stored bytes, seed 0
-//   36  unused   0
-struct page_head_t {
-    int32_t magic;
-    int32_t cno;
-    cvn_typ_t typ;
-    int32_t nrow;
-    int32_t nnull;
-    int32_t nmapoff;
-    int32_t nbyte;
-    int32_t zbyte;
-    int32_t hash;
-    int32_t unused;
-};
-static_assert(sizeof(page_head_t) == CVN_PAGE_HEADSZ &&
-              offsetof(page_head_t, hash) == offsetof(cvn_page_t, hash));
+// A page's head is a cvn_page_t of which only the CVN_PAGE_HEADSZ bytes before `buf` are used: copy that many,
+// not its size.
 
 // The head of the page that a footer's record describes.
-page_head_t page_head(const colmeta_t& meta, int cno, cvn_typ_t typ);
+cvn_page_t page_head(const colmeta_t& meta, int cno, cvn_typ_t typ);
 
 // Failures are phrases that say of a page of some column what is wrong with it. PAGE_NOMEM is the one that is
 // not the page's fault: compare the pointer.
 extern const char PAGE_NOMEM[];
 
 // Checks what the head says, for its own type, before a byte of the page is used. Null when all is well.
-[[nodiscard]] const char* page_check(const page_head_t& head);
+[[nodiscard]] const char* page_check(const cvn_page_t& head);
 
 // A decoded column: the view and the memory under it.
 struct column_t {
@@ -88,14 +65,13 @@ void column_free(bufpool_t* pool, column_t* col);
 // Checks the hash of the stored body and, unless it is stored as it is, decompresses it into `*raw`, whose
 // memory is got when it has none and must otherwise have room. `stored` is the body of `head.zbyte` bytes; of
 // a page that is stored as it is, raw->p itself. The head was checked. Null when all is well.
-[[nodiscard]] const char* page_unpack(bufpool_t* pool, buf_t* raw, const page_head_t& head,
+[[nodiscard]] const char* page_unpack(bufpool_t* pool, buf_t* raw, const cvn_page_t& head,
                                       const char* stored);
 
 // Makes the view of a decompressed page, whose memory `col->value` holds. Nothing is copied; of varying widths
 // the positions are found and stored in `col->offset`, whose memory is got when it has none and must otherwise
 // have room. `name` is borrowed by the view. Null when all is well.
-[[nodiscard]] const char* page_view(bufpool_t* pool, column_t* col, const page_head_t& head,
-                                    const char* name);
+[[nodiscard]] const char* page_view(bufpool_t* pool, column_t* col, const cvn_page_t& head, const char* name);
 
 // Finds the ends of `nrow` NUL-terminated texts in `valuesz` bytes: offset[r] is where text r begins,
 // offset[nrow] is valuesz. False when there are not exactly that many. BUF_SLACK readable bytes lie after the

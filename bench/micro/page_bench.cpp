@@ -21,7 +21,7 @@ namespace {
 
 // A compressed page of one column, such as the daemon sends.
 struct stored_t {
-    page_head_t head{};
+    cvn_page_t head{};
     std::vector<char> body;
 };
 
@@ -33,7 +33,7 @@ static stored_t make_page(cvn_typ_t typ, bool nulls, F value) {
     const size_t valuesz = NROW * sizeof(T);
     std::vector<char> raw(valuesz + NROW / 8, '\0');
     uint64_t state = 20240229;
-    page_head_t head{};
+    cvn_page_t head{};
     for (int32_t r = 0; r < NROW; r++) {
         state = state * UINT64_C(6364136223846793005) + UINT64_C(1442695040888963407);
         if (nulls && (state >> 40) % 8 == 0) {

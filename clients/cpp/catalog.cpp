@@ -414,7 +414,7 @@ static int totals_record_begin(void* arg, int32_t, kelp_error_t* err) {
     return 0;
 }
 
-static int totals_page_begin(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err) {
+static int totals_page_begin(void* arg, int k, const cvn_page_t& head, char** ret_dst, kelp_error_t* err) {
     auto* t = static_cast<totals_t*>(arg);
     // These pages are made for the reply: never compressed, and without a hash.
     const bool right = t->is_meta ? k < 2 && head.cno == k && head.typ == CVN_TYP_INT64 && head.nrow == 1 &&
@@ -427,7 +427,7 @@ static int totals_page_begin(void* arg, int k, const page_head_t& head, char** r
     return 0;
 }
 
-static int totals_page_end(void* arg, int k, const page_head_t& head, kelp_error_t* err) {
+static int totals_page_end(void* arg, int k, const cvn_page_t& head, kelp_error_t* err) {
     auto* t = static_cast<totals_t*>(arg);
     if (t->is_meta) {
         memcpy(&t->value[k], t->body.data(), sizeof(t->value[k]));

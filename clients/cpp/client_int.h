@@ -95,16 +95,14 @@ struct chunk_t {
 constexpr int32_t RECORD_MAGIC = 0x71727374;
 constexpr size_t RECORD_HEADSZ = 8;
 
-using rows::page_head_t;
-
 // What a stream's user does with its parts. A code other than 0 ends the stream with it.
 struct stream_user_t {
     // A record of `nbyte` bytes begins.
     int (*record_begin)(void* arg, int32_t nbyte, kelp_error_t* err);
     // Page `k` of it begins: stores where its `zbyte` body bytes go.
-    int (*page_begin)(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err);
+    int (*page_begin)(void* arg, int k, const cvn_page_t& head, char** ret_dst, kelp_error_t* err);
     // They are there.
-    int (*page_end)(void* arg, int k, const page_head_t& head, kelp_error_t* err);
+    int (*page_end)(void* arg, int k, const cvn_page_t& head, kelp_error_t* err);
     // All pages of the record are.
     int (*record_end)(void* arg, int npage, kelp_error_t* err);
     void* arg;
@@ -122,7 +120,7 @@ struct stream_t {
     int npage = 0;            // pages of the record that began
     size_t headsz = 0;        // bytes in `head`
     char head[CVN_PAGE_HEADSZ];
-    page_head_t page;
+    cvn_page_t page;
     char* dst = nullptr;  // BODY: where the next byte goes
     int32_t body_left = 0;
 };

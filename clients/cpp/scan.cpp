@@ -158,7 +158,7 @@ static int fail_page(kelp_error_t* err, const char* name, const char* why) {
                      "a page of column %s is damaged: %s", name, why);
 }
 
-static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret_dst, kelp_error_t* err) {
+static int scan_page_begin(void* arg, int k, const cvn_page_t& head, char** ret_dst, kelp_error_t* err) {
     auto* w = static_cast<worker_t*>(arg);
     kelp_scan_t* scan = w->scan;
     const auto& requested = *scan->requested;
@@ -203,7 +203,7 @@ static int scan_page_begin(void* arg, int k, const page_head_t& head, char** ret
     return 0;
 }
 
-static int scan_page_end(void* arg, int k, const page_head_t& head, kelp_error_t* err) {
+static int scan_page_end(void* arg, int k, const cvn_page_t& head, kelp_error_t* err) {
     auto* w = static_cast<worker_t*>(arg);
     kelp_scan_t* scan = w->scan;
     const auto at = static_cast<size_t>(k);

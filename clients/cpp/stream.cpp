@@ -1,7 +1,7 @@
 // stream: cuts a reply body into records and pages.
 //
 //   record   8 bytes: magic, bytes of the pages behind it (0: the end of the stream)
-//   page     40 bytes of head (page_head_t), then `zbyte` bytes of body
+//   page     40 bytes of head (cvn_page_t), then `zbyte` bytes of body
 //
 // The bytes arrive in pieces of any size; nothing depends on where one ends. A body goes straight to where
 // its user wants it, so that it is copied once.
@@ -63,8 +63,8 @@ static int end_page(stream_t* st, kelp_error_t* err) {
 }
 
 static int begin_page(stream_t* st, kelp_error_t* err) {
-    page_head_t* page = &st->page;
-    memcpy(page, st->head, sizeof(*page));
+    cvn_page_t* page = &st->page;
+    memcpy(page, st->head, CVN_PAGE_HEADSZ);
     st->record_left -= CVN_PAGE_HEADSZ;
     if (page->magic != CVN_PAGE_MAGIC)
         return kelp_fail(err, KELP_EPROTO, STREAM_HINT, "page %d of record %lld has the wrong magic number",

@@ -75,6 +75,11 @@ template <typename T>
 std::string image(T v) {
     return {reinterpret_cast<const char*>(&v), sizeof(v)};
 }
+
+// The image of a page's head: what stands before a body in a reply.
+inline std::string image(const cvn_page_t& head) {
+    return {reinterpret_cast<const char*>(&head), CVN_PAGE_HEADSZ};
+}
 inline std::string le16(int16_t v) { return image(v); }
 inline std::string le32(int32_t v) { return image(v); }
 inline std::string le64(int64_t v) { return image(v); }

@@ -150,7 +150,7 @@ TEST(ClientCatalogue, CutOrForeignJsonIsRefused) {
 }
 
 std::string meta_page(int32_t cno, int64_t value) {
-    page_head_t head{};
+    cvn_page_t head{};
     head.magic = CVN_PAGE_MAGIC;
     head.cno = cno;
     head.typ = CVN_TYP_INT64;
@@ -161,7 +161,7 @@ std::string meta_page(int32_t cno, int64_t value) {
 }
 
 std::string count_page(int32_t nrow) {
-    page_head_t head{};
+    cvn_page_t head{};
     head.magic = CVN_PAGE_MAGIC;
     head.cno = -1;
     head.nrow = nrow;

@@ -179,10 +179,10 @@ TEST(ClientFilter, KeepsExactlyTheRowsThatMeetAllConditions) {
         std::vector<column_t> column(t.column.size());
         for (size_t c = 0; c < column.size(); c++) {
             const std::string bytes = page(0, t.column[c].typ, t.value[c], false);
-            page_head_t head;
-            memcpy(&head, bytes.data(), sizeof(head));
+            cvn_page_t head;
+            memcpy(&head, bytes.data(), CVN_PAGE_HEADSZ);
             column[c].value = buf_get(&pool, bytes.size());
-            memcpy(column[c].value.p, bytes.data() + sizeof(head), bytes.size() - sizeof(head));
+            memcpy(column[c].value.p, bytes.data() + CVN_PAGE_HEADSZ, bytes.size() - CVN_PAGE_HEADSZ);
             ASSERT_EQ(nullptr, page_view(&pool, &column[c], head, "c"));
         }
         const int64_t n = rows::cond_filter(column, column.size(), bound);

@@ -17,7 +17,7 @@ using namespace std::string_literals;
 // A stream's user that keeps all it is given.
 struct kept_t {
     std::vector<std::string> body;
-    std::vector<page_head_t> head;
+    std::vector<cvn_page_t> head;
     std::vector<int> npage;
     std::vector<char> room;
 };
@@ -25,13 +25,13 @@ struct kept_t {
 stream_t make_stream(kept_t* kept, int64_t limit = 1 << 20) {
     stream_t st{};
     st.user.record_begin = [](void*, int32_t, kelp_error_t*) { return 0; };
-    st.user.page_begin = [](void* arg, int, const page_head_t& head, char** dst, kelp_error_t*) {
+    st.user.page_begin = [](void* arg, int, const cvn_page_t& head, char** dst, kelp_error_t*) {
         auto* k = static_cast<kept_t*>(arg);
         k->room.resize(static_cast<size_t>(head.zbyte) + 1);
         *dst = k->room.data();
         return 0;
     };
-    st.user.page_end = [](void* arg, int, const page_head_t& head, kelp_error_t*) {
+    st.user.page_end = [](void* arg, int, const cvn_page_t& head, kelp_error_t*) {
         auto* k = static_cast<kept_t*>(arg);
         k->body.emplace_back(k->room.data(), static_cast<size_t>(head.zbyte));
         k->head.push_back(head);

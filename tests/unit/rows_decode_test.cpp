@@ -33,9 +33,9 @@ struct decoded_t {
 // Decodes a page as a connection does, every buffer exactly as large as asked for.
 decoded_t decode(const std::string& bytes) {
     decoded_t d;
-    page_head_t head;
-    memcpy(&head, bytes.data(), sizeof(head));
-    const std::string stored = bytes.substr(sizeof(head));
+    cvn_page_t head;
+    memcpy(&head, bytes.data(), CVN_PAGE_HEADSZ);
+    const std::string stored = bytes.substr(CVN_PAGE_HEADSZ);
     bufpool_t pool;
     column_t col;
     const char* why = page_check(head);
@@ -67,12 +67,12 @@ TEST(RowsPage, FixedWidthValuesLieWhereTheyWereDecompressed) {
     values_t v;
     for (int i = 0; i < 5000; i++) v.push_back(support::i64(i % 10));
     const std::string bytes = page(0, CVN_TYP_INT64, v, true);
-    page_head_t head;
-    memcpy(&head, bytes.data(), sizeof(head));
+    cvn_page_t head;
+    memcpy(&head, bytes.data(), CVN_PAGE_HEADSZ);
     ASSERT_LT(head.zbyte, head.nbyte);
     bufpool_t pool;
     column_t col;
-    ASSERT_EQ(nullptr, page_unpack(&pool, &col.value, head, bytes.data() + sizeof(head)));
+    ASSERT_EQ(nullptr, page_unpack(&pool, &col.value, head, bytes.data() + CVN_PAGE_HEADSZ));
     const char* where = col.value.p;
     ASSERT_EQ(nullptr, page_view(&pool, &col, head, "c"));
     EXPECT_EQ(where, col.vec.value);
@@ -119,7 +119,7 @@ TEST(RowsPage, RefusesEverySizeThatLies) {
 }
 
 TEST(RowsPage, RefusesACompressedSizeThatIsTooSmallToBeTrue) {
-    page_head_t head{};
+    cvn_page_t head{};
     head.typ = CVN_TYP_INT64;
     head.nrow = 1 << 20;
     head.nmapoff = 8 << 20;
@@ -132,7 +132,7 @@ TEST(RowsPage, RefusesValuesThatDoNotFit) {
     const std::string UNFIT = "its values do not fit its size";
     // The head is right; the body is not.
     const auto with_body = [](int32_t typ, int32_t nrow, const std::string& values) {
-        page_head_t head{};
+        cvn_page_t head{};
         head.magic = CVN_PAGE_MAGIC;
         head.typ = typ;
         head.nrow = nrow;

@@ -14,8 +14,8 @@ using namespace rows;
 
 namespace {
 
-page_head_t head_of(cvn_typ_t typ, int32_t nrow, int32_t valuesz) {
-    page_head_t head{};
+cvn_page_t head_of(cvn_typ_t typ, int32_t nrow, int32_t valuesz) {
+    cvn_page_t head{};
     head.magic = CVN_PAGE_MAGIC;
     head.typ = typ;
     head.nrow = nrow;
@@ -27,7 +27,7 @@ page_head_t head_of(cvn_typ_t typ, int32_t nrow, int32_t valuesz) {
 // Decodes a page that is stored as it is. Returns what is wrong with it.
 std::string decode(column_t* col, bufpool_t* pool, cvn_typ_t typ, int32_t nrow, const std::string& values,
                    const std::string& nullmap, int32_t nnull) {
-    page_head_t head = head_of(typ, nrow, static_cast<int32_t>(values.size()));
+    cvn_page_t head = head_of(typ, nrow, static_cast<int32_t>(values.size()));
     head.nnull = nnull;
     const std::string body = values + nullmap;
     head.hash = static_cast<int32_t>(XXH32(body.data(), body.size(), 0));
@@ -44,31 +44,31 @@ std::string le32(int32_t v) { return {reinterpret_cast<const char*>(&v), sizeof(
 }  // namespace
 
 TEST(RowsPage, RefusesAHeadWhoseNumbersDoNotFitEachOther) {
-    const page_head_t good = head_of(CVN_TYP_INT32, 10, 40);
+    const cvn_page_t good = head_of(CVN_TYP_INT32, 10, 40);
     EXPECT_EQ(nullptr, page_check(good));
     const auto refused = [&](auto change, const char* why) {
-        page_head_t head = good;
+        cvn_page_t head = good;
         change(&head);
         EXPECT_STREQ(why, page_check(head));
     };
-    refused([](page_head_t* h) { h->typ = 12; }, "its type is unknown");
-    refused([](page_head_t* h) { h->typ = 0; }, "its type is unknown");
-    refused([](page_head_t* h) { h->nrow = -1; }, "its row counts are wrong");
-    refused([](page_head_t* h) { h->nnull = -1; }, "its row counts are wrong");
-    refused([](page_head_t* h) { h->nnull = 11; }, "its row counts are wrong");
-    refused([](page_head_t* h) { h->nmapoff = -2; }, "its size does not fit its rows");
-    refused([](page_head_t* h) { h->nmapoff = 39; }, "its size does not fit its rows");
-    refused([](page_head_t* h) { h->nrow = INT32_MAX; }, "its size does not fit its rows");
-    refused([](page_head_t* h) { h->nbyte = -1; }, "its size does not fit its rows");
-    refused([](page_head_t* h) { h->nrow = 9; }, "its size does not fit its type");
-    refused([](page_head_t* h) { h->zbyte = 43; }, "its stored size exceeds its size");
-    refused([](page_head_t* h) { h->zbyte = -1; }, "its stored size exceeds its size");
-    page_head_t bomb = head_of(CVN_TYP_INT32, 8000, 32000);
+    refused([](cvn_page_t* h) { h->typ = 12; }, "its type is unknown");
+    refused([](cvn_page_t* h) { h->typ = 0; }, "its type is unknown");
+    refused([](cvn_page_t* h) { h->nrow = -1; }, "its row counts are wrong");
+    refused([](cvn_page_t* h) { h->nnull = -1; }, "its row counts are wrong");
+    refused([](cvn_page_t* h) { h->nnull = 11; }, "its row counts are wrong");
+    refused([](cvn_page_t* h) { h->nmapoff = -2; }, "its size does not fit its rows");
+    refused([](cvn_page_t* h) { h->nmapoff = 39; }, "its size does not fit its rows");
+    refused([](cvn_page_t* h) { h->nrow = INT32_MAX; }, "its size does not fit its rows");
+    refused([](cvn_page_t* h) { h->nbyte = -1; }, "its size does not fit its rows");
+    refused([](cvn_page_t* h) { h->nrow = 9; }, "its size does not fit its type");
+    refused([](cvn_page_t* h) { h->zbyte = 43; }, "its stored size exceeds its size");
+    refused([](cvn_page_t* h) { h->zbyte = -1; }, "its stored size exceeds its size");
+    cvn_page_t bomb = head_of(CVN_TYP_INT32, 8000, 32000);
     bomb.zbyte = bomb.nbyte / 255;
     EXPECT_EQ(nullptr, page_check(bomb));
     bomb.zbyte--;
     EXPECT_STREQ("its stored size is too small for its size", page_check(bomb));
-    page_head_t text = head_of(CVN_TYP_CSTR, 10, 9);
+    cvn_page_t text = head_of(CVN_TYP_CSTR, 10, 9);
     EXPECT_STREQ("its size does not fit its rows", page_check(text));
     text = head_of(CVN_TYP_BYTEA, 10, 39);
     EXPECT_STREQ("its size does not fit its rows", page_check(text));
@@ -127,7 +127,7 @@ TEST(RowsPage, ChecksTheHashBeforeItDecompresses) {
     const int zbyte = LZ4_compress_default(raw.data(), stored.data(), static_cast<int>(raw.size()),
                                            static_cast<int>(stored.size()));
     ASSERT_GT(zbyte, 0);
-    page_head_t head = head_of(CVN_TYP_BOOL, 8192, 8192);
+    cvn_page_t head = head_of(CVN_TYP_BOOL, 8192, 8192);
     head.zbyte = zbyte;
     head.hash = static_cast<int32_t>(XXH32(stored.data(), static_cast<size_t>(zbyte), 0));
     buf_t out;

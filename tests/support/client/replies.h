@@ -54,7 +54,7 @@ inline std::string page(int32_t cno, int32_t typ, const values_t& value, bool co
                                            static_cast<int>(z.size()));
         if (n > 0 && static_cast<size_t>(n) < raw.size()) stored = z.substr(0, static_cast<size_t>(n));
     }
-    page_head_t head{};
+    cvn_page_t head{};
     head.magic = CVN_PAGE_MAGIC;
     head.cno = cno;
     head.typ = typ;
