@@ -163,15 +163,15 @@ def sections(path):
     return {data[text + h[0] : data.index(b"\0", text + h[0])].decode(): (h[3], h[5]) for h in header}
 
 
-def listening(pid):
-    """The (address, port) pairs on which a process listens, the address as four bytes."""
+def _listening_once(pid):
+    """What `listening` says, by one reading of the kernel's table, as a dictionary by inode."""
     try:
         inodes = {m[1] for m in (re.match(r"socket:\[(\d+)\]", t) for t in descriptors(pid).values()) if m}
     except OSError:
-        return []
+        return {}
     if not inodes:
-        return []
-    found = []
+        return {}
+    found = {}
     with open("/proc/net/tcp") as f:
         next(f)
         for line in f:
@@ -180,8 +180,20 @@ def listening(pid):
                 break
             if field[9] in inodes:
                 address, port = field[1].split(":")
-                found.append((struct.pack("=I", int(address, 16)), int(port, 16)))
+                found[field[9]] = struct.pack("=I", int(address, 16)), int(port, 16)
     return found
+
+
+def listening(pid):
+    """The (address, port) pairs on which a process listens, the address as four bytes.
+
+    The kernel gives the table a page at a time: while other sockets come and go, one may be in it twice or be left out.
+    So it is read until two readings say the same.
+    """
+    last = _listening_once(pid)
+    while (found := _listening_once(pid)) != last:
+        last = found
+    return list(found.values())
 
 
 def _sockets(pid):
