@@ -27,13 +27,15 @@ static const char* do_put_err(const char* err, char* path, char* tmppath, tblpat
     return err;
 }
 
-// Opens the temporary file, readable by the daemon alone.
+// Opens the temporary file, readable by the daemon alone. A link that somebody has put there is not followed.
 static FILE* open_tmp(const char* tmppath) {
     // Stays: a child has one upload, and a daemon that does not fork has one at a time.
     static char* buf;
     const mode_t old = umask(077);
-    FILE* fp = fopen(tmppath, "wb");
+    const int fd = open(tmppath, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
     umask(old);
+    FILE* fp = fd == -1 ? nullptr : fdopen(fd, "wb");
+    if (!fp && fd != -1) close(fd);
     if (!buf) buf = static_cast<char*>(malloc(PUT_WRITESZ));
     if (fp && buf) (void)setvbuf(fp, buf, _IOFBF, PUT_WRITESZ);
     return fp;
@@ -52,14 +54,15 @@ static void descend_mkdir(tblpath_t* t) {
     }
 }
 
-// Flushes the directory that holds `path`, and those above it up to base/ when `nlevel` says that they may be
-// new. A failure changes nothing: the upload is in place.
-static void sync_dir(const char* path, int nlevel) {
+// Flushes the directories above `path`, up to base/. All of them, since any may be as new as the file: made by
+// this upload, by one that failed, or by one that is not answered yet. A failure changes nothing: the upload is
+// in place.
+static void sync_dirs(const char* path) {
     char* dir = strdup(path);
     if (!dir) return;
-    for (char* slash; nlevel > 0 && (slash = strrchr(dir, '/')); nlevel--) {
+    for (char* slash; (slash = strrchr(dir, '/'));) {
         *slash = '\0';
-        const int fd = open(dir, O_RDONLY | O_DIRECTORY);
+        const int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (fd < 0) continue;
         (void)fsync(fd);
         close(fd);
@@ -109,25 +112,27 @@ const char* do_put(htrequest_t* req, htreply_t* reply) {
         tmppath = nullptr;
         return do_put_err(STATUS_NOMEM, path, tmppath, tblpath, fp);
     }
-    int nlevel = 1;
     fp = open_tmp(tmppath);
     if (!fp) {
         descend_mkdir(tblpath);
-        nlevel = 4;
         fp = open_tmp(tmppath);
     }
     if (!fp) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
     if (const char* err = copy_body(req, fp)) return do_put_err(err, path, tmppath, tblpath, fp);
-    // The bytes are on disk before the name is, so that no crash leaves a name without them.
-    if (fflush(fp) != 0 || fdatasync(fileno(fp)) != 0)
-        return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
-    const bool closed = fclose(fp) == 0;
+    // The file is closed before it is checked, and flushed after that, so that what is refused never troubles the
+    // disk. A second descriptor outlives the close: no failure to write the bytes back is forgotten between them.
+    const int syncfd = fcntl(fileno(fp), F_DUPFD_CLOEXEC, 0);
+    if (syncfd == -1) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
+    const bool closed = fclose(fp) == 0;  // writes what the buffer holds
     fp = nullptr;
-    if (!closed) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
-    if ((file_is_cvn(path) || file_is_cvn_mismatch(path)) && !check_cvn(tmppath))
-        return do_put_err(STATUS_BAD, path, tmppath, tblpath, fp);
+    const char* err = closed ? nullptr : STATUS_ERROR;
+    if (!err && (file_is_cvn(path) || file_is_cvn_mismatch(path)) && !check_cvn(tmppath)) err = STATUS_BAD;
+    // The bytes are on disk before the name is, so that no crash leaves a name without them.
+    if (!err && fdatasync(syncfd) != 0) err = STATUS_ERROR;
+    close(syncfd);
+    if (err) return do_put_err(err, path, tmppath, tblpath, fp);
     if (rename(tmppath, path) == -1) return do_put_err(STATUS_ERROR, path, tmppath, tblpath, fp);
-    sync_dir(path, nlevel);
+    sync_dirs(path);
     // Stored, whoever hears of it.
     (void)htreply_status(reply, "200 OK", nullptr, nullptr, nullptr, nullptr);
     free(tmppath);  // renamed: there is nothing to unlink

@@ -144,6 +144,20 @@ TEST_F(DoPut, AFullDiskIsAServerErrorWithoutLeftover) {
     expect_status("500 Internal Server Error", head);
     EXPECT_EQ((strings{"base/d", "base/d/s", "base/d/s/e"}), tree("base"));
 }
+TEST_F(DoPut, ALinkInTheTemporaryFilesPlaceIsNotFollowed) {
+    fs::create_directories("base/d/s/e");
+    write_file("outside", "kept");
+    // The name holds the second of the upload: links for each one that may come while this runs.
+    const time_t now = time(nullptr);
+    strings link;
+    for (time_t t = now; t < now + 600; t++) {
+        link.push_back("base/d/s/e/f." + std::to_string(t) + ".tmp");
+        fs::create_symlink(fs::absolute("outside"), link.back());
+    }
+    expect_status("500 Internal Server Error", put("/v1/d/s/e/f", "x"));
+    EXPECT_EQ("kept", read_file("outside"));
+    EXPECT_FALSE(fs::exists("base/d/s/e/f"));
+}
 TEST_F(DoPut, ANameWithoutRoomForTheTemporaryEndingIsAServerError) {
     expect_status("500 Internal Server Error", put("/v1/d/s/e/" + std::string(250, 'n'), "x"));
     EXPECT_EQ((strings{"base/d", "base/d/s", "base/d/s/e"}), tree("base"));
