@@ -25,6 +25,9 @@
 #include "store/dir.h"
 
 constexpr int BACKLOG = 20;
+// A peer that is gone without a word is noticed 10 minutes after it was last heard: 5 of silence, then 5 questions
+// without an answer. Else it would keep a process, and an upload its temporary file, until the next boot.
+constexpr int KEEPALIVE_IDLE = 300, KEEPALIVE_INTERVAL = 60, KEEPALIVE_COUNT = 5;
 constexpr int LOG_BUFSZ = 40960;  // holds a request's body and more, so that its line reaches the log whole
 
 [[noreturn]] static void usage(const char* msg) {
@@ -83,6 +86,14 @@ static void mkdir_or_exit(const char* path) {
 static void mkdir_base() { mkdir_or_exit("./base"); }
 static void mkdir_tmp() { mkdir_or_exit("./tmp"); }
 
+// Brings the entry of base/ to disk, which uploads flush no further than to itself.
+static void sync_datadir() {
+    const int fd = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd == -1) return;
+    (void)fsync(fd);  // whoever cannot flush it has no crash to fear, or a disk to look after
+    close(fd);
+}
+
 // Formats the stamp of a log file's name into `buf` and returns it; 20 bytes hold it.
 static char* strtimestamp(time_t t, char* buf, int buflen) {
     struct tm tm;
@@ -103,8 +114,9 @@ static void logf_open() {
     (void)snprintf(gl.log.fname, sizeof(gl.log.fname), "log/kelpd-%s.log",
                    strtimestamp(time(nullptr), stamp, sizeof(stamp)));
     fprintf(stderr, "logfile name %s\n", gl.log.fname);
-    // A failed freopen leaves no stream to report on, so the file is opened once before.
-    const int fd = open(gl.log.fname, O_WRONLY | O_APPEND | O_CREAT, 0666);
+    // A failed freopen leaves no stream to report on, so the file is opened once before; and made by this, since
+    // the umask is 0 and what clients ask for is not for everybody to read.
+    const int fd = open(gl.log.fname, O_WRONLY | O_APPEND | O_CREAT, 0640);
     if (fd == -1) die_perror("fopen");
     gl.log.fp = freopen(gl.log.fname, "a", stderr);
     close(fd);
@@ -158,8 +170,7 @@ static const char* do_work(int fd) {
     else if (strcmp(req->method, "GET") == 0)
         err = do_get(req, reply);
     else if (strcmp(req->method, "PUT") == 0)
-        err = do_put(req, reply);
-    else if (strcmp(req->method, "DELETE") == 0)
+        err = do_put(req, reply); else if (strcmp(req->method, "DELETE") == 0)
         err = do_delete(req, reply);
     return do_work_cleanup(err, req, reply);
 }
@@ -169,12 +180,25 @@ static const char* do_work(int fd) {
     exit(1);
 }
 
+// Accepted sockets have these options of the listening one. None is worth ending for.
+static void set_keepalive(int sock) {
+    const struct {
+        int level, name, value;
+    } option[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                  {IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE},
+                  {IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL},
+                  {IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT}};
+    for (const auto& o : option) (void)setsockopt(sock, o.level, o.name, &o.value, sizeof(o.value));
+}
+
 [[noreturn]] static void main_loop() {
     tzset();
     const int sock = socket(AF_INET, SOCK_STREAM, 0);
     if (sock == -1) die_errno("socket()");
     const int one = 1;
     (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));  // bind tells when it mattered
+    (void)fcntl(sock, F_SETFD, FD_CLOEXEC);  // with one process, the sampler would hold the port
+    set_keepalive(sock);
     struct sockaddr_in addr = {};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -230,6 +254,7 @@ int main(int argc, char** argv) {
     parse_conf();
     mkdir_base();
     mkdir_tmp();
+    sync_datadir();
     if (!gl.donotfork) daemonize();
     main_loop();
 }

@@ -261,6 +261,37 @@ def await_taken(s):
     until(is_taken, "the daemon to read what was sent")
 
 
+def socket_options(pid, s, options):
+    """The values of integer socket options of the accepted socket, in the process `pid`, at the other end of `s`."""
+    wanted = f"socket:[{_server_inode(s)}]"
+    number = next(n for n, name in descriptors(pid).items() if name == wanted)
+    pidfd = os.pidfd_open(pid)
+    try:
+        copy = ctypes.CDLL(None, use_errno=True).syscall(438, pidfd, number, 0)  # pidfd_getfd
+        if copy == -1:
+            raise OSError(ctypes.get_errno(), "cannot have the daemon's socket")
+    finally:
+        os.close(pidfd)
+    with socket.socket(fileno=copy) as accepted:
+        return [accepted.getsockopt(*option) for option in options]
+
+
+def timer(s):
+    """The timer of the accepted socket at the other end of `s`: its kind, 2 when it asks an idle peer, and the seconds
+    until it rings."""
+    for found in _diagnose(s.getpeername(), s.getsockname(), 0, 0xFFFFFFFF):
+        kind, milliseconds = found[2], struct.unpack_from("=I", found, 52)[0]
+        return kind, milliseconds / 1000
+    return None
+
+
+def closes_on_exec(pid):
+    """Whether the process's only socket is closed when it runs a program."""
+    number, = (n for n, name in descriptors(pid).items() if name.startswith("socket:"))
+    with open(f"/proc/{pid}/fdinfo/{number}", encoding="ascii") as f:
+        return int(re.search(r"flags:\s*(\d+)", f.read())[1], 8) & os.O_CLOEXEC != 0
+
+
 def backlog(port):
     """The backlog of the IPv4 socket listening on `port`, asked from the kernel's socket diagnostics."""
     for found in _diagnose(("0.0.0.0", 0), ("0.0.0.0", 0), 0x300, 1 << 10):

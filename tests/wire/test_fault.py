@@ -325,7 +325,7 @@ class FullDisk(FaultCase):
         self.check_ok(get(ENTITY), json_reply("[ " + self.old.json("p.cvn") + "]\n"))
 
     def test_an_upload_above_the_file_size_limit_fails(self):
-        kelpd = Daemon(ignore=(signal.SIGXFSZ,))
+        kelpd = Daemon()
         self.addCleanup(kelpd.stop)
         kelpd.start()
         kelpd.store("d/s/e/p", b"old")
@@ -338,7 +338,7 @@ class FullDisk(FaultCase):
         self.assertEqual(f"PUT {ENTITY}/p -> {FAILED}\nPUT {ENTITY}/p -> 200 OK\n", kelpd.take_log())
 
     def test_an_upload_that_cannot_be_written_fails_without_waiting_for_its_rest(self):
-        kelpd = Daemon(ignore=(signal.SIGXFSZ,))
+        kelpd = Daemon()
         self.addCleanup(kelpd.stop)
         kelpd.start()
         kelpd.store("d/s/e/p", b"old")

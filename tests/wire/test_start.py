@@ -416,8 +416,10 @@ class Daemonised(WireCase):
     def test_the_umask_is_zero(self):
         self.assertEqual(0, int(status_field(self.kelpd.pid, "Umask"), 8))
         self.assertEqual(0o755, stat.S_IMODE(os.stat(self.kelpd.path("log")).st_mode))
+
+    def test_the_log_is_not_for_everybody_to_read(self):
         for name in self.kelpd.log_files():
-            self.assertEqual(0o666, stat.S_IMODE(os.stat(name).st_mode))
+            self.assertEqual(0o640, stat.S_IMODE(os.stat(name).st_mode))
 
     def test_only_the_log_and_the_listening_socket_are_open(self):
         opened = sorted(kelpd_proc.descriptors(self.kelpd.pid).values())
@@ -428,6 +430,25 @@ class Daemonised(WireCase):
                 str(fd) for fd, name in kelpd_proc.descriptors(self.kelpd.pid).items() if name == opened[0])) as f:
             flags = int(re.search(r"flags:\s*(\d+)", f.read())[1], 8)
         self.assertTrue(flags & os.O_APPEND)
+
+    def test_the_listening_socket_is_not_handed_to_programs(self):
+        self.assertTrue(kelpd_proc.closes_on_exec(self.kelpd.pid))
+
+    def test_a_peer_that_vanishes_is_noticed_after_ten_minutes(self):
+        with self.kelpd.connect() as s:
+            child = self.kelpd.await_child(s)
+            options = kelpd_proc.socket_options(child, s, (
+                (socket.SOL_SOCKET, socket.SO_KEEPALIVE), (socket.IPPROTO_TCP, socket.TCP_KEEPIDLE),
+                (socket.IPPROTO_TCP, socket.TCP_KEEPINTVL), (socket.IPPROTO_TCP, socket.TCP_KEEPCNT)))
+            on, idle, interval, count = options
+            self.assertEqual((1, 600), (on, idle + interval * count))
+            # The kernel's timer of that connection is the one that asks whether the peer is there, and it is set.
+            kind, left = kelpd_proc.timer(s)
+            self.assertEqual(2, kind)
+            self.assertTrue(0 < left <= idle, left)
+            s.sendall(get("/v1"))
+            self.assert_reply(json_reply("[]"), kelpd_proc.receive(s))
+        self.assert_log("GET /v1 -> 200 OK")
 
     def test_ended_children_and_lost_peers_are_ignored(self):
         self.assertEqual({signal.SIGCHLD, signal.SIGPIPE}, self.ignored(self.kelpd.pid))
@@ -630,6 +651,9 @@ class Foreground(WireCase):
     """The -n mode: one process, one connection at a time, diagnostics on the terminal."""
 
     daemon_arguments = {"nofork": True}
+
+    def test_the_listening_socket_is_not_handed_to_programs(self):
+        self.assertTrue(kelpd_proc.closes_on_exec(self.kelpd.pid))
 
     def test_there_is_no_log_and_nothing_is_printed_at_the_start(self):
         self.assertEqual(["base", "kelpd.conf", "tmp"], sorted(os.listdir(self.kelpd.dir)))
