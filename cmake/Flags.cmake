@@ -15,6 +15,25 @@ target_link_libraries(kelpd_core_flags INTERFACE kelpd_strict)
 target_compile_options(kelpd_core_flags INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -ffunction-sections -fdata-sections>)
 
+# Hardening, in every program and in all builds but those with sanitizers, which bring their own and do not go with
+# _FORTIFY_SOURCE: addresses that differ from start to start, a guard on every stack frame with an array, calls and
+# jumps that land only where they may, no table of addresses that stays writable. tests/hardening.py reads the programs.
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES C CXX)
+include(CheckCCompilerFlag)
+if(NOT KELPD_SANITIZE)
+  add_compile_options(-fstack-protector-strong)
+  foreach(flag stack-clash-protection cf-protection)
+    check_c_compiler_flag(-f${flag} KELPD_HAS_${flag})
+    if(KELPD_HAS_${flag})
+      add_compile_options(-f${flag})
+    endif()
+  endforeach()
+  # Undefined first, since a compiler may define another level by itself. It takes an optimising build.
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  add_link_options(-Wl,-z,relro -Wl,-z,now)
+endif()
+
 if(KELPD_SANITIZE)
   set(sanitize -fsanitize=${KELPD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_compile_options(${sanitize})

@@ -205,7 +205,8 @@ static void set_keepalive(int sock) {
     addr.sin_port = htons(static_cast<uint16_t>(gl.conf.port));
     if (bind(sock, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == -1) die_errno("bind()");
     if (listen(sock, BACKLOG) == -1) die_errno("listen()");
-    if (!gl.donotfork) prefault_program();
+    const int mem = gl.donotfork ? -1 : prefault_open();
+    if (mem != -1) prefault_program(mem);
     for (;;) {
         struct sockaddr_in peer;
         socklen_t peerlen = sizeof(peer);

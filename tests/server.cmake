@@ -14,3 +14,17 @@ endforeach()
 
 # The layers of docs/architecture.md.
 add_test(NAME layers.no_include_points_up COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/layers.py)
+
+# Hardening of all that is installed; the sanitizers' builds have other flags.
+if(NOT KELPD_SANITIZE)
+  set(hardened "")
+  foreach(target kelpd kelpd_core colvane cvn cvnsamp colvane_client cvn_tool cvnsamp_core cvn_bench)
+    if(TARGET ${target})
+      list(APPEND hardened $<TARGET_FILE:${target}>)
+    endif()
+  endforeach()
+  add_test(NAME hardening.all_programs_and_archives_are_hardened
+    COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/hardening.py ${hardened})
+  add_test(NAME hardening.a_program_without_one_of_the_properties_is_noticed
+    COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/hardening.py --self-test ${CMAKE_CXX_COMPILER})
+endif()

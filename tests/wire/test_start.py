@@ -397,21 +397,35 @@ class Daemonised(WireCase):
         self.assertEqual(os.path.realpath(self.kelpd.dir), os.readlink(f"/proc/{self.kelpd.pid}/cwd"))
 
     def test_the_code_that_serves_is_mapped_before_the_first_child_and_private_so_that_forks_copy_it(self):
-        with open(f"/proc/{self.kelpd.pid}/smaps", encoding="ascii") as f:
-            found = re.search(r"^(\w+)-(\w+) r-xp .*kelpd.*\n((?:[A-Z]\w+: .*\n)+)", f.read(), re.M)
-        begin, end = int(found[1], 16), int(found[2], 16)
-        self.assertGreater(int(re.search(r"^Anonymous: +(\d+) kB", found[3], re.M)[1]), 0)
+        segments = self.read_only_segments()
         section = kelpd_proc.sections(self.kelpd.program)
         if ".text_serving" not in section:  # linked without the layout: all of it is mapped
-            self.assertEqual({True}, set(kelpd_proc.is_mapped(self.kelpd.pid, begin, end)))
+            for begin, end, anonymous in segments.values():
+                self.assertGreater(anonymous, 0)
+                self.assertEqual({True}, set(kelpd_proc.is_mapped(self.kelpd.pid, begin, end)))
             return
-        for name in (".text_serving", ".rodata_serving"):
-            address, size = section[name]
+        # A program that can be anywhere counts its addresses from where its first segment was put.
+        base = min(begin for begin, _, _ in segments.values()) if section[".text"][0] < 1 << 22 else 0
+        for name, permissions in ((".text_serving", "r-xp"), (".rodata_serving", "r--p")):
+            address, size = base + section[name][0], section[name][1]
+            begin, end, anonymous = segments[permissions]
             self.assertTrue(begin <= address and address + size <= end, name)
+            self.assertGreater(anonymous, 0, name)
             self.assertEqual({True}, set(kelpd_proc.is_mapped(self.kelpd.pid, address, address + size)), name)
-        address, size = section[".text"]
-        whole = (address + 0xFFF & ~0xFFF, address + size & ~0xFFF)
-        self.assertEqual({False}, set(kelpd_proc.is_mapped(self.kelpd.pid, *whole)), "code that no request needs")
+        for name in (".text", ".rodata_rest"):
+            address, size = base + section[name][0], section[name][1]
+            whole = (address + 0xFFF & ~0xFFF, address + size & ~0xFFF)
+            self.assertEqual({False}, set(kelpd_proc.is_mapped(self.kelpd.pid, *whole)), f"{name}: no request needs it")
+
+    def read_only_segments(self):
+        """(begin, end, kilobytes of its own) of the program's first mapping with each of these permissions."""
+        found = {}
+        with open(f"/proc/{self.kelpd.pid}/smaps", encoding="ascii") as f:
+            for m in re.finditer(r"^(\w+)-(\w+) (r--p|r-xp) .*kelpd.*\n((?:[A-Z]\w+: .*\n)+)", f.read(), re.M):
+                anonymous = int(re.search(r"^Anonymous: +(\d+) kB", m[4], re.M)[1])
+                found.setdefault(m[3], (int(m[1], 16), int(m[2], 16), anonymous))
+        self.assertEqual({"r--p", "r-xp"}, set(found), "constants and code in segments of their own")
+        return found
 
     def test_the_umask_is_zero(self):
         self.assertEqual(0, int(status_field(self.kelpd.pid, "Umask"), 8))
