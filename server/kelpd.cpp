@@ -21,6 +21,7 @@
 #include "http/htlib.h"
 #include "kelpd_build.h"
 #include "server/conf.h"
+#include "server/confine.h"
 #include "server/prefault.h"
 #include "store/dir.h"
 
@@ -169,8 +170,10 @@ static const char* do_work(int fd) {
         err = do_post(req, reply);
     else if (strcmp(req->method, "GET") == 0)
         err = do_get(req, reply);
-    else if (strcmp(req->method, "PUT") == 0)
-        err = do_put(req, reply); else if (strcmp(req->method, "DELETE") == 0)
+    else if (strcmp(req->method, "PUT") == 0) {
+        if (!gl.donotfork) confine_upload();  // with one process, what comes next may need more
+        err = do_put(req, reply);
+    } else if (strcmp(req->method, "DELETE") == 0)
         err = do_delete(req, reply);
     return do_work_cleanup(err, req, reply);
 }
@@ -206,6 +209,7 @@ static void set_keepalive(int sock) {
     if (bind(sock, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == -1) die_errno("bind()");
     if (listen(sock, BACKLOG) == -1) die_errno("listen()");
     const int mem = gl.donotfork ? -1 : prefault_open();
+    confine_process();
     if (mem != -1) prefault_program(mem);
     for (;;) {
         struct sockaddr_in peer;

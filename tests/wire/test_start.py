@@ -1,8 +1,10 @@
 """Start-up and life of the daemon process: command line, configuration, directories, daemonising, logs, the loop."""
+import ctypes
 import datetime
 import errno
 import os
 import re
+import shutil
 import signal
 import socket
 import stat
@@ -14,7 +16,7 @@ import unittest
 import kelpd_proc
 import wirecase
 from kelpd_proc import BoundedCase, Daemon, Fault, WAIT, free_port, listening, program, status_field, until
-from wirecase import SILENCE, WireCase, error, get, json_reply, request
+from wirecase import OK, SILENCE, STREAM, WireCase, error, get, json_reply, post, put, request, small_file, stream
 
 LOGNAME = re.compile(r"log/kelpd-(\d{4})-(\d\d)-(\d\d)_(\d\d)(\d\d)(\d\d)\.log")
 
@@ -626,6 +628,84 @@ class FailedStarts(BoundedCase):
         kelpd.start()
         self.assertTrue(kelpd.ask(get("/v1")).endswith(b"\r\n\r\n[]"))
         self.assertEqual("GET /v1 -> 200 OK\n", kelpd.await_log(1))
+
+
+@unittest.skipIf(kelpd_proc.SANITIZED, "a build with sanitizers is not confined")
+class Confined(WireCase):
+    """What the daemon may do. The directory for temporary files is one of its own, so that the next is outside."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.home = tempfile.mkdtemp(prefix="kelpd-wire-")
+        cls.addClassCleanup(shutil.rmtree, cls.home)
+        for name in ("scratch", "outside", "bin"):
+            os.mkdir(os.path.join(cls.home, name))
+        with open(os.path.join(cls.home, "bin", "cvnsamp"), "w", encoding="ascii") as f:
+            f.write("#!/bin/sh\ncat \"$2\"\n")
+        os.chmod(os.path.join(cls.home, "bin", "cvnsamp"), 0o755)
+        cls.daemon_arguments = {"env": {"TMPDIR": os.path.join(cls.home, "scratch"), "LD_PRELOAD": "",
+                                        "PATH": os.path.join(cls.home, "bin") + ":/usr/bin:/bin"}}
+        super().setUpClass()
+
+    def setUp(self):
+        super().setUp()
+        if ctypes.CDLL(None).syscall(444, None, 0, 1) < 1:
+            self.skipTest("the kernel has no Landlock")
+
+    def link(self, target, name):
+        """Puts `target` outside the data directory, and a link to it at `name` inside base/. Returns what is outside."""
+        outside = os.path.join(self.home, "outside", target)
+        os.makedirs(os.path.dirname(self.kelpd.path("base", name)), 0o700, exist_ok=True)
+        os.symlink(outside, self.kelpd.path("base", name))
+        return outside
+
+    def test_a_data_file_outside_is_like_one_that_cannot_be_read(self):
+        outside = self.link("p.cvn", "d/s/e/p.cvn")
+        with open(outside, "wb") as f:
+            f.write(small_file().data)
+        self.check_status(get("/v1/d/s/e/p.cvn"), "500 Internal Server Error")
+        self.check_ok(get("/v1/d/s/e"), json_reply("[]\n"))
+        self.check(post("/v1/d/s/e", '{"command":["sample","5"]}'), STREAM,
+                   "cat: base/d/s/e/p.cvn: Permission denied", "POST /v1/d/s/e -> 200 OK")
+
+    def test_a_directory_outside_is_like_one_that_cannot_be_read(self):
+        outside = self.link("entity", "d/s/linked")
+        os.makedirs(outside)
+        with open(os.path.join(outside, "p.cvn"), "wb") as f:
+            f.write(small_file().data)
+        self.check_status(get("/v1/d/s/linked"), "404 Not Found")
+        self.check_ok(get("/v1/d/s"), json_reply("[]"))
+        self.check_status(post("/v1/d/s/linked", "{}"), "404 Not Found")
+        self.check_status(put("/v1/d/s/linked/new", b"x"), "500 Internal Server Error")
+        self.assertEqual(["p.cvn"], os.listdir(outside))
+
+    def test_the_sampler_is_run_as_ever(self):
+        data = small_file()
+        self.kelpd.store("d/s/e/p.cvn", data.data)
+        self.check_ok(post("/v1/d/s/e", '{"command":["sample","5"]}'),
+                      stream(*(data.record(k, *(c.name for c in data.columns)) for k in range(len(data.groups)))))
+
+    def test_system_calls_are_filtered_and_more_of_them_in_an_upload(self):
+        self.assertEqual("2", status_field(self.kelpd.pid, "Seccomp"))
+        self.assertEqual("1", status_field(self.kelpd.pid, "NoNewPrivs"))
+        before = int(status_field(self.kelpd.pid, "Seccomp_filters"))
+        with self.kelpd.connect() as s:
+            s.sendall(put("/v1/d/s/e/p", b"x", length=2))
+            child = self.kelpd.await_child(s)
+            until(lambda: int(status_field(child, "Seccomp_filters")) == before + 1, "the upload's filter")
+            s.sendall(b"y")
+            self.assert_reply(OK, kelpd_proc.receive(s))
+        self.assert_log("PUT /v1/d/s/e/p -> 200 OK")
+
+    def test_what_was_done_is_said_when_asked(self):
+        for options, lines in (((), ""), (("-v",), "files confined: Landlock %d\nsystem calls confined: seccomp\n" %
+                                          ctypes.CDLL(None).syscall(444, None, 0, 1))):
+            for nofork in (False, True):
+                kelpd = Daemon(*options, nofork=nofork, **self.daemon_arguments)
+                self.addCleanup(kelpd.stop)
+                kelpd.start()
+                self.assertEqual(lines, kelpd.log())
+                kelpd.stop()
 
 
 class Unprivileged(BoundedCase):
