@@ -26,6 +26,10 @@ add_test(NAME package.manual_pages_and_completions_are_clean
   COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/package/test_files.py ${PROJECT_SOURCE_DIR}/packaging)
 set_tests_properties(package.manual_pages_and_completions_are_clean PROPERTIES SKIP_RETURN_CODE 77)
 
+# The units, and what removes temporary files.
+add_test(NAME package.only_temporary_files_that_nobody_can_finish_are_removed
+  COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/package/test_clean.py ${PROJECT_SOURCE_DIR}/packaging)
+
 # The packages themselves take a build of their own, the network and root, so they are tested where that is wanted.
 option(KELPD_TEST_PACKAGES "Build the Debian packages and install them in a clean root, as a test" OFF)
 if(KELPD_TEST_PACKAGES)

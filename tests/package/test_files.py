@@ -36,7 +36,8 @@ def main():
         ("zsh", glob.glob(os.path.join(packaging, "completions", "_*")), ["zsh", "-n"]),
         ("sh", glob.glob(os.path.join(packaging, "debian", "p*")), ["sh", "-n"]),
         ("shellcheck", glob.glob(os.path.join(root, "scripts", "*")) +
-         [os.path.join(root, ".ci", "run"), os.path.join(packaging, "build_packages")], ["shellcheck"]),
+         [os.path.join(root, ".ci", "run"), os.path.join(packaging, "build_packages"),
+          os.path.join(packaging, "kelpd-clean")], ["shellcheck"]),
     ]:
         if not shutil.which(tool):
             missing.append(tool)

@@ -142,7 +142,13 @@ def main():
                                       check=True).stdout
                 expect(not re.search(r"\((RPATH|RUNPATH)\)|\.symtab|\.debug", head),
                        f"{program}: not stripped, or with a path")
-            out = root.run("systemd-analyze", "verify", "--man=no", "kelpd.service", check=False)
+            hardening = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "hardening.py")
+            p = subprocess.run([sys.executable, hardening,
+                                *(root.file(f"usr/bin/{name}") for name in ("kelpd", "cvn", "cvnsamp"))],
+                               stdout=subprocess.PIPE, text=True, timeout=120)
+            expect(p.returncode == 0, "hardening: " + p.stdout)
+            out = root.run("systemd-analyze", "verify", "--man=no", "kelpd.service", "kelpd-clean.service",
+                           "kelpd-clean.timer", check=False)
             expect(not [x for x in out.splitlines() if "kelpd" in x], "systemd-analyze: " + out)
 
             # The unit's command as the unit's user, on a free port.
