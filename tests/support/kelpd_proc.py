@@ -14,6 +14,7 @@ import platform
 import random
 import re
 import resource
+import select
 import shutil
 import signal
 import socket
@@ -251,14 +252,23 @@ def _server_inode(s):
     return until(find, "the daemon to accept the connection")
 
 
-def await_taken(s):
-    """Waits until the other end of the connected socket `s` has been accepted and all that was sent to it was read."""
+def await_taken(s, or_answered=False):
+    """Waits until the other end of the connected socket `s` has been accepted and all that was sent to it was read; with
+    `or_answered` an answer, which may be the end, is enough."""
     here, there = s.getsockname(), s.getpeername()
 
     def is_taken():
+        if or_answered and select.select([s], (), (), 0)[0]:
+            return True
         mine, other = _end(here, there), _end(there, here)
         return mine and other and mine.unsent == 0 and other.inode != 0 and other.unread == 0
     until(is_taken, "the daemon to read what was sent")
+
+
+def await_stalled(s):
+    """Waits until the other end of the connected socket `s` cannot send on, since `s` is not read: its kernel then asks,
+    by a timer of its own, whether there is room again."""
+    until(lambda: timer(s) is not None and timer(s)[0] == 4, "the sockets to be full")
 
 
 def socket_options(pid, s, options):
@@ -277,7 +287,7 @@ def socket_options(pid, s, options):
 
 
 def timer(s):
-    """The timer of the accepted socket at the other end of `s`: its kind, 2 when it asks an idle peer, and the seconds
+    """The timer of the accepted socket at the other end of `s`: its kind, 2 when it asks an idle peer and 4 one without room, and the seconds
     until it rings."""
     for found in _diagnose(s.getpeername(), s.getsockname(), 0, 0xFFFFFFFF):
         kind, milliseconds = found[2], struct.unpack_from("=I", found, 52)[0]

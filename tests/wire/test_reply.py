@@ -1,6 +1,7 @@
 """Replies to the byte: heads, error bodies, JSON bodies, chunks, dispatch on the method, the end of the connection."""
 import re
 import socket
+import struct
 import unittest
 
 import cvnfile
@@ -120,22 +121,25 @@ class Delivery(WireCase):
         self.check(get("/v1"), json_reply("[]"), "GET /v1 -> 200 OK", half_close=True)
 
     def test_a_large_json_body_reaches_a_slow_reader_whole(self):
-        whole = small_file()
-        names = [f"{k:04d}" + "x" * 200 + ".cvn" for k in range(900)]
-        for name in names:
-            self.kelpd.store("d/s/e/" + name, whole.data)
-        listing = "[" + ",".join(" " + whole.json(n) for n in listed(self.kelpd.path("base/d/s/e"))) + "]\n"
+        # A list of columns that the sockets do not hold: more than 150 bytes for each.
+        ncol = kelpd_proc.held_by_sockets(4096) // 150 + 10000
+        names = [b"%0127d" % k for k in range(ncol)]
+        footer = b"".join((struct.pack("<2i2q2iq", 1, ncol, 0, 0, 136 * ncol, 112 * ncol, 0),
+                           *(struct.pack("<127sxi4x", name, cvnfile.INT32) for name in names), bytes(112 * ncol)))
+        self.kelpd.store("d/s/wide/p.cvn", cvnfile.HEAD_MAGIC + footer + struct.pack("<qi", len(footer), 0)
+                         + cvnfile.TAIL_MAGIC)
+        columns = ",".join(f'{{"cno": {k}, "typ": "int32", "name": "{name.decode()}"}}' for k, name in enumerate(names))
         with self.kelpd.connect(rcvbuf=4096) as s:
-            s.sendall(get("/v1/d/s/e"))
-            s.recv(1, socket.MSG_PEEK)
+            s.sendall(get("/v1/d/s/wide/p.cvn"))
+            kelpd_proc.await_stalled(s)
             parts = []
             while True:
-                part = s.recv(3000)
+                part = s.recv(60000)
                 if not part:
                     break
                 parts.append(part)
-        self.assert_reply(json_reply(listing), b"".join(parts))
-        self.assert_log("GET /v1/d/s/e -> 200 OK")
+        self.assert_reply(json_reply('{"column":[' + columns + '], "chksum": 0}'), b"".join(parts))
+        self.assert_log("GET /v1/d/s/wide/p.cvn -> 200 OK")
 
     def test_a_reply_is_whole_though_bytes_of_the_request_are_left_unread(self):
         entry = small_file().data
