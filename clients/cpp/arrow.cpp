@@ -2,10 +2,11 @@
 
 #include "clients/cpp/arrow.h"
 
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 
 #include "clients/cpp/arrow_int.h"
 #include "rows/file.h"

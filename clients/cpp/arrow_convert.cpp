@@ -3,11 +3,12 @@
 // A batch is taken apart: each of its columns becomes a child array that owns the column's memory, so that a
 // consumer may keep or move any child by itself, as the interface allows.
 
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "clients/cpp/arrow_int.h"
 

@@ -3,14 +3,14 @@
 // The daemon writes names into its JSON as they are, without escapes. So a text here ends at the first quote
 // that something follows which may follow a text, and nothing is unescaped.
 
+#include <errno.h>
 #include <fcntl.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 
 #include "clients/cpp/client_int.h"
 

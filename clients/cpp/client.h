@@ -20,9 +20,10 @@
 #ifndef COLVANE_CLIENT_H
 #define COLVANE_CLIENT_H
 
+#include <stdint.h>
+#include <string.h>
+
 #include <atomic>
-#include <cstdint>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>

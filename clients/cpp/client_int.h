@@ -2,11 +2,11 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <stddef.h>
+#include <stdint.h>
 
 #include <atomic>
 #include <bit>
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <new>

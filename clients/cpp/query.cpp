@@ -3,9 +3,10 @@
 // A condition is used twice: the server gets what its statistics can decide without losing a row (rows/cond.h
 // knows what that is), and every row that comes is decided here.
 
+#include <string.h>
+
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 
 #include "clients/cpp/client_int.h"
 

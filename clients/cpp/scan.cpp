@@ -14,11 +14,12 @@
 // compared afterwards with what it was before, since a file that was replaced in between would have been read
 // partly as it was and partly as it is.
 
+#include <stdlib.h>
+#include <string.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <thread>
 #include <tuple>

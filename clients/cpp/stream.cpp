@@ -1,13 +1,14 @@
 // stream: cuts a reply body into records and pages.
 //
-//   record   8 bytes: magic, bytes of the pages behind it (0: the end of the stream)
+//   record   8 bytes: magic, bytes of the pages after it (0: the end of the stream)
 //   page     40 bytes of head (cvn_page_t), then `zbyte` bytes of body
 //
 // The bytes arrive in pieces of any size; nothing depends on where one ends. A body goes straight to where
 // its user wants it, so that it is copied once.
 
+#include <string.h>
+
 #include <algorithm>
-#include <cstring>
 
 #include "clients/cpp/client_int.h"
 
@@ -102,7 +103,7 @@ int kelp::stream_feed(stream_t* st, const char* p, size_t n, kelp_error_t* err) 
             case stream_t::PAGE:
                 if (st->record_left < CVN_PAGE_HEADSZ) {
                     code = kelp_fail(err, KELP_EPROTO, STREAM_HINT,
-                                     "record %lld has %d bytes behind its last page, too few for another",
+                                     "record %lld has %d bytes after its last page, too few for another",
                                      static_cast<long long>(st->nrecord), st->record_left);
                     break;
                 }
@@ -111,7 +112,7 @@ int kelp::stream_feed(stream_t* st, const char* p, size_t n, kelp_error_t* err) 
                 code = begin_page(st, err);
                 break;
             case stream_t::ENDED:
-                code = kelp_fail(err, KELP_EPROTO, STREAM_HINT, "the reply goes on behind its end record");
+                code = kelp_fail(err, KELP_EPROTO, STREAM_HINT, "the reply goes on after its end record");
                 break;
         }
         if (code) return code;

@@ -121,11 +121,11 @@ TEST(ClientStream, NamesWhatIsWrongWithARecord) {
     }
 }
 
-TEST(ClientStream, RefusesBytesBehindTheEndRecord) {
+TEST(ClientStream, RefusesBytesAfterTheEndRecord) {
     kept_t kept;
     kelp_error_t err{};
     EXPECT_EQ(KELP_EPROTO, feed_in(small_stream() + "x", 1, &kept, &err));
-    EXPECT_STREQ("the reply goes on behind its end record", err.text);
+    EXPECT_STREQ("the reply goes on after its end record", err.text);
 }
 
 // Chunks.
@@ -167,7 +167,7 @@ TEST(ClientChunks, ReportTheErrorTextThatStandsInPlaceOfAChunk) {
         EXPECT_EQ(KELP_ECUT, unchunk("3; chunk\r\nabc\r\n" + said, 1, &out, &err));
         EXPECT_EQ(said, err.said);
         EXPECT_NE(nullptr, strstr(err.text, said.c_str())) << err.text;
-        // With a line end behind it, it is no size either.
+        // With a line end after it, it is no size either.
         EXPECT_EQ(KELP_ECUT, unchunk("3; chunk\r\nabc\r\n" + said + "\r\n", 1, &out, &err));
         EXPECT_EQ(said, err.said);
     }
@@ -193,7 +193,7 @@ TEST(ClientChunks, RefuseATrailerWithoutEnd) {
         std::string out;
         kelp_error_t err{};
         EXPECT_EQ(KELP_EPROTO, unchunk(endless, step, &out, &err));
-        EXPECT_STREQ("the reply goes on and on behind its end", err.text);
+        EXPECT_STREQ("the reply goes on and on after its end", err.text);
     }
 }
 
