@@ -1,19 +1,30 @@
 // url: places in a catalogue as text, and the texts of errors.
 
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 
 #include "clients/cpp/client_int.h"
+#include "rows/show.h"
 
 using namespace kelp;
 
-// Copies text, one line of printable characters, cut to fit.
+// Copies text, one line of printable characters, cut to fit. A program shows it wherever it shows its errors, so a
+// control becomes a blank, and a byte that is no UTF-8 a question mark.
 static void copy_line(char* dst, size_t dstsz, std::string_view s) {
-    const size_t n = std::min(s.size(), dstsz - 1);
-    for (size_t i = 0; i < n; i++) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        dst[i] = c < 0x20 || c == 0x7f ? ' ' : s[i];
+    size_t n = 0;
+    while (!s.empty()) {
+        const rows::show_char_t ch = rows::show_next(s);
+        const size_t size = ch.kind == rows::SHOW_FIT ? ch.size : 1;
+        if (n + size >= dstsz) break;
+        if (ch.kind == rows::SHOW_FIT)
+            memcpy(dst + n, s.data(), size);
+        else
+            dst[n] = ch.kind == rows::SHOW_CONTROL ? ' ' : '?';
+        n += size;
+        s.remove_prefix(ch.size);
     }
     dst[n] = '\0';
 }
@@ -49,7 +60,7 @@ static int hex_digit(char c) {
     return -1;
 }
 
-// As the server decodes a path: '+' is a blank, a '%' without two digits behind it stands for itself.
+// As the server decodes a path: '+' is a blank, a '%' without two digits after it stands for itself.
 static std::string decode(std::string_view s) {
     std::string out;
     for (size_t i = 0; i < s.size(); i++) {
@@ -85,27 +96,8 @@ std::string kelp::percent_encode(std::string_view s) {
 static constexpr char URL_HINT[] =
     "write kelp://host:port/database/schema/entity or http://host:port/v1/database/...";
 
-// A text that should be a URL, for messages: without what may be a user name and password. They end at the
-// last '@' in front of the path. When a '/' of the password seems to begin the path, it is the last of all.
-static std::string without_password(std::string_view text) {
-    const size_t colon = text.find("://");
-    const size_t from = colon != text.npos ? colon + 3 : std::min(text.find_first_not_of('/'), text.size());
-    const std::string_view authority = text.substr(from, text.find('/', from) - from);
-    size_t at = authority.rfind('@');
-    if (at == authority.npos) {
-        const size_t port = authority.find(':');
-        if (port == authority.npos) return std::string(text);
-        const std::string_view number = authority.substr(port + 1);
-        if (!number.empty() && number.find_first_not_of("0123456789") == number.npos)
-            return std::string(text);
-        at = text.substr(from).rfind('@');
-        if (at == text.npos) return std::string(text);
-    }
-    return std::string(text.substr(0, from)) + "***" + std::string(text.substr(from + at));
-}
-
 static int url_parse(kelp_url_t* ret_url, std::string_view text, kelp_error_t* err) {
-    const std::string shown = without_password(text);
+    const std::string shown = rows::show_without_password(text);
     const auto bad = [&](const char* why) {
         return kelp_fail(err, KELP_EARG, URL_HINT, "'%.200s' is no table URL: %s", shown.c_str(), why);
     };

@@ -300,6 +300,15 @@ TEST(ClientError, IsOnePrintableLine) {
     EXPECT_EQ(KELP_EFILE, kelp_fail(nullptr, KELP_EFILE, nullptr, "x"));
     kelp_said(&err, "400 Bad\x01 Request\r\n");
     EXPECT_STREQ("400 Bad  Request", err.said);
+    kelp_said(&err,
+              "a\x1b[2Jb\x7f\xc2\x9b"
+              "31m\xe2\x80\xae"
+              "cba\x9b\xc3Z\xc3\xbcrich");
+    EXPECT_STREQ("a [2Jb  31m cba??Z\xc3\xbcrich", err.said);
+    kelp_said(&err, std::string(254, 'x') + "\xc3\xbc");
+    EXPECT_EQ(std::string(254, 'x'), err.said) << "no character is cut in two";
+    kelp_said(&err, std::string(253, 'x') + "\xc3\xbc");
+    EXPECT_EQ(std::string(253, 'x') + "\xc3\xbc", err.said);
 }
 
 }  // namespace
