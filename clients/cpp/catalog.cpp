@@ -22,6 +22,10 @@ namespace {
 constexpr size_t JSON_MAX = size_t{32} << 20;
 // Nor is an array of more elements, since each takes more memory than its text.
 constexpr size_t ELEMENT_MAX = size_t{1} << 20;
+// What a count takes from the stream of counts before it adds up the catalogue instead (kelp_count).
+constexpr int64_t COUNT_ROW_MAX = int64_t{1} << 28;
+constexpr int64_t COUNT_RECORD_MAX = int64_t{1}
+                                     << 20;  // a daemon's table has no more files than its catalogue
 constexpr char JSON_HINT[] = "check host and port: what answers there does not seem to be kelpd";
 
 struct json_t {
@@ -172,6 +176,13 @@ int kelp::list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, 
 int kelp_list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const kelp_opt_t& opt,
                     kelp_error_t* err) {
     return kelp_guard(err, [&] { return list_files(ret_file, url, {.opt = &opt}, err); });
+}
+
+int kelp::add_total(int64_t* sum, int64_t n, const kelp_file_t& file, kelp_error_t* err) {
+    if (!__builtin_add_overflow(*sum, n, sum)) return 0;
+    return kelp_fail(err, KELP_EPROTO, "verify that file",
+                     "impossible totals: with what the file %.200s claims they exceed 64 bits",
+                     file.name.c_str());
 }
 
 static cvn_typ_t typ_of(const std::string& name) {
@@ -401,6 +412,7 @@ struct totals_t {
     int64_t value[2] = {0, 0};  // meta: its two values; count: the rows so far
     std::vector<char> body;
     int64_t nrecord = 0;
+    bool is_long = false;  // count: it was given up, there is more than should be streamed
 };
 
 }  // namespace
@@ -409,9 +421,11 @@ static constexpr char TOTALS_HINT[] = "check host and port: what answers there d
 
 static int totals_record_begin(void* arg, int32_t, kelp_error_t* err) {
     auto* t = static_cast<totals_t*>(arg);
-    if (t->is_meta && t->nrecord++ > 0)
+    t->nrecord++;
+    if (t->is_meta && t->nrecord > 1)
         return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply has two records");
-    return 0;
+    t->is_long = !t->is_meta && (t->value[0] >= COUNT_ROW_MAX || t->nrecord > COUNT_RECORD_MAX);
+    return t->is_long ? KELP_ECANCEL : 0;
 }
 
 static int totals_page_begin(void* arg, int k, const cvn_page_t& head, char** ret_dst, kelp_error_t* err) {
@@ -435,8 +449,7 @@ static int totals_page_end(void* arg, int k, const cvn_page_t& head, kelp_error_
         return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply counts %lld rows or row groups",
                          static_cast<long long>(t->value[k]));
     }
-    if (__builtin_add_overflow(t->value[0], int64_t{head.nrow}, &t->value[0]))
-        return kelp_fail(err, KELP_EPROTO, TOTALS_HINT, "the reply counts too many rows");
+    t->value[0] += head.nrow;  // of what stays below COUNT_ROW_MAX
     return 0;
 }
 
@@ -450,11 +463,12 @@ static int sink_stream(void* arg, const char* p, size_t n, kelp_error_t* err) {
     return stream_feed(static_cast<stream_t*>(arg), p, n, err);
 }
 
-static int get_totals(totals_t* t, const kelp_url_t& url, const kelp_opt_t& opt, kelp_error_t* err) {
+static int get_totals(totals_t* t, const kelp_url_t& url, const call_t& call, kelp_error_t* err) {
     if (const int code = want_depth(url, 3, 3, "a table", err)) return code;
     stream_t st{.user = {totals_record_begin, totals_page_begin, totals_page_end, totals_record_end, t},
-                .max_record_nbyte = opt.max_record_nbyte};
-    http_t http{.method = "POST", .url = kelp_url_format(url, false), .opt = &opt};
+                .max_record_nbyte = call.opt->max_record_nbyte};
+    http_t http{.method = "POST", .url = kelp_url_format(url, false), .opt = call.opt};
+    http.start_ms = call.start_ms;
     http.body = t->is_meta ? R"({"command": ["meta"]})" : "{}";
     http.sink = sink_stream;
     http.sink_arg = &st;
@@ -469,10 +483,37 @@ int kelp_meta(kelp_meta_t* ret_meta, const kelp_url_t& url, const kelp_opt_t& op
     return kelp_guard(err, [&] {
         *ret_meta = kelp_meta_t{};
         totals_t t{.is_meta = true};
-        if (const int code = get_totals(&t, url, opt, err)) return code;
+        if (const int code = get_totals(&t, url, {.opt = &opt}, err)) return code;
         *ret_meta = kelp_meta_t{.nrow = t.value[0], .nrowgroup = t.value[1]};
         return 0;
     });
+}
+
+// The rows that the files say they have. The server streams them, 16 KiB for every 2^20 rows, so that one file of a few
+// hundred bytes that claims 2^62 would keep it and the client at it for ever. From COUNT_ROW_MAX rows on (4 MiB) the
+// catalogue is added up instead, which is the same sum where the server can read all files: what it cannot read breaks
+// off the stream, but is left out of the catalogue.
+static int count_claimed(int64_t* ret_nrow, const kelp_url_t& url, const call_t& call, kelp_error_t* err) {
+    totals_t t{.is_meta = false};
+    const int code = get_totals(&t, url, call, err);
+    if (!t.is_long) {
+        *ret_nrow = code ? 0 : t.value[0];
+        return code;
+    }
+    std::vector<kelp_file_t> file;
+    if (const int failed = list_files(&file, url, call, err)) return failed;
+    int64_t nrow = 0;
+    for (const kelp_file_t& f : file) {
+        if (!f.name.ends_with(".cvn")) continue;  // set aside
+        if (const int failed = add_total(&nrow, f.nrow, f, err)) return failed;
+    }
+    if (nrow < t.value[0])
+        return kelp_fail(err, KELP_ECHANGED,
+                         "try again; if it stays so, that is no kelpd: check host and port",
+                         "the reply counts more rows than the catalogue has, %lld, and goes on",
+                         static_cast<long long>(nrow));
+    *ret_nrow = nrow;
+    return 0;
 }
 
 static int count_scanned(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt,
@@ -504,9 +545,6 @@ int kelp_count(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& o
     return kelp_guard(err, [&] {
         *ret_nrow = 0;
         if (!query.cond.empty() || !query.where.empty()) return count_scanned(ret_nrow, query, opt, err);
-        totals_t t{.is_meta = false};
-        if (const int code = get_totals(&t, query.url, opt, err)) return code;
-        *ret_nrow = t.value[0];
-        return 0;
+        return count_claimed(ret_nrow, query.url, {.opt = &opt, .start_ms = now_ms()}, err);
     });
 }

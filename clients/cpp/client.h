@@ -231,14 +231,16 @@ struct kelp_batch_t {
 
 struct kelp_scan_t;
 
-// Opens a scan: asks the catalogue for the entity's totals and columns, then starts the connections.
+// Opens a scan: asks the catalogue for the entity's totals (KELP_EPROTO, with the file's name, when they exceed 64 bits)
+// and columns, then starts the connections.
 // `*ret_scan` is owned by the caller (kelp_scan_close). What `opt.cancel` points at must outlive it. The
 // types are those of the first data file; KELP_EEMPTY when there is none. A file that disagrees ends the scan:
 // with KELP_EREFUSED or KELP_ECUT when it lacks a column, with KELP_EPROTO when one has another type.
 [[nodiscard]] int kelp_scan_open(kelp_scan_t** ret_scan, const kelp_query_t& query, const kelp_opt_t& opt,
                                  kelp_error_t* err);
 
-// The same for `nrow` rows (1 to 2147483647) of an entity that its server picks at random, all columns.
+// The same for `nrow` rows (1 to 2147483647) of an entity that its server picks at random, all columns. More rows than
+// that end it with KELP_EPROTO.
 [[nodiscard]] int kelp_sample_open(kelp_scan_t** ret_scan, const kelp_url_t& url, int64_t nrow,
                                    const kelp_opt_t& opt, kelp_error_t* err);
 
@@ -275,8 +277,10 @@ void kelp_scan_cancel(kelp_scan_t* scan);
 // Ends the connections and frees the scan. Null is accepted.
 void kelp_scan_close(kelp_scan_t* scan);
 
-// The number of rows that a query has. Without conditions the server only adds up its files' counts; with
-// conditions their columns are read, and `query.exact` holds. An entity without data files has none.
+// The number of rows that a query has. Without conditions it is what the data files claim: up to 2^28 rows the server
+// streams it, beyond the catalogue's numbers are added up, in which files that the server cannot read are missing (below,
+// they are KELP_EREFUSED or KELP_ECUT); KELP_EPROTO when they exceed 64 bits, KELP_ECHANGED when the stream exceeds them.
+// With conditions their columns are read, and `query.exact` holds. An entity without data files has none.
 [[nodiscard]] int kelp_count(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt,
                              kelp_error_t* err);
 

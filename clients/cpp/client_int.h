@@ -159,6 +159,9 @@ struct call_t {
 [[nodiscard]] int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const call_t& call,
                              kelp_error_t* err);
 
+// Adds what a file of a table claims to a total of the table. Where that exceeds 64 bits it fails with the file's name.
+[[nodiscard]] int add_total(int64_t* sum, int64_t n, const kelp_file_t& file, kelp_error_t* err);
+
 [[nodiscard]] int want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err);
 
 // The columns of a table whose files are known, and the name of the file whose columns they are.

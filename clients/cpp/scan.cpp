@@ -64,6 +64,7 @@ struct kelp_scan_t {
     plan_t plan;
     bool exact = true;
     bool is_sample = false;
+    int64_t sample_nrow = 0;  // rows asked for as a sample
     int64_t max_flight_nbyte = 0;
     kelp_url_t table;
     std::vector<kelp_file_t> file;  // its data files before the scan, by name
@@ -255,6 +256,10 @@ static int scan_record_end(void* arg, int npage, kelp_error_t* err) {
     int64_t nrow = w->column.empty() ? 0 : w->column[0].vec.nrow;
     scan->nrowgroup += 1;
     scan->nrow += nrow;
+    if (scan->is_sample && scan->nrow > scan->sample_nrow)
+        return kelp_fail(err, KELP_EPROTO, "look at the cvnsamp that the server runs",
+                         "the server sends more than the %lld rows of the sample that was asked for",
+                         static_cast<long long>(scan->sample_nrow));
     if (scan->exact && scan->plan.has_cond())
         nrow = rows::cond_filter(w->column, scan->plan.nresult, scan->plan.cond);
     scan->nrow_out += nrow;
@@ -348,12 +353,9 @@ static int prepare(kelp_scan_t* scan, std::vector<kelp_column_t>* have, const ke
     kelp_scan_stat_t* total = &scan->total;
     for (const kelp_file_t& f : *file) {
         total->total_nfile++;
-        if (__builtin_add_overflow(total->total_nrow, f.nrow, &total->total_nrow) ||
-            __builtin_add_overflow(total->total_nrowgroup, f.nrowgroup, &total->total_nrowgroup) ||
-            __builtin_add_overflow(total->total_zbyte, f.zbyte, &total->total_zbyte))
-            return kelp_fail(err, KELP_EPROTO, "check host and port: that does not seem to be kelpd",
-                             "the catalogue of %s claims impossible totals",
-                             kelp_url_format(url, true).c_str());
+        if (const int code = add_total(&total->total_nrow, f.nrow, f, err)) return code;
+        if (const int code = add_total(&total->total_nrowgroup, f.nrowgroup, f, err)) return code;
+        if (const int code = add_total(&total->total_zbyte, f.zbyte, f, err)) return code;
     }
     scan->url = kelp_url_format(url, false);
     scan->pool = std::make_shared<rows::bufpool_t>();
@@ -490,6 +492,7 @@ static int sample_open(kelp_scan_t* scan, const kelp_url_t& url, int64_t nrow, k
     scan->plan.column = have;
     scan->plan.nresult = have.size();
     scan->is_sample = true;
+    scan->sample_nrow = nrow;
     scan->max_flight_nbyte = kelp_query_t{}.max_flight_nbyte;
     return start(scan, {R"({"command": ["sample", ")" + std::to_string(nrow) + R"("]})"}, err);
 }

@@ -27,7 +27,7 @@ TEST(ClientCatalogue, NumbersThatCannotBeAreRefused) {
         listing = "[" + one + ", " + one + "]";
         kelp_scan_t* scan = nullptr;
         EXPECT_EQ(KELP_EPROTO, kelp_scan_open(&scan, {.url = url_of(server)}, quick(), &err));
-        EXPECT_NE(nullptr, strstr(err.text, "impossible totals")) << err.text;
+        EXPECT_STREQ("impossible totals: with what the file p.cvn claims they exceed 64 bits", err.text);
     }
 }
 
@@ -211,6 +211,96 @@ TEST(ClientTotals, AreReadWithoutHashes) {
         reply = whole.substr(0, n);
         EXPECT_NE(0, kelp_meta(&meta, url_of(server), quick(), &err)) << n;
     }
+}
+
+// A server of counts: `head` and then `again` without end, which the client must end; the catalogue is `listing`.
+server_t::handler_t endless_counts(const std::string& head, const std::string& again, text_t& listing) {
+    return [head, again, &listing](int fd, const request_t& r) {
+        if (r.method == "GET") return (void)send_all(fd, json_reply(listing.get()));
+        bool going = send_all(fd, STREAM_HEAD + head);
+        while (going && !again.empty()) going = send_all(fd, again);
+    };
+}
+
+std::string chunks(const std::vector<std::string>& piece) {
+    std::string s;
+    for (const std::string& p : piece) s += chunk(p);
+    return s;
+}
+
+std::string listed(const std::string& name, int64_t nrow) {
+    return "{\"name\": \"" + name + "\", \"nrow\": " + std::to_string(nrow) + "}";
+}
+
+TEST(ClientTotals, ACountWithoutEndIsTakenFromTheCatalogue) {
+    const std::string full = chunks(record({count_page(1048576)}));
+    text_t listing;
+    server_t server(endless_counts("", full, listing));
+    kelp_error_t err{};
+    int64_t nrow = 77;
+    listing = "[" + listed("a.cvn", int64_t{1} << 62) + ", " + listed("b.cvn.mismatch", INT64_MAX) + ", " +
+              listed("c.cvn", 5) + "]";
+    ASSERT_EQ(0, kelp_count(&nrow, {.url = url_of(server)}, quick(), &err)) << err.text;
+    EXPECT_EQ((int64_t{1} << 62) + 5, nrow);
+    const std::vector<request_t> asked = server.requests();
+    ASSERT_EQ(2u, asked.size());
+    EXPECT_EQ("{}", asked[0].body);
+    EXPECT_EQ("GET", asked[1].method);
+    EXPECT_EQ("/v1/db/sc/t", asked[1].url);
+}
+
+TEST(ClientTotals, AStreamThatExceedsTheCatalogueIsAnError) {
+    const std::string full = chunks(record({count_page(1048576)}));
+    text_t listing;
+    server_t server(endless_counts("", full, listing));
+    for (const int64_t n : {int64_t{0}, int64_t{5}, (int64_t{1} << 28) - 1}) {
+        kelp_error_t err{};
+        int64_t nrow = 77;
+        listing = "[" + listed("a.cvn", n) + "]";
+        EXPECT_EQ(KELP_ECHANGED, kelp_count(&nrow, {.url = url_of(server)}, quick(), &err));
+        EXPECT_EQ("the reply counts more rows than the catalogue has, " + std::to_string(n) + ", and goes on",
+                  std::string(err.text));
+        EXPECT_EQ(0, nrow);
+    }
+}
+
+TEST(ClientTotals, ASumBeyond64BitsNamesTheFile) {
+    const std::string full = chunks(record({count_page(1048576)}));
+    text_t listing;
+    server_t server(endless_counts("", full, listing));
+    kelp_error_t err{};
+    int64_t nrow = 77;
+    listing = "[" + listed("a.cvn", INT64_MAX) + ", " + listed("b.cvn", 0) + ", " + listed("c.cvn", 1) + "]";
+    EXPECT_EQ(KELP_EPROTO, kelp_count(&nrow, {.url = url_of(server)}, quick(), &err));
+    EXPECT_STREQ("impossible totals: with what the file c.cvn claims they exceed 64 bits", err.text);
+    EXPECT_EQ(0, nrow);
+}
+
+TEST(ClientTotals, AsManyRowsAsAreStreamedNeedNoCatalogue) {
+    const std::string full = chunks(record({count_page(1048576)}));
+    std::string head;
+    for (int i = 0; i < 256; i++) head += full;
+    text_t listing;
+    server_t server(endless_counts(head + chunk(record_head(0)) + "0\r\n\r\n", "", listing));
+    kelp_error_t err{};
+    int64_t nrow = 77;
+    ASSERT_EQ(0, kelp_count(&nrow, {.url = url_of(server)}, quick(), &err)) << err.text;
+    EXPECT_EQ(int64_t{1} << 28, nrow);
+    EXPECT_EQ(1u, server.requests().size());
+}
+
+TEST(ClientTotals, RecordsWithoutEndOfOneRowEachEndAsWell) {
+    std::string many;
+    for (int i = 0; i < 1000; i++) many += chunks(record({count_page(1)}));
+    text_t listing;
+    server_t server(endless_counts("", many, listing));
+    kelp_error_t err{};
+    int64_t nrow = 77;
+    listing = "[" + listed("a.cvn", 1048576) + "]";
+    ASSERT_EQ(0, kelp_count(&nrow, {.url = url_of(server)}, quick(), &err)) << err.text;
+    EXPECT_EQ(1048576, nrow);
+    listing = "[" + listed("a.cvn", 1048575) + "]";
+    EXPECT_EQ(KELP_ECHANGED, kelp_count(&nrow, {.url = url_of(server)}, quick(), &err));
 }
 
 }  // namespace

@@ -174,6 +174,27 @@ TEST_F(Kelpd, TakesWhatIsUploadedAndGivesItBack) {
     ASSERT_EQ(0, kelp_remove(url("/db/sc/t/a.cvn"), opt_, &err_)) << err_.text;
     ASSERT_EQ(0, kelp_count(&n, {.url = url("/db/sc/t")}, opt_, &err_));
     EXPECT_EQ(500, n);
+    // A file of 312 bytes that claims 2^62 rows, which the daemon would take for ever to stream.
+    table_t none = a;
+    none.column.resize(1);
+    none.value.assign(1, {});
+    support::write_table(dir_ / "huge.cvn", none);
+    std::fstream huge(dir_ / "huge.cvn", std::ios::in | std::ios::out | std::ios::binary);
+    huge.seekp(CVN_HEAD_SZ + static_cast<int>(offsetof(schema_desc_t, nrow)));
+    huge << support::le64(int64_t{1} << 62) << std::flush;
+    huge.close();
+    EXPECT_EQ(312u, std::filesystem::file_size(std::string(dir_ / "huge.cvn")));
+    for (const char* put : {"x.cvn", "y.cvn"}) {
+        ASSERT_EQ(0, kelp_upload(url("/db/sc/t/" + std::string(put)), (dir_ / "huge.cvn").c_str(), nullptr,
+                                 nullptr, opt_, &err_))
+            << err_.text;
+        const bool first = *put == 'x';
+        EXPECT_EQ(first ? 0 : KELP_EPROTO, kelp_count(&n, {.url = url("/db/sc/t")}, opt_, &err_))
+            << err_.text;
+        EXPECT_EQ(first ? (int64_t{1} << 62) + 500 : 0, n);
+    }
+    EXPECT_NE(nullptr, strstr(err_.text, ".cvn claims they exceed 64 bits")) << err_.text;
+
     ASSERT_EQ(0, kelp_remove(url("/db"), opt_, &err_));
     EXPECT_EQ(KELP_ENOTFOUND, kelp_list_files(&file, url("/db/sc/t"), opt_, &err_));
 }

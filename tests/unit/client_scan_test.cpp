@@ -143,6 +143,12 @@ TEST(ClientSample, ReadsTheReplyLikeAScan) {
     EXPECT_EQ(KELP_ECUT, failed.code);
     EXPECT_NE(nullptr, strstr(failed.err.text, "sampler failed")) << failed.err.text;
     EXPECT_NE(nullptr, strstr(failed.err.hint, "cvnsamp")) << failed.err.hint;
+    fails = false;
+    ASSERT_EQ(0, kelp_sample_open(&scan, url_of(server), 29, quick(), &err)) << err.text;
+    const result_t more = drain(scan);
+    kelp_scan_close(scan);
+    EXPECT_EQ(KELP_EPROTO, more.code);
+    EXPECT_STREQ("the server sends more than the 29 rows of the sample that was asked for", more.err.text);
     for (const int64_t n : {int64_t{0}, int64_t{-1}, int64_t{1} << 31}) {
         EXPECT_EQ(KELP_EARG, kelp_sample_open(&scan, url_of(server), n, quick(), &err));
         EXPECT_EQ(nullptr, scan);
