@@ -1,6 +1,6 @@
 # The commands that talk to a server, from outside, against the daemon and against servers that misbehave.
 if(TARGET cvn AND TARGET colvane_client AND TARGET kelpd AND TARGET cvnsamp)
-  foreach(name catalog query errors)
+  foreach(name catalog query errors terminal)
     add_test(NAME remote.${name}
       COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/tools/test_remote_${name}.py -v)
     set_tests_properties(remote.${name} PROPERTIES TIMEOUT 900 ENVIRONMENT

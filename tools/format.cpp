@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "rows/show.h"
 #include "rows/value.h"
 
 constexpr size_t TABLE_HELD = 1000;  // rows that decide the widths of a table
@@ -61,6 +62,11 @@ static void json_row(format_t* format, const cvn_datum_t* datum, const bool* isn
     *out += format->typ.empty() ? "{}\n" : "}\n";
 }
 
+static std::string table_cell(const format_t* format, const std::string& text) {
+    std::string cell = format_cell(text, TABLE_CELL);
+    return format->terminal ? rows::show_escape(cell) : cell;
+}
+
 static void table_line(format_t* format, const std::vector<std::string>& cell) {
     std::string* const out = &format->out->buf;
     for (size_t i = 0; i < cell.size(); i++) {
@@ -78,7 +84,7 @@ static void table_head(format_t* format) {
     format->wide_known = true;
     std::vector<std::string> head, rule;
     for (size_t i = 0; i < format->name.size(); i++) {
-        head.push_back(format_cell(format->name[i], TABLE_CELL));
+        head.push_back(table_cell(format, format->name[i]));
         format->width[i] = format_width(head[i]);
         for (const auto& row : format->held)
             format->width[i] = std::max(format->width[i], format_width(row[i]));
@@ -99,7 +105,7 @@ static void table_row(format_t* format, const cvn_datum_t* datum, const bool* is
         }
         std::string text;
         rows::value_append_text(&text, datum[i], format->typ[i]);
-        cell.push_back(format_cell(text, TABLE_CELL));
+        cell.push_back(table_cell(format, text));
     }
     if (format->wide_known) return table_line(format, cell);
     format->held.push_back(std::move(cell));
@@ -165,6 +171,7 @@ void format_begin(format_t* format, format_kind_t kind, tool_out_t* out, std::ve
     *format = format_t();
     format->kind = kind;
     format->out = out;
+    format->terminal = tool_is_terminal(out->fd);
     format->name = std::move(name);
     format->typ = std::move(typ);
     format->width.assign(format->name.size(), 0);

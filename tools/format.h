@@ -13,6 +13,7 @@ enum format_kind_t { FORMAT_CSV, FORMAT_JSONL, FORMAT_TABLE };
 struct format_t {
     format_kind_t kind = FORMAT_CSV;
     tool_out_t* out = nullptr;  // borrowed
+    bool terminal = false;      // it goes to one: cells are as wide as they are shown there
     std::vector<std::string> name;
     std::vector<cvn_typ_t> typ;
     std::vector<std::string> key;                // jsonl: the names as JSON, with their punctuation
@@ -38,7 +39,8 @@ void format_csv_text(std::string* out, std::string_view text);
 // Appends a JSON string; bytes that are no UTF-8 become U+FFFD.
 void format_json_text(std::string* out, std::string_view text);
 
-// Returns `text` for one line of a terminal: control characters escaped, at most `max` characters.
+// Returns `text` for one line: ASCII's control characters escaped, at most `max` characters. What else a terminal must
+// not get is escaped where it is one (tool_shown).
 std::string format_cell(std::string_view text, size_t max);
 
 // Returns the characters of `text`, as UTF-8.

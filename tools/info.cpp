@@ -183,7 +183,7 @@ static json file_json(const file_t& file) {
 
 static std::string bound_text(const bound_t& bound) {
     if (!bound.known) return "-";
-    return format_cell(bound.text, 40) + (bound.cut ? "..." : "");
+    return tool_shown(1, format_cell(bound.text, 40)) + (bound.cut ? "..." : "");
 }
 
 static std::string ratio(int64_t raw, int64_t stored) {
@@ -222,9 +222,9 @@ static void print_file(std::string* out, const file_t& file) {
     for (const column_t& col : file.column) {
         std::string flags = col.zflag ? "-z" : "";
         if (col.nflag) flags += flags.empty() ? "-n" : " -n";
-        rows.push_back({format_cell(col.name, 60), cvn_typ_str(col.typ), flags.empty() ? "-" : flags,
-                        tool_count(col.nnull), bound_text(col.min), bound_text(col.max),
-                        tool_bytes(static_cast<double>(col.zbyte)),
+        rows.push_back({tool_shown(1, format_cell(col.name, 60)), cvn_typ_str(col.typ),
+                        flags.empty() ? "-" : flags, tool_count(col.nnull), bound_text(col.min),
+                        bound_text(col.max), tool_bytes(static_cast<double>(col.zbyte)),
                         tool_bytes(static_cast<double>(col.nbyte)), ratio(col.nbyte, col.zbyte)});
     }
     print_cells(out, rows, {false, false, false, true, false, false, true, true, true}, 2);
@@ -236,9 +236,9 @@ static void print_file(std::string* out, const file_t& file) {
         rows = {{"column", "offset", "nulls", "min", "max", "stored", "raw", "lz4"}};
         for (size_t c = 0; c < group.chunk.size(); c++) {
             const chunk_t& chunk = group.chunk[c];
-            rows.push_back({format_cell(file.column[c].name, 60), fmt::format("{}", chunk.offset),
-                            tool_count(chunk.nnull), bound_text(chunk.min), bound_text(chunk.max),
-                            tool_bytes(static_cast<double>(chunk.zbyte)),
+            rows.push_back({tool_shown(1, format_cell(file.column[c].name, 60)),
+                            fmt::format("{}", chunk.offset), tool_count(chunk.nnull), bound_text(chunk.min),
+                            bound_text(chunk.max), tool_bytes(static_cast<double>(chunk.zbyte)),
                             tool_bytes(static_cast<double>(chunk.nbyte)), chunk.compressed ? "yes" : "no"});
         }
         print_cells(out, rows, {false, true, true, false, false, true, true, false}, 4);
@@ -255,6 +255,12 @@ static int info_run(const info_opts_t& opts) {
         file_t file;
         try {
             file = read_file(path, opts.rowgroups);
+            file_t sum = total;
+            tool_add_claim(&sum.nrow, file.nrow, path);
+            tool_add_claim(&sum.nrowgroup, file.nrowgroup, path);
+            tool_add_claim(&sum.nbyte, file.nbyte, path);
+            tool_add_claim(&sum.zbyte, file.zbyte, path);
+            total = sum;
         } catch (const tool_error& error) {
             if (!source.many) throw;
             tool_out_flush(&out);  // so that the message comes in its place
@@ -262,10 +268,6 @@ static int info_run(const info_opts_t& opts) {
             nbad++;
             continue;
         }
-        total.nrow = tool_add(total.nrow, file.nrow);
-        total.nrowgroup = tool_add(total.nrowgroup, file.nrowgroup);
-        total.nbyte = tool_add(total.nbyte, file.nbyte);
-        total.zbyte = tool_add(total.zbyte, file.zbyte);
         if (opts.json)
             files.push_back(file_json(file));
         else
@@ -286,7 +288,7 @@ static int info_run(const info_opts_t& opts) {
     } else if (source.many) {
         out.buf += fmt::format("{}: {}{}, {}, {}, {} stored of {} raw (ratio {})\n", opts.path,
                                tool_counted(static_cast<int64_t>(source.path.size() - nbad), "file", "files"),
-                               nbad > 0 ? fmt::format(" (and {} that cannot be read)", nbad) : "",
+                               nbad > 0 ? fmt::format(" (and {} left out)", nbad) : "",
                                tool_counted(total.nrow, "row", "rows"),
                                tool_counted(total.nrowgroup, "row group", "row groups"),
                                tool_bytes(static_cast<double>(total.zbyte)),

@@ -4,7 +4,9 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <iostream>
 #include <new>
+#include <sstream>
 
 #include "tools/commands.h"
 #include "tools/tool.h"
@@ -71,7 +73,10 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
+        std::ostringstream said;
+        const int code = app.exit(error, std::cout, said);
+        (void)tool_tell(said.str());
+        return code == 0 ? 0 : 2;
     } catch (const tool_usage& error) {
         tool_say(error.what());
         return 2;

@@ -370,20 +370,15 @@ static std::string rm_what(const kelp_url_t& url, const kelp_opt_t& opt) {
            (depth == 2 ? tool_counted(n, "table", "tables") : tool_counted(n, "schema", "schemas"));
 }
 
-// What cannot be shown on the terminal is answered with "no".
-static bool show(const std::string& text) {
-    return write(2, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-}
-
 static bool ask(const std::string& question) {
-    if (!show(question + " [y/N] ")) return false;
+    if (!tool_tell(question + " [y/N] ")) return false;  // what cannot be shown is answered with "no"
     std::string line;
     for (char ch = 0; ch != '\n';) {
         const ssize_t n = read(0, &ch, 1);
         tool_check_signals();
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            (void)show("\n");
+            (void)tool_tell("\n");
             return false;
         }
         if (ch != '\n' && line.size() < 8) line += ch;

@@ -160,9 +160,9 @@ static void print_count_stats(const kelp_url_t& url, const kelp_opt_t& opt, int6
     for (const kelp_file_t& f : file) {
         if (!f.name.ends_with(".cvn")) continue;  // set aside
         stat.total_nfile++;
-        stat.total_nrow = tool_add(stat.total_nrow, f.nrow);
-        stat.total_nrowgroup = tool_add(stat.total_nrowgroup, f.nrowgroup);
-        stat.total_zbyte = tool_add(stat.total_zbyte, f.zbyte);
+        tool_add_claim(&stat.total_nrow, f.nrow, f.name);
+        tool_add_claim(&stat.total_nrowgroup, f.nrowgroup, f.name);
+        tool_add_claim(&stat.total_zbyte, f.zbyte, f.name);
     }
     stat.nrow_out = nrow;
     print_stats(stat);
@@ -352,16 +352,18 @@ static void add_output(CLI::App* sub, query_opts_t* opts) {
 
 static void count_register(CLI::App* app, int* ret) {
     auto opts = std::make_shared<query_opts_t>();
-    CLI::App* const sub =
-        app->add_subcommand("count",
-                            "Count the rows of a table, or those that meet conditions.\n"
-                            "\n"
-                            "Without conditions the server adds up what its files say; with conditions their "
-                            "columns are read and every row\n"
-                            "is decided. Conditions are those of 'cvn query'.\n"
-                            "\n"
-                            "Example:\n"
-                            "  cvn count kelp://localhost:8642/shop/public/orders --where 'qty > 10'");
+    CLI::App* const sub = app->add_subcommand(
+        "count",
+        "Count the rows of a table, or those that meet conditions.\n"
+        "\n"
+        "Without conditions what the files say is added up, by the server or, from 2^28 rows on, from "
+        "its list of the\n"
+        "table's files; with conditions their columns are read and every row is decided. "
+        "Conditions are those\n"
+        "of 'cvn query'.\n"
+        "\n"
+        "Example:\n"
+        "  cvn count kelp://localhost:8642/shop/public/orders --where 'qty > 10'");
     sub->add_option("URL", opts->url, "The table (default: KELPD_URL)");
     add_where(sub, opts.get());
     remote_add_options(sub, &opts->remote);

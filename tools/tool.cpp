@@ -14,6 +14,7 @@
 #include <limits>
 
 #include "colvane/colvane.h"
+#include "rows/show.h"
 
 static volatile sig_atomic_t caught_signal = 0;
 static std::atomic<bool> caught{false};
@@ -24,18 +25,29 @@ static void note_signal(int signal) {
     caught.store(true);
 }
 
-void tool_say(const std::string& text) {
-    const std::string line = "cvn: " + text + "\n";
-    for (size_t done = 0; done < line.size();) {
-        const ssize_t n = write(2, line.data() + done, line.size() - done);
+bool tool_is_terminal(int fd) { return isatty(fd) == 1; }
+
+std::string tool_shown(int fd, std::string text) {
+    return tool_is_terminal(fd) ? rows::show_escape(text) : text;
+}
+
+bool tool_tell(const std::string& text) {
+    const std::string shown = tool_shown(2, rows::show_without_passwords(text));
+    for (size_t done = 0; done < shown.size();) {
+        const ssize_t n = write(2, shown.data() + done, shown.size() - done);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
+        if (n <= 0) return false;
         done += static_cast<size_t>(n);
     }
+    return true;
 }
+
+void tool_say(const std::string& text) { (void)tool_tell("cvn: " + text + "\n"); }
 
 std::string tool_quote(std::string_view text, size_t max) {
     std::string out = "'";
+    if (text.size() > max)  // no character is cut in two
+        while (max > 0 && (static_cast<unsigned char>(text[max]) & 0xc0) == 0x80) max--;
     for (const char ch : text.substr(0, max)) {
         const auto byte = static_cast<unsigned char>(ch);
         if (byte < 0x20 || byte == 0x7f)
@@ -128,6 +140,8 @@ std::string tool_temp_create(const std::string& path, int* ret_fd) {
 }
 
 void tool_out_flush(tool_out_t* out) {
+    if (out->buf.empty()) return;
+    out->buf = tool_shown(out->fd, std::move(out->buf));
     size_t done = 0;
     while (done < out->buf.size()) {
         const ssize_t n = write(out->fd, out->buf.data() + done, out->buf.size() - done);
@@ -175,4 +189,9 @@ int64_t tool_add(int64_t a, int64_t b) {
     int64_t sum;
     if (!__builtin_add_overflow(a, b, &sum)) return sum;
     return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+}
+
+void tool_add_claim(int64_t* sum, int64_t n, const std::string& path) {
+    if (__builtin_add_overflow(*sum, n, sum))
+        throw tool_error(path + ": with what it claims the totals exceed 64 bits; 'cvn verify' tells more");
 }

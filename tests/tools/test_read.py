@@ -9,6 +9,8 @@ import resource
 import subprocess
 import unittest
 
+import cvnfile
+from cvnfile import Column
 from support import CVN, ToolTest
 
 
@@ -218,19 +220,33 @@ class Read(ToolTest):
         self.assertIn("cvn: dir/b.cvn: ", done.err)
         self.assertIn("dir/a.cvn: 1 row, 1 row group, 1 column, ", done.out)
         self.assertIn("dir/c.cvn: 2 rows, 1 row group, 1 column, ", done.out)
-        self.assertIn("dir: 2 files (and 1 that cannot be read), 3 rows, 2 row groups, ", done.out)
+        self.assertIn("dir: 2 files (and 1 left out), 3 rows, 2 row groups, ", done.out)
         info = json.loads(self.run_cvn("info", "dir", "--json", status=1).out)
         self.assertEqual(["dir/a.cvn", "dir/c.cvn"], [f["path"] for f in info["files"]])
 
-    def test_row_counts_that_add_up_to_too_much_are_no_crash(self):
+    def test_row_counts_that_add_up_to_too_much_name_the_file(self):
         os.mkdir(self.path("dir"))
         data = bytearray(self.load("t.cvn"))
         at = len(data) - 16 - int.from_bytes(data[-16:-8], "little") + 8
         data[at:at + 8] = (2**63 - 1).to_bytes(8, "little")
         for name in ("dir/a.cvn", "dir/b.cvn"):
             self.write(name, bytes(data))
-        self.assertIn("2 files, 9,223,372,036,854,775,807 rows", self.run_cvn("info", "dir").out)
+        done = self.run_cvn("info", "dir", status=1)
+        self.assertIn("dir: 1 file (and 1 left out), 9,223,372,036,854,775,807 rows, ", done.out)
+        self.assertEqual("cvn: dir/b.cvn: with what it claims the totals exceed 64 bits; 'cvn verify' tells more\n",
+                         done.err)
+        info = json.loads(self.run_cvn("info", "dir", "--json", status=1).out)
+        self.assertEqual((["dir/a.cvn"], 2**63 - 1), ([f["path"] for f in info["files"]], info["rows"]))
         self.run_cvn("verify", "dir", status=1)
+
+    def test_a_file_that_claims_endless_rows_is_told_at_once(self):
+        data = cvnfile.build([Column(b"id", cvnfile.INT64)], [], nrow=2**62).data
+        self.assertEqual(312, len(data))
+        self.write("huge.cvn", data)
+        self.assertIn("huge.cvn: 4,611,686,018,427,387,904 rows, 0 row groups, 1 column",
+                      self.run_cvn("info", "huge.cvn").out)
+        self.assertEqual("id\n", self.cat("huge.cvn"))
+        self.run_cvn("verify", "huge.cvn", status=1)
 
     def test_a_directory_of_files_is_one_table(self):
         os.mkdir(self.path("entity"))

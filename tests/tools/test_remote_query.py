@@ -157,6 +157,28 @@ class Query(DaemonTest):
             self.assertNotIn(want, (0, 6000))
             self.assertEqual(f"{want}\n", self.out("count", "db/sc/t", "--where", where, "--jobs", "3"))
 
+    def test_a_file_that_claims_endless_rows_does_not_make_a_count_endless(self):
+        huge = cvnfile.build([Column(b"id", cvnfile.INT64)], [], nrow=2**62).data
+        self.assertEqual(312, len(huge))
+        self.write("huge.cvn", huge)
+        self.write("three.cvn", cvnfile.build([Column(b"id", cvnfile.INT64)], [[[1, 2, 3]]]).data)
+        self.cvn("put", "three.cvn", "db/sc/huge")
+        self.daemon.store("db/sc/huge/huge.cvn", huge)
+        self.assertEqual(f"{2**62 + 3}\n", self.out("count", "db/sc/huge"))
+        self.assertIn(f"0 of {2**62 + 3:,} rows read, {2**62 + 3:,} selected",
+                      self.cvn("count", "db/sc/huge", "--stats").err)
+        self.assertEqual("3\n", self.out("count", "db/sc/huge", "--where", "id > 0"))
+        self.assertEqual(f"rows        {2**62 + 3}\nrow groups  1\n", self.out("meta", "db/sc/huge"))
+        self.assertIn(f"{2**62}", self.out("ls", "db/sc/huge"))
+        self.assertEqual("id\n1\n2\n3\n", self.out("query", "db/sc/huge"))
+        self.assertIn("sampler failed", self.fails("sample", "db/sc/huge", "2"))
+        self.daemon.store("db/sc/huge/also.cvn", huge)
+        for args in ((), ("--stats",), ("--where", "id > 0")):
+            self.assertRegex(self.fails("count", "db/sc/huge", *args),
+                             r"impossible totals: with what the file (huge|also)\.cvn claims they exceed 64 bits")
+        self.assertIn("impossible totals", self.fails("query", "db/sc/huge"))
+        self.assertIn("counts -9223372036854775805 rows", self.fails("meta", "db/sc/huge"))
+
     def test_several_conditions_must_all_hold(self):
         self.assertEqual(["101"], self.rows("db/sc/t", "--columns", "id", "--where", "id > 100", "--where",
                                             "id < 103 and n = 1"))
