@@ -10,12 +10,22 @@ import threading
 from . import http, types
 from .errors import KelpError
 from .files import DataFile, check_columns, open_regular, path_text
-from .stream import RecordReader, read_counts, read_meta
+from .stream import MAX_RECORD, RecordReader, read_counts, read_meta
 from .table import Table
+from .text import shown
 from .where import apply, bind, parse_where, sendable
 
 MAX_BODY = 32768  # bytes of a query, set by the server
 PRUNE = ("safe", "all", "none")
+# A catalogue larger than this is not believed: a quarter of a million files, as the server describes them. Nor is one
+# of more elements, or of so many commas that there are more values than so many files have, since each value takes
+# more memory than its text. As in the C++ client.
+JSON_MAX = 32 << 20
+ELEMENT_MAX = 1 << 20
+# What a count takes from the stream of counts before it adds up the catalogue instead: rows, and records, of which a
+# file has one or more. As in the C++ client.
+COUNT_ROWS = 1 << 28
+COUNT_RECORDS = 1 << 20
 
 FileStat = collections.namedtuple("FileStat", "name chksum ncol nrow nrowgroup nbyte zbyte")
 FileStat.__doc__ = """One file of a table: its name, the hash of its footer, columns, rows, row groups, and the bytes of
@@ -24,44 +34,58 @@ Meta = collections.namedtuple("Meta", "nrow nrowgroup")
 Meta.__doc__ = "Rows and row groups of a whole table."
 
 
-def connect(url=None, timeout=60.0):
+def connect(url=None, timeout=60.0, total_timeout=None, max_record=MAX_RECORD):
     """Returns a Connection. Nothing is sent yet.
 
     url       kelp://host:port or http://host:port (80 without a port). A path may follow:
               kelp://host:port/db/schema/entity, http://host:port/v1/db/schema/entity. https:// and user:password@
               serve a proxy in front of the server. Without a URL the environment's KELPD_URL counts.
     timeout   seconds that the server may stay silent; None waits for ever
+    total_timeout   seconds for one request in all, or for a count, a sample or one iteration of a scan with all of its
+              requests; None has no such end. A server that sends a byte now and then is not silent
+    max_record      bytes of the largest row group to accept, stored as well as decompressed
     """
     url = url or os.environ.get("KELPD_URL")
     if not url:
         raise KelpError("no server is named: give a URL such as kelp://localhost:8642, or set KELPD_URL")
-    return Connection(http.Address(url), timeout)
+    return Connection(http.Address(url), timeout, total_timeout, max_record)
 
 
 class Connection:
     """A server. Every operation opens its own connection, so one Connection may serve several threads."""
 
-    def __init__(self, address, timeout):
+    def __init__(self, address, timeout, total_timeout=None, max_record=MAX_RECORD):
         self.address = address
         self.timeout = timeout
+        self.total_timeout = total_timeout
+        self.max_record = max_record
 
     def __repr__(self):
         return "<kelp.Connection %s>" % self.address
 
-    def _request(self, method, path, **rest):
-        return http.request(self.address, self.timeout, method, path, **rest)
+    def _clock(self):
+        """How long what begins now may take."""
+        return http.Clock(self.timeout, self.total_timeout)
 
-    def _get(self, path, what):
-        with self._request("GET", path) as reply:
-            body = reply.read_all()
+    def _request(self, method, path, clock=None, **rest):
+        return http.request(self.address, clock or self._clock(), method, path, **rest)
+
+    def _get(self, path, what, clock=None):
+        with self._request("GET", path, clock) as reply:
             if not reply.ok:
                 raise _refused(reply.status, what)
+            body = reply.read_all(JSON_MAX)
+        if body.count(b",") > len(FileStat._fields) * ELEMENT_MAX:
+            raise KelpError("the server's answer about %s is larger than any catalogue" % what)
         try:
             # Names come unescaped, so a strange one may hold control characters, or break the text altogether.
-            return json.loads(body.decode("utf-8", "surrogateescape"), strict=False)
+            answer = json.loads(body.decode("utf-8", "surrogateescape"), strict=False)
         except (ValueError, RecursionError):
             raise KelpError("the server's answer about %s is not JSON; is it a kelpd, and has a name there quotes "
                             "or backslashes?" % what) from None
+        if isinstance(answer, (list, dict)) and len(answer) > ELEMENT_MAX:
+            raise KelpError("the server's answer about %s is larger than any catalogue" % what)
+        return answer
 
     def _names(self, path, what):
         names = self._get(path, what)
@@ -111,7 +135,7 @@ class RemoteTable:
         self.name = ".".join(path)
 
     def __repr__(self):
-        return "<kelp.RemoteTable %s at %s>" % (self.name, self.connection.address)
+        return "<kelp.RemoteTable %s at %s>" % (shown(self.name), self.connection.address)
 
     @property
     def _what(self):
@@ -119,7 +143,10 @@ class RemoteTable:
 
     def files(self):
         """Returns the table's files as a list of FileStat, sorted by name."""
-        listed = self.connection._get(self.path, self._what)
+        return self._files(None)
+
+    def _files(self, clock):
+        listed = self.connection._get(self.path, self._what, clock)
         if not isinstance(listed, list):
             raise self._alien()
         try:
@@ -128,6 +155,8 @@ class RemoteTable:
             raise self._alien() from None
         if not all(isinstance(f.name, str) and all(isinstance(number, int) for number in f[1:]) for f in found):
             raise self._alien()
+        if not all(0 <= number < 1 << 63 for f in found for number in f[2:]):  # chksum may be negative
+            raise self._alien()
         return sorted(found)
 
     def _alien(self):
@@ -135,10 +164,13 @@ class RemoteTable:
 
     def schema(self):
         """Returns the columns as a list of Field, taken from the first file. The flags are not known remotely."""
-        files = [f for f in self.files() if f.name.endswith(".cvn")]
+        return self._schema(None)
+
+    def _schema(self, clock):
+        files = [f for f in self._files(clock) if f.name.endswith(".cvn")]
         if not files:
             raise KelpError("table %s has no data file yet; upload one first" % self.name)
-        answer = self.connection._get(self.path + [files[0].name], "file %s" % files[0].name)
+        answer = self.connection._get(self.path + [files[0].name], "file %s" % files[0].name, clock)
         if not isinstance(answer, dict) or not isinstance(answer.get("column"), list):
             raise self._alien()
         try:
@@ -149,9 +181,9 @@ class RemoteTable:
             raise self._alien()
         return [types.Field(name, typ) for _, name, typ in sorted(columns)]
 
-    def _post(self, body, opened=None):
+    def _post(self, body, opened=None, clock=None):
         raw = body.encode("utf-8", "surrogateescape")
-        reply = self.connection._request("POST", self.path, body=[raw], length=len(raw),
+        reply = self.connection._request("POST", self.path, clock, body=[raw], length=len(raw),
                                          content_type="application/json", opened=opened)
         if reply.ok:
             return reply
@@ -162,10 +194,39 @@ class RemoteTable:
     def count(self, where=None, prune="safe"):
         """Returns the number of rows, or of those that satisfy `where`."""
         if where is None:
-            with self._post("{}") as reply:
-                return sum(read_counts(reply))
+            clock = self.connection._clock()
+            return sum(self._counts(lambda: self._post("{}", clock=clock), clock))
         with self.scan(columns=[], where=where, prune=prune) as scan:
             return sum(len(batch) for batch in scan)
+
+    def _counts(self, post, clock):
+        """Yields numbers of rows that add up to those that the table's files claim to have.
+
+        The server streams them, 16 KiB for every 2^20 rows, so that one file of a few hundred bytes that claims 2^62
+        would keep it and this client at it for ever. From COUNT_ROWS on (4 MiB) the catalogue is added up instead,
+        which is the same sum where the server can read all files: what it cannot read breaks off the stream, but is
+        left out of the catalogue.
+        """
+        counted = 0
+        with post() as reply:
+            for number, nrow in enumerate(read_counts(reply)):
+                if counted >= COUNT_ROWS or number == COUNT_RECORDS:
+                    break
+                counted += nrow
+                yield nrow
+            else:
+                return
+        claimed = 0
+        for file in self._files(clock):
+            if file.name.endswith(".cvn"):
+                claimed += file.nrow
+            if claimed >= 1 << 63:
+                raise KelpError("impossible totals: with what the file %s claims they exceed 64 bits; verify that file"
+                                % file.name)
+        if claimed < counted:
+            raise KelpError("the reply counts more rows than the catalogue has, %d, and goes on; try again, and if it "
+                            "stays so, check host and port" % claimed)
+        yield claimed - counted
 
     def meta(self):
         """Returns Meta: rows and row groups as the server counts them (files named *.cvn.mismatch included)."""
@@ -173,14 +234,18 @@ class RemoteTable:
             return Meta(*read_meta(reply))
 
     def sample(self, n):
-        """Returns a Table of about `n` rows that the server's sampler chose."""
+        """Returns a Table of `n` rows, or of all where there are fewer, that the server's sampler chose."""
         if not isinstance(n, int) or not 0 < n < 1 << 31:
             raise KelpError("a sample needs a number of rows from 1 to 2147483647")
-        fields = self.schema()
-        with self._post('{"command": ["sample", "%d"]}' % n) as reply:
+        clock = self.connection._clock()
+        fields, batches, nrow = self._schema(clock), [], 0
+        with self._post('{"command": ["sample", "%d"]}' % n, clock=clock) as reply:
             try:
-                batches = [Table(_columns(pages, fields), pages[0].nrow)
-                           for pages in RecordReader(reply, len(fields))]
+                for pages in RecordReader(reply, len(fields), self.connection.max_record):
+                    nrow += pages[0].nrow
+                    if nrow > n:
+                        raise KelpError("the server sends more than the %d rows that were asked for" % n)
+                    batches.append(Table(_columns(pages, fields), pages[0].nrow))
             except KelpError as error:
                 raise KelpError("the sample failed: %s (is cvnsamp installed on the server?)" % error,
                                 error.status) from None
@@ -259,9 +324,10 @@ def _columns(pages, fields):
 
 
 class _Run:
-    """One iteration of a scan: its open connections, and the word that it is over."""
+    """One iteration of a scan: its open connections, its clock, and the word that it is over."""
 
-    def __init__(self):
+    def __init__(self, clock):
+        self.clock = clock
         self.stopped = threading.Event()
         self._lock = threading.Lock()
         self._links = set()
@@ -279,7 +345,7 @@ class _Run:
                 link.cancel()
 
         try:
-            with table._post(body, opened) as reply:
+            with table._post(body, opened, self.clock) as reply:
                 yield reply
         finally:
             with self._lock:
@@ -318,7 +384,7 @@ class Scan:
         self._conditions = bind(parse_where(where), schema)
         self._names = names
         self.schema = [fields[name] for name in names]
-        # Columns that only a condition needs are fetched behind the others and dropped after the filtering.
+        # Columns that only a condition needs are fetched after the others and dropped after the filtering.
         extra = [c.name for c in self._conditions if c.name not in names]
         self._fetch = [fields[name] for name in names + list(dict.fromkeys(extra))]
         pushed = [item for c in self._conditions for item in c.push(prune)]
@@ -355,7 +421,7 @@ class Scan:
 
     def _batches(self):
         """Yields (number within its job, job, Table)."""
-        run = _Run()
+        run = _Run(self._table.connection._clock())
         with self._lock:
             if self._closed:
                 raise KelpError("the scan was closed")
@@ -384,14 +450,14 @@ class Scan:
             self.stats["bytes"] += nbyte
 
     def _counts(self, run):
-        with run.post(self._table, "{}") as reply:
-            for number, nrow in enumerate(read_counts(reply)):
-                self._note(1, nrow, 0)
-                yield number, 0, Table([], nrow)
+        counts = self._table._counts(lambda: run.post(self._table, "{}"), run.clock)
+        for number, nrow in enumerate(counts):
+            self._note(1, nrow, 0)
+            yield number, 0, Table([], nrow)
 
     def _fragment(self, run, job):
         with run.post(self._table, self._bodies[job]) as reply:
-            reader, before = RecordReader(reply, len(self._fetch)), 0
+            reader, before = RecordReader(reply, len(self._fetch), self._table.connection.max_record), 0
             for number, pages in enumerate(reader):
                 batch = self._filter(pages)
                 self._note(1, 0 if batch is None else len(batch), reader.nbyte - before)

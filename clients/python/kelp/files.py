@@ -19,6 +19,7 @@ from .errors import KelpError
 from .native import as_bytes, xxh32
 from .page import decode_page
 from .table import Column, Table
+from .text import shown, without_passwords
 from .where import apply, bind, parse_where
 
 HEAD_MAGIC = b"CVN1IX86"
@@ -79,7 +80,7 @@ class FileInfo:
 
     def __repr__(self):
         return "<kelp.FileInfo %s: %d rows, %d row groups, %d columns>" % (
-            self.path, self.nrow, len(self.rowgroups), len(self.columns))
+            shown(without_passwords(self.path)), self.nrow, len(self.rowgroups), len(self.columns))
 
 
 def _plain(number):

@@ -5,12 +5,15 @@ the next chunk's size should stand. Whatever is not exactly a chunk is therefore
 """
 
 import base64
+import io
 import re
 import socket
 import ssl
+import time
 from urllib.parse import quote, unquote, urlsplit
 
 from .errors import KelpError
+from .text import shown, without_password
 
 DEFAULT_PORTS = {"kelp": None, "http": 80, "https": 443}
 _LINE_LIMIT = 8192
@@ -28,34 +31,86 @@ class Address:
             raise KelpError("%r is no URL; write kelp://host:port" % (url,))
         if "://" not in url:
             url = "kelp://" + url
+        # What urlsplit raises may quote a part of the password, so it stays out of the traceback as well.
+        wrong = self._parse(url)
+        if wrong:
+            raise KelpError(wrong % repr(without_password(url)))
+
+    def _parse(self, url):
+        """Takes the URL apart. Returns what is wrong with it, with a %s for the URL, or None."""
         try:
             parts = urlsplit(url)
             self.scheme, self.host, port = parts.scheme.lower(), parts.hostname, parts.port
         except ValueError:
-            raise KelpError("%r is no URL; write kelp://host:port" % url) from None
+            return "%s is no URL; write kelp://host:port"
         if self.scheme not in DEFAULT_PORTS or not self.host:
-            raise KelpError("%r is no server; write kelp://host:port or http://host:port" % url)
+            return "%s is no server; write kelp://host:port or http://host:port"
         try:
             # As it stands in the name service and in the request's head: without letters beyond ASCII.
             self.host = self.host.encode("idna").decode("ascii")
         except UnicodeError:
-            raise KelpError("%r is no server: its host name cannot be one" % url) from None
+            return "%s is no server: its host name cannot be one"
         self.port = port or DEFAULT_PORTS[self.scheme]
         if not self.port:
-            raise KelpError("%r has no port; write kelp://host:port" % url)
+            return "%s has no port; write kelp://host:port"
         self.authorization = None
         if parts.username is not None:
             pair = "%s:%s" % (unquote(parts.username), unquote(parts.password or ""))
-            self.authorization = "Basic " + base64.b64encode(pair.encode()).decode("ascii")
+            self.authorization = "Basic " + base64.b64encode(pair.encode("utf-8", "surrogateescape")).decode("ascii")
         self.path = [unquote(part) for part in parts.path.split("/") if part]
         if self.scheme != "kelp" and self.path:
             if self.path[0] != "v1":
-                raise KelpError("the path of %r does not begin with /v1; write http://host:port/v1/db/schema/entity"
-                                % url)
+                return "the path of %s does not begin with /v1; write http://host:port/v1/db/schema/entity"
             del self.path[0]
+        return None
+
+    def __repr__(self):
+        return "<kelp.http.Address %s>" % self
 
     def __str__(self):
-        return "%s:%d" % (self.host, self.port)
+        return shown("%s:%d" % (self.host, self.port))
+
+
+class Clock:
+    """How long a request, or a scan with all of its requests, may take.
+
+    idle    seconds without a byte in either direction; None for ever
+    total   seconds in all; None for ever
+    """
+
+    def __init__(self, idle, total):
+        self._idle, self._total = idle, total
+        self._end = None if total is None else time.monotonic() + total
+
+    def left(self):
+        """Returns what the next wait may take, as a socket's time-out. Raises TimeoutError when all is spent."""
+        if self._end is None:
+            return self._idle
+        left = self._end - time.monotonic()
+        if left <= 0:
+            raise TimeoutError
+        return left if self._idle is None else min(left, self._idle)
+
+    def late(self, address, words):
+        """What to raise for a TimeoutError: `words`, unless it was all of the time that was spent."""
+        if self._end is not None and time.monotonic() >= self._end:
+            return KelpError("%s did not finish in %g seconds" % (address, self._total))
+        return KelpError(words % address)
+
+
+class _Incoming(io.RawIOBase):
+    """What a connection receives. The clock is asked before every wait: a buffered read may wait many times."""
+
+    def __init__(self, connection, clock):
+        super().__init__()
+        self._socket, self._clock = connection, clock
+
+    def readable(self):
+        return True
+
+    def readinto(self, view):
+        self._socket.settimeout(self._clock.left())
+        return self._socket.recv_into(view)
 
 
 def target(path):
@@ -83,10 +138,11 @@ class Link:
 class Reply:
     """The reply of one request: its status, then its body in whatever pieces the reader asks for."""
 
-    def __init__(self, connection, file, address):
+    def __init__(self, connection, file, address, clock):
         self._socket = connection
         self._file = file
         self._address = address
+        self._clock = clock
         self.status = self._read_status()
         headers = self._read_headers()
         self._left = 0          # bytes of the body, or of the current chunk, still to come
@@ -121,7 +177,7 @@ class Reply:
         return KelpError("what answers at %s is no kelpd; check host and port" % self._address)
 
     def _line(self):
-        return _guard(self._address, lambda: self._file.readline(_LINE_LIMIT))
+        return self._guard(lambda: self._file.readline(_LINE_LIMIT))
 
     def _read_status(self):
         line = self._line()
@@ -178,20 +234,20 @@ class Reply:
     def readinto(self, view):
         """Reads into a memoryview; returns how many bytes, 0 at the end of the whole body."""
         if self._until_close:
-            return _guard(self._address, lambda: self._file.readinto(view))
+            return self._guard(lambda: self._file.readinto(view))
         if self._chunked and self._left == 0 and not self._ended:
             self._next_chunk()
         if self._left == 0:
             return 0
         piece = view[:self._left]
-        got = _guard(self._address, lambda: self._file.readinto(piece))
+        got = self._guard(lambda: self._file.readinto(piece))
         if not got:
             raise self._short()
         self._left -= got
         return got
 
-    def read_all(self, limit=1 << 28):
-        """Returns the whole body of a short reply."""
+    def read_all(self, limit):
+        """Returns the whole body of a short reply, of at most `limit` bytes."""
         out, piece = bytearray(), memoryview(bytearray(1 << 16))
         while True:
             got = self.readinto(piece)
@@ -201,48 +257,70 @@ class Reply:
             if len(out) > limit:
                 raise self._alien()
 
+    def _guard(self, call):
+        """Runs one operation of the connection and puts its failure into words."""
+        try:
+            return call()
+        except TimeoutError:
+            raise self._clock.late(self._address, "%s did not answer in time") from None
+        except (OSError, ValueError) as error:  # ValueError: cancelled while reading
+            raise KelpError("the connection to %s broke: %s"
+                            % (self._address, getattr(error, "strerror", None) or error)) from None
 
-def _guard(address, call):
-    """Runs one socket operation and puts its failure into words."""
+
+def _open(address, clock):
+    """Returns a connected socket: the first of the host's addresses that answers."""
+    problem = OSError("the host has no address")
+    for family, kind, protocol, _, where in socket.getaddrinfo(address.host, address.port, type=socket.SOCK_STREAM):
+        connection = socket.socket(family, kind, protocol)
+        try:
+            connection.settimeout(clock.left())
+            connection.connect(where)
+            return connection
+        except OSError as error:
+            connection.close()
+            problem = error
+    raise problem
+
+
+def _connect(address, clock):
+    connection = None
     try:
-        return call()
-    except TimeoutError:
-        raise KelpError("%s did not answer in time" % address) from None
-    except (OSError, ValueError) as error:  # ValueError: cancelled while reading
-        raise KelpError("the connection to %s broke: %s" % (address, getattr(error, "strerror", None) or error)) \
-            from None
-
-
-def _connect(address, timeout):
-    try:
-        connection = socket.create_connection((address.host, address.port), timeout)
+        connection = _open(address, clock)
         if address.scheme == "https":
+            connection.settimeout(clock.left())  # the handshake in all
             connection = ssl.create_default_context().wrap_socket(connection, server_hostname=address.host)
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         return connection
-    except TimeoutError:
-        raise KelpError("cannot reach %s in time; is the host right?" % address) from None
     except (OSError, ValueError) as error:  # ValueError: a host name that cannot be one
+        if connection:
+            connection.close()
+        if isinstance(error, TimeoutError):
+            raise clock.late(address, "cannot reach %s in time; is the host right?") from None
         raise KelpError("cannot reach %s: %s; is kelpd running there?"
                         % (address, getattr(error, "strerror", None) or error)) from None
 
 
-def _send(address, connection, data):
+def _send(address, connection, data, clock):
     """Sends all of `data`. Returns False when the server hung up, which it may do after it has answered."""
+    view = memoryview(data)
     try:
-        connection.sendall(data)
+        while view:
+            connection.settimeout(clock.left())
+            view = view[connection.send(view):]
         return True
     except TimeoutError:
-        raise KelpError("%s did not take the request in time" % address) from None
+        raise clock.late(address, "%s did not take the request in time") from None
     except (BrokenPipeError, ConnectionResetError, ConnectionAbortedError):
         return False
     except OSError as error:
         raise KelpError("the connection to %s broke: %s" % (address, error.strerror or error)) from None
 
 
-def request(address, timeout, method, path, body=None, length=0, content_type=None, progress=None, opened=None):
+def request(address, clock, method, path, body=None, length=0, content_type=None, progress=None, opened=None):
     """Sends one request and returns its Reply, of any status. The caller closes the reply.
 
+    clock      how long it may take, to the end of its reply
     body       an iterable of bytes that add up to `length`, or None
     progress   called with (bytes sent, length) after each piece
     opened     called with the Link as soon as the connection stands
@@ -256,21 +334,21 @@ def request(address, timeout, method, path, body=None, length=0, content_type=No
     if content_type:
         lines.append("Content-Type: " + content_type)
     head = ("\r\n".join(lines) + "\r\n\r\n").encode("latin-1")
-    connection = _connect(address, timeout)
+    connection = _connect(address, clock)
     file = None
     try:
         if opened:
             opened(Link(connection))
-        going, sent = _send(address, connection, head), 0
+        going, sent = _send(address, connection, head, clock), 0
         for piece in body or ():
-            going = going and _send(address, connection, piece)
+            going = going and _send(address, connection, piece, clock)
             if not going:
                 break
             sent += len(piece)
             if progress:
                 progress(sent, length)
-        file = connection.makefile("rb", 1 << 16)
-        return Reply(connection, file, address)
+        file = io.BufferedReader(_Incoming(connection, clock), 1 << 16)
+        return Reply(connection, file, address, clock)
     except BaseException:
         if file is not None:
             file.close()

@@ -68,5 +68,5 @@ def _split_bytea(where, name, values, nrow):
             raise KelpError("%s: a byte string of column %s leads outside its page" % (where, name))
         out[row] = values[start:at]
     if at != end:
-        raise KelpError("%s: a page of column %s holds bytes behind its last value" % (where, name))
+        raise KelpError("%s: a page of column %s holds bytes after its last value" % (where, name))
     return out

@@ -18,6 +18,10 @@ PAGE_MAGIC = 0x19293949
 _RECORD = struct.Struct("<ii")
 _PAGE = struct.Struct("<iiiiiiiiii")
 _BLOCK = 1 << 24
+# The largest row group to accept, stored as well as decompressed (with 4 bytes for each text in it), as in the C++
+# client. A record may claim 2 GiB, and a compressed one become 255 times as much; kelpd's own writer ends a row group
+# at 32 MiB, so that what is larger was made to fill the memory, or by somebody who knows.
+MAX_RECORD = 1 << 30
 
 
 class Page:
@@ -35,11 +39,14 @@ class RecordReader:
 
     source   anything with readinto(memoryview) that returns 0 only at the end of the body
     npage    how many pages each record must have: one per column asked for
+    limit    bytes of a record, stored as well as decompressed, that are not too many
     """
 
-    def __init__(self, source, npage):
+    def __init__(self, source, npage, limit=MAX_RECORD):
         self._source = source
         self._npage = npage
+        self._limit = limit
+        self._raw = 0  # bytes of the record under way, decompressed
         self.nbyte = 0  # received so far
 
     def _fill(self, view):
@@ -68,9 +75,11 @@ class RecordReader:
                 raise KelpError("the server's reply is damaged: a record has a negative length")
             if left == 0:
                 if self._source.readinto(memoryview(bytearray(1))):
-                    raise KelpError("the server's reply goes on behind its end mark")
+                    raise KelpError("the server's reply goes on after its end mark")
                 return
-            pages = []
+            if left > self._limit:
+                raise self._too_large(left)
+            pages, self._raw = [], 0
             while left and len(pages) < self._npage:
                 page, size = self._page(left)
                 pages.append(page)
@@ -80,6 +89,10 @@ class RecordReader:
             if any(page.nrow != pages[0].nrow for page in pages):
                 raise KelpError("the server's reply is damaged: columns of one row group differ in length")
             yield pages
+
+    def _too_large(self, size):
+        return KelpError("the server's reply has a row group of %d bytes, above the limit of %d; connect with a larger "
+                         "max_record if the table really has such rows" % (size, self._limit))
 
     def _page(self, left):
         if left < _PAGE.size:
@@ -91,6 +104,11 @@ class RecordReader:
             raise KelpError("the server's reply is damaged: a page lacks its magic number")
         if not 0 <= page.zbyte <= left - _PAGE.size or page.nrow < 0:
             raise KelpError("the server's reply is damaged: a page is longer than its record")
+        self._raw += max(page.nbyte, 0)
+        if page.typ & 0xffff in (types.BYTEA, types.CSTR):
+            self._raw += 4 * (page.nrow + 1)
+        if self._raw > self._limit:
+            raise self._too_large(self._raw)
         page.body = self._exactly(page.zbyte)
         return page, _PAGE.size + page.zbyte
 
@@ -117,5 +135,9 @@ def read_meta(source):
         if page.typ != int64.code:
             raise KelpError("the server's reply to 'meta' has another form")
     # These two pages are made up by the server and carry no hash.
-    return tuple(int(page.column(name, int64, hashed=False).values[0])
-                 for name, page in zip(("nrow", "nrowgroup"), records[0]))
+    totals = tuple(int(page.column(name, int64, hashed=False).values[0])
+                   for name, page in zip(("nrow", "nrowgroup"), records[0]))
+    for total in totals:
+        if total < 0:  # the server's sum exceeded 64 bits
+            raise KelpError("the server counts %d rows or row groups" % total)
+    return totals

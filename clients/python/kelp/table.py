@@ -6,6 +6,7 @@ import numpy as np
 
 from . import types
 from .errors import KelpError
+from .text import shown
 
 
 class Column:
@@ -35,7 +36,7 @@ class Column:
         return self._length
 
     def __repr__(self):
-        return "<kelp.Column %s %s, %d rows, %d NULL>" % (self.name, self.type.name, len(self), self.null_count)
+        return "<kelp.Column %s %s, %d rows, %d NULL>" % (shown(self.name), self.type.name, len(self), self.null_count)
 
     @property
     def null_count(self):
@@ -160,7 +161,7 @@ class Table:
 
     def __repr__(self):
         return "<kelp.Table %d rows: %s>" % (
-            self.num_rows, ", ".join("%s %s" % (c.name, c.type.name) for c in self.columns.values()))
+            self.num_rows, ", ".join("%s %s" % (shown(c.name), c.type.name) for c in self.columns.values()))
 
     @property
     def schema(self):

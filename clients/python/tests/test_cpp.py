@@ -16,6 +16,7 @@ from decimal import Decimal as D
 import numpy as np
 
 from support import Case, kelp, start_daemon
+import cvnfile
 from cvnfile import encode
 from test_format import SAMPLES
 from kelp import types
@@ -284,6 +285,22 @@ class Server(Served):
         self.assertEqual(7, self.table.count("n == true"))
         for jobs in (1, 2, 5):
             self.assertEqual(2500007, sum(len(b) for b in self.table.scan(jobs=jobs)), jobs)
+
+    def test_a_file_that_claims_endless_rows_does_not_make_a_count_endless(self):
+        huge = cvnfile.build([cvnfile.Column(b"n", cvnfile.INT32)], [], nrow=2**62).data
+        self.assertEqual(312, len(huge))
+        self.upload({"n": [1, 2, 3]}, "n int32", "a.cvn")
+        self.table.upload(huge, "b.cvn", verify=False)
+        self.assertEqual(2**62 + 3, self.table.count())
+        self.assertEqual(2**62 + 3, sum(len(b) for b in self.table.scan(columns=[])))
+        self.assertEqual((2**62 + 3, 1), tuple(self.table.meta()))
+        self.assertEqual(2, self.table.count("n > 1"))
+        self.assertEqual([1, 2, 3], self.table.scan().read()["n"].to_list())
+        self.table.upload(huge, "c.cvn", verify=False)
+        with self.assertRaisesRegex(kelp.KelpError, "impossible totals: with what the file c.cvn claims they exceed"):
+            self.table.count()
+        with self.assertRaisesRegex(kelp.KelpError, "counts -9223372036854775805 rows or row groups"):
+            self.table.meta()
 
     def test_files_with_other_columns_fail_the_scan_and_say_so(self):
         self.upload({"n": [1]}, "n int32", "a.cvn")

@@ -3,6 +3,7 @@
 import random
 import socket
 import struct
+import time
 import tracemalloc
 import unittest
 
@@ -11,6 +12,7 @@ import numpy as np
 from support import Case, int32_page, kelp, serve, stream_of, table_server
 from cvnfile import END, STREAM_HEAD, page, record
 from kelp.stream import RecordReader, read_counts, read_meta
+from fake_server import FakeServer, receive_head
 from replies import chunk, chunked, json_reply
 
 
@@ -69,7 +71,7 @@ class Records(Case):
                 (record(page(b"x" * 9, zbyte=2**31 - 1)) + END, "longer than its record"),
                 (record(page(b"x" * 9, nrow=-1)) + END, "longer than its record"),
                 (record(page(b"x" * 9, magic=1)) + END, "lacks its magic"),
-                (END + b"x", "goes on behind its end mark"), (END + END, "goes on behind its end mark")):
+                (END + b"x", "goes on after its end mark"), (END + END, "goes on after its end mark")):
             with self.assertRaisesRegex(kelp.KelpError, pattern, msg=stream):
                 records_of(stream)
         for stream, pattern in ((record(good, int32_page([1])) + END, "differ in length"),
@@ -79,10 +81,30 @@ class Records(Case):
                 records_of(stream, npage=2)
 
     def test_a_record_of_endless_pages_is_given_up_at_once(self):
-        body = Body(record(page(b"", nrow=0, nmapoff=0), nbyte=2**31 - 40) + page(b"", nrow=0, nmapoff=0) * 100)
+        body = Body(record(page(b"", nrow=0, nmapoff=0), nbyte=2**30 - 40) + page(b"", nrow=0, nmapoff=0) * 100)
         with self.assertRaisesRegex(kelp.KelpError, "more columns"):
             list(RecordReader(body, 1))
         self.assertEqual(48, body._at)
+
+    def test_a_record_above_the_limit_is_refused_before_it_is_read(self):
+        raw = bytes(8000) + bytes(250)
+        block = kelp.native.lz4_compress(np.frombuffer(raw, np.uint8), 9000).tobytes()
+        texts = [page(b"a\0" * 100 + bytes(13), typ=9, nrow=100, nmapoff=200)]
+        for pages, limit, why in (([int32_page([1, 2])], 49, 49), ([int32_page([1, 2])] * 2, 98, 98),
+                                  ([page(block, nrow=2000, nmapoff=8000, nbyte=8250)], 8250, 8250),
+                                  ([page(block, nrow=2000, nmapoff=8000, nbyte=8250)] * 2, 16500, 16500),
+                                  (texts, 213 + 4 * 101, 213 + 4 * 101)):
+            stream = record(*pages) + END
+            self.assertEqual(1, len(list(RecordReader(Body(stream), len(pages), limit))))
+            body = Body(stream)
+            with self.assertRaisesRegex(kelp.KelpError, "of %d bytes, above the limit of %d;" % (why, limit - 1)):
+                list(RecordReader(body, len(pages), limit - 1))
+            self.assertLess(body._at, len(stream) - len(END))
+        body = Body(struct.pack("<ii", 0x71727374, (1 << 30) + 1))
+        with self.assertRaisesRegex(kelp.KelpError, "of 1073741825 bytes, above the limit of 1073741824; .*max_record"):
+            list(RecordReader(body, 1))
+        with self.assertRaisesRegex(kelp.KelpError, "without its end mark"):
+            records_of(struct.pack("<ii", 0x71727374, 1 << 30))
 
     def column(self, type_name, *arguments, **fields):
         pages, = records_of(record(page(*arguments, **fields)) + END)
@@ -94,7 +116,7 @@ class Records(Case):
                        {"nrow": 1048577, "nmapoff": 4 * 1048577, "nbyte": 4 * 1048577 + 131073},
                        {"nnull": 3}, {"nnull": -1}, {"nbyte": 8}, {"nbyte": -1},
                        {"nrow": 17, "nmapoff": 6}, {"nmapoff": 2**31 - 1, "nbyte": 2**31 - 1}):
-            with self.assertRaisesRegex(kelp.KelpError, "contradict|no room|more rows than", msg=fields):
+            with self.assertRaisesRegex(kelp.KelpError, "contradict|no room|more rows than|above the", msg=fields):
                 self.column("int32", body, **fields)
 
     def test_a_wrong_hash_or_null_count_is_refused(self):
@@ -120,7 +142,7 @@ class Records(Case):
                 self.column("int32", body, **fields)
 
     def test_a_small_page_cannot_claim_a_large_size(self):
-        size = 2_000_000_000
+        size = 1_000_000_000
         pages, = records_of(record(page(b"\x1f" * 100, typ=9, nrow=8, nmapoff=size, nbyte=size + 1)) + END)
         tracemalloc.start()
         try:
@@ -136,7 +158,7 @@ class Records(Case):
                 ("cstr", 9, b"a\0bc", "another number"), ("cstr", 9, b"\0", "no room"),
                 ("bytea", 8, struct.pack("<i", 5) + b"ab" + struct.pack("<i", 0), "leads outside"),
                 ("bytea", 8, struct.pack("<i", -1) + struct.pack("<i", 0), "leads outside"),
-                ("bytea", 8, struct.pack("<i", 0) + struct.pack("<i", 0) + b"x", "behind its last value"),
+                ("bytea", 8, struct.pack("<i", 0) + struct.pack("<i", 0) + b"x", "after its last value"),
                 ("bytea", 8, struct.pack("<i", 3) + b"abc" + b"\0\0", "leads outside"),
                 ("bytea", 8, bytes(7), "no room")):
             with self.assertRaisesRegex(kelp.KelpError, pattern, msg=values):
@@ -156,6 +178,9 @@ class Records(Case):
                        record(value(0, 1), value(1, 1)) * 2 + END, record(value(0, 1)) + END):
             with self.assertRaisesRegex(kelp.KelpError, "another form|fewer columns"):
                 read_meta(Body(stream))
+        for rows, groups in ((-1, 1), (1, -1)):
+            with self.assertRaisesRegex(kelp.KelpError, "counts -1 rows or row groups"):
+                read_meta(Body(record(value(0, rows), value(1, groups)) + END))
 
 
 class Http(Case):
@@ -221,7 +246,7 @@ class Http(Case):
                               (b"-5\r\n", "does not begin"), (b"fffffffff\r\n", "does not begin"),
                               (b"5 5\r\n", "does not begin"), (b"8; chunk\r\n" + good[:8] + b"XX", "damaged|early"),
                               (chunked(good, last=b""), "early"), (chunked(good, last=b"0\r\n"), "early"),
-                              (chunked(good + good), "goes on behind"),
+                              (chunked(good + good), "goes on after"),
                               (chunked(good[:-8]), "without its end mark")):
             with self.assertRaisesRegex(kelp.KelpError, pattern, msg=body):
                 self.scan(lambda _: STREAM_HEAD + body).read()
@@ -266,6 +291,79 @@ class Http(Case):
             connection = kelp.connect("http://127.0.0.1:%d" % silent.getsockname()[1], timeout=0.2)
             with self.assertRaisesRegex(kelp.KelpError, "did not answer in time"):
                 connection.databases()
+
+    def test_a_server_that_trickles_for_ever_ends_in_the_total_time_out(self):
+        def trickle(head):
+            def serve_it(conn):
+                receive_head(conn)
+                conn.sendall(head)
+                for _ in range(6000):  # until the client has left
+                    conn.sendall(b"x")
+                    time.sleep(0.02)
+            server = FakeServer(serve_it)
+            self.addCleanup(server.close)
+            return kelp.connect(server.url, timeout=30, total_timeout=0.3)
+
+        for head in (b"", b"HTTP/1.1 200 OK\r\n", b"HTTP/1.1 200 OK\r\n\r\n", STREAM_HEAD,
+                     b"HTTP/1.1 200 OK\r\nContent-length: 100000\r\n\r\n"):
+            with self.assertRaisesRegex(kelp.KelpError, "^127.0.0.1:[0-9]+ did not finish in 0.3 seconds$", msg=head):
+                trickle(head).databases()
+
+    def test_the_total_time_out_counts_all_requests_of_a_scan_a_sample_and_a_count(self):
+        def post(body):
+            yield STREAM_HEAD
+            for _ in range(6000):
+                yield chunk(record(int32_page([1])))
+                time.sleep(0.02)
+        server = table_server(self, [("c", "int32")], post)
+        table = kelp.connect(server.url, timeout=30, total_timeout=0.5).table("d.s.e")
+        for work in (lambda: table.scan().read(), lambda: table.scan(jobs=2).read(), lambda: table.sample(1 << 30)):
+            with self.assertRaisesRegex(kelp.KelpError, "did not finish in 0.5 seconds"):
+                work()
+
+    def test_an_upload_that_is_not_taken_ends_in_the_total_time_out(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            connection = kelp.connect("kelp://127.0.0.1:%d" % silent.getsockname()[1], timeout=30, total_timeout=0.3)
+            with self.assertRaisesRegex(kelp.KelpError, "did not finish in 0.3 seconds"):
+                connection.table("d.s.e").upload(bytes(64 << 20), name="x", verify=False)
+
+    def test_catalogues_that_are_too_large_are_not_believed(self):
+        body = [""]
+        server = serve(self, lambda *_: json_reply(body[0]))
+        connection = kelp.connect(server.url, timeout=30)
+        body[0] = '["' + "x" * ((32 << 20) - 4) + '"]'
+        self.assertEqual(1, len(connection.databases()))
+        for big in ('["' + "x" * ((32 << 20) - 3) + '"]', "[" + ",".join(['""'] * ((1 << 20) + 1)) + "]",
+                    "[" + "[]," * (7 << 20) + "[]]"):
+            body[0] = big
+            with self.assertRaisesRegex(kelp.KelpError, "is no kelpd|larger than any catalogue"):
+                connection.databases()
+        body[0] = "[" + ",".join(['""'] * (1 << 20)) + "]"
+        self.assertEqual(1 << 20, len(connection.databases()))
+
+    def test_nothing_that_a_server_says_steers_a_terminal(self):
+        evil = "a\x1b[31m b\u009b2J \u202ec\x7f\u2066 Z\u00fcrich"
+        said = "a\\x1b[31m b\\u009b2J \\u202ec\\x7f\\u2066 Z\u00fcrich"
+        latin = lambda text: text.encode().decode("latin-1")  # noqa: E731, as a head is read
+        server = serve(self, lambda *_: json_reply("{}", status="500 " + evil))
+        with self.assertRaises(kelp.KelpError) as caught:
+            kelp.connect(server.url).databases()
+        for text in (str(caught.exception), caught.exception.status):
+            self.assertTrue(text.isprintable(), text)
+            self.assertIn("a\\x1b[31m b", text)
+            self.assertNotIn(latin("\u009b"), text)
+        server = table_server(self, [(evil, "int32"), ("b", "int32")],
+                              lambda body: STREAM_HEAD + chunked(record(int32_page([1]), int32_page([2])) + END))
+        with self.assertRaises(kelp.KelpError) as caught:
+            server.table.scan("nope")
+        self.assertEqual("there is no column nope; the columns are %s, b" % said, str(caught.exception))
+        result = kelp.Table([kelp.Column(evil, kelp.types.by_name("int32"), store=np.zeros(1, np.int32))])
+        self.assertEqual("<kelp.Table 1 rows: %s int32>" % said, repr(result))
+        self.assertEqual("<kelp.Column %s int32, 1 rows, 0 NULL>" % said, repr(result[evil]))
+        self.assertEqual([evil], list(result.columns))  # as data it stays as it is
+        self.assertIn(said, repr(server.table.connection.table(("d", "s", evil))))
+        self.assertEqual("raw \\x9b and half \\ud800", str(kelp.KelpError("raw \udc9b and half \ud800")))
+        self.assertTrue(repr(server.table.schema()).isprintable())
 
 
 if __name__ == "__main__":
