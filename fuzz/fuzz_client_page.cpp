@@ -1,7 +1,7 @@
 // Any bytes as a page, and any page through a condition.
 //
 //   byte 0      the column's type
-//   byte 1      1: the rest is the uncompressed body, and the sizes are computed; 2: so is the number of NULLs
+//   byte 1      1: the rest is the uncompressed body, the sizes are computed; 2: so is the number of NULLs
 //   byte 2      the condition's operator
 //   byte 3      the condition's value
 //   16 bytes    nrow, nnull, nmapoff, nbyte

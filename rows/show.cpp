@@ -48,9 +48,9 @@ std::string rows::show_escape(std::string_view text) {
     return out;
 }
 
-// How much of what follows a URL's "://" is a user name and password, with the '@' after them left out; npos when
-// there is none. They end at the last '@' in front of the path. When a '/' of the password seems to begin the path,
-// it is the last '@' of all.
+// How much of what follows a URL's "://" is a user name and password, with the '@' after them left out; npos
+// when there is none. They end at the last '@' in front of the path. When a '/' of the password seems to
+// begin the path, it is the last '@' of all.
 static size_t secret_size(std::string_view rest) {
     const std::string_view authority = rest.substr(0, rest.find('/'));
     const size_t at = authority.rfind('@');

@@ -1,9 +1,10 @@
-// Text from outside as people may be shown it. A name, a value or a server's words may hold what a terminal obeys
-// instead of showing it, or what makes a line read as another one; and a URL in a message may hold a password.
+// Text from outside as people may be shown it. A name, a value or a server's words may hold what a terminal
+// obeys instead of showing it, or what makes a line read as another one; and a URL in a message may hold a
+// password.
 //
 // Text is taken for UTF-8. What is unfit for a terminal:
 //
-//   U+0000 to U+001F, U+007F       controls; a line feed and a tabulator are fit, since they are a text's own lines
+//   U+0000 to U+001F, U+007F       controls; a line feed and a tabulator are fit, being a text's own lines
 //   U+0080 to U+009F               more of them: U+009B begins what ESC [ begins
 //   U+202A to U+202E,              orders to show what follows from right to left: they make a name read as
 //   U+2066 to U+2069               another one

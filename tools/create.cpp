@@ -606,7 +606,7 @@ void create_register(CLI::App* app, int* ret) {
         "Types: bool, int16, int32, int64, int128, float, double, dec64 and dec128 (decimals, exact), date\n"
         "(2024-01-31), time_millis (12:30:00.250), timestamp_millis (2024-01-31T12:30:00Z), cstr (text), "
         "bytea (\\x00ff).\n"
-        "Behind a type, -z compresses eagerly and -n keeps no minimum and maximum.\n"
+        "After a type, -z compresses eagerly and -n keeps no minimum and maximum.\n"
         "\n"
         "Examples:\n"
         "  cvn create orders.cvn orders.csv\n"

@@ -78,7 +78,7 @@ static __attribute__((target("avx2,bmi,popcnt"))) size_t index_avx2(const char* 
         const __m256i zero = _mm256_cmpeq_epi8(_mm256_min_epu8(a, b), _mm256_setzero_si256());
         uint64_t mask = static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(ha))) |
                         static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(hb))) << 32;
-        // Behind `to` lies padding that may be zero: that makes has_nul a false alarm at worst, which costs
+        // After `to` lies padding that may be zero: that makes has_nul a false alarm at worst, which costs
         // time only.
         if (_mm256_movemask_epi8(zero) != 0) *has_nul = true;
         if (to - at < 64) mask &= (uint64_t{1} << (to - at)) - 1;

@@ -39,8 +39,8 @@ void format_csv_text(std::string* out, std::string_view text);
 // Appends a JSON string; bytes that are no UTF-8 become U+FFFD.
 void format_json_text(std::string* out, std::string_view text);
 
-// Returns `text` for one line: ASCII's control characters escaped, at most `max` characters. What else a terminal must
-// not get is escaped where it is one (tool_shown).
+// Returns `text` for one line: ASCII's control characters escaped, at most `max` characters. What else a
+// terminal must not get is escaped where it is one (tool_shown).
 std::string format_cell(std::string_view text, size_t max);
 
 // Returns the characters of `text`, as UTF-8.

@@ -196,8 +196,8 @@ static void check_server(const kelp_url_t& url, const kelp_opt_t& opt) {
     if (code != KELP_EREFUSED && code != KELP_ENOTFOUND) remote_check(code, url, err);
 }
 
-// The columns that the files of a table have, by the first one that stays when `replaced` are put, and the name of
-// that file. Returns false when none stays.
+// The columns that the files of a table have, by the first one that stays when `replaced` are put, and the
+// name of that file. Returns false when none stays.
 static bool table_has(std::vector<kelp_column_t>* ret_column, std::string* ret_name, const kelp_url_t& table,
                       const std::set<std::string>& replaced, const kelp_opt_t& opt) {
     kelp_error_t err;
@@ -227,7 +227,8 @@ static bool table_has(std::vector<kelp_column_t>* ret_column, std::string* ret_n
     return false;
 }
 
-// Refuses files with other columns than those beside which they would stand: every query of the table would fail.
+// Refuses files with other columns than those beside which they would stand: every query of the table would
+// fail.
 static void put_compare(const std::vector<upload_t>& ups, const std::set<std::string>& names,
                         const kelp_opt_t& opt) {
     std::vector<kelp_column_t> want;

@@ -7,8 +7,8 @@
 
 #include "rows/file.h"
 
-// rows::file_find. Throws tool_error when there is nothing of that name, no data file in the directory, or what
-// is neither a regular file nor a directory.
+// rows::file_find. Throws tool_error when there is nothing of that name, no data file in the directory, or
+// what is neither a regular file nor a directory.
 rows::file_list_t source_find(const std::string& path);
 
 // rows::file_open, with memory of its own, and room for the descriptors of a split. Throws tool_error.

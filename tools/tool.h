@@ -40,18 +40,19 @@ std::string tool_strerror(int err);
 // is the errno that belongs to -3.
 std::string tool_code_text(int code, int err, const std::string& path);
 
-// Names, values and messages may come from a server or a file, and what they hold must not steer the terminal that
-// shows them. All output goes through tool_out_flush, tool_tell or tool_say, which escape what is unfit (rows/show.h)
-// where a terminal shows it; files and pipes get every byte as it is.
+// Names, values and messages may come from a server or a file, and what they hold must not steer the terminal
+// that shows them. All output goes through tool_out_flush, tool_tell or tool_say, which escape what is unfit
+// (rows/show.h) where a terminal shows it; files and pipes get every byte as it is.
 
 // Whether `fd` is a terminal.
 bool tool_is_terminal(int fd);
 
-// Returns `text` as `fd` is to get it: escaped when that is a terminal. What counts characters calls it beforehand.
+// Returns `text` as `fd` is to get it: escaped when that is a terminal. What counts characters calls it
+// beforehand.
 std::string tool_shown(int fd, std::string text);
 
-// Writes text to the standard error. Passwords of URLs in it are hidden, wherever it goes: a log keeps them longer
-// than a terminal. Returns false when it could not be written.
+// Writes text to the standard error. Passwords of URLs in it are hidden, wherever it goes: a log keeps them
+// longer than a terminal. Returns false when it could not be written.
 bool tool_tell(const std::string& text);
 
 // Prints "cvn: " and the text as a line by tool_tell. That nobody may read it is no failure.
@@ -107,8 +108,8 @@ std::string tool_count(int64_t n);
 // Returns a count with what it counts: "1 row", "1,234 rows".
 std::string tool_counted(int64_t n, const char* one, const char* many);
 
-// Returns a + b, or the limit that the sum goes beyond: counts from outside may be anything. For what only describes;
-// a total that is a result is made with tool_add_claim.
+// Returns a + b, or the limit that the sum goes beyond: counts from outside may be anything. For what only
+// describes; a total that is a result is made with tool_add_claim.
 int64_t tool_add(int64_t a, int64_t b);
 
 // Adds what the file `path` claims to a total. Throws tool_error with that name when it exceeds 64 bits.

@@ -4,10 +4,10 @@
 // verify_footer.cpp   head, trailer, and all that the footer says of itself
 // verify_values.cpp   the chunks: their records against their bytes and against their values
 //
-// The footer is read and walked here once more, on purpose, and not through the library: a check that shared the
-// library's walk would share its mistakes, and the library refuses a bad footer as a whole where each fault is to
-// have a name of its own. Only pages are then fetched through the library as well, because what matters is
-// whether a reader gets them.
+// The footer is read and walked here once more, on purpose, and not through the library: a check that shared
+// the library's walk would share its mistakes, and the library refuses a bad footer as a whole where each
+// fault is to have a name of its own. Only pages are then fetched through the library as well, because what
+// matters is whether a reader gets them.
 #ifndef KELPD_TOOLS_VERIFY_H
 #define KELPD_TOOLS_VERIFY_H
 
@@ -85,7 +85,8 @@ size_t verify_colstat_at(const verify_t& v, int c);
 size_t verify_rowgroup_at(const verify_t& v, int64_t rg);
 colmeta_t verify_colmeta_at(const verify_t& v, int64_t rg, int c);
 
-// Head, trailer and the footer's geometry, which goes to `*v`. Returns false when there is nothing to go on with.
+// Head, trailer and the footer's geometry, which goes to `*v`. Returns false when there is nothing to go on
+// with.
 bool verify_check_frame(verify_t* v);
 
 // The columns' definitions, which go to `v->coldef`.

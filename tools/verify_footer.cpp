@@ -1,5 +1,5 @@
-// Head, trailer and footer of a data file: their magics, sizes and hash, the columns, and the statistics of the
-// file against those of its chunks.
+// Head, trailer and footer of a data file: their magics, sizes and hash, the columns, and the statistics of
+// the file against those of its chunks.
 #include <fmt/format.h>
 #include <string.h>
 #include <xxhash.h>

@@ -1,6 +1,7 @@
-// Column pages as rows of values, as verify reads them: a walk of its own, so that a fault of the one that all
-// other readers share (rows/page.h) does not hide from it. A page comes from a file and is proved before any
-// value of it is touched: the counts against its size, and every variable-length value by walking it once.
+// Column pages as rows of values, as verify reads them: a walk of its own, so that a fault of the one that
+// all other readers share (rows/page.h) does not hide from it. A page comes from a file and is proved before
+// any value of it is touched: the counts against its size, and every variable-length value by walking it
+// once.
 #ifndef KELPD_TOOLS_VERIFY_PAGE_H
 #define KELPD_TOOLS_VERIFY_PAGE_H
 

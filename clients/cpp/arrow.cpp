@@ -1,4 +1,5 @@
-// arrow: batches as an Arrow stream. A stream draws on a scan or on a local file, which both hand out batches.
+// arrow: batches as an Arrow stream. A stream draws on a scan or on a local file, which both hand out
+// batches.
 
 #include "clients/cpp/arrow.h"
 

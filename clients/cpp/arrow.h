@@ -110,9 +110,9 @@ struct kelp_arrow_opt_t {
                                   const std::vector<std::string>& column, const kelp_arrow_opt_t& arrow,
                                   kelp_error_t* err);
 
-// The same with conditions: of `query`, the columns, the conditions and `exact` are used. Row groups that, by the
-// file's statistics, cannot hold a row that meets the conditions are not read; without `exact` the others are
-// handed out whole.
+// The same with conditions: of `query`, the columns, the conditions and `exact` are used. Row groups that, by
+// the file's statistics, cannot hold a row that meets the conditions are not read; without `exact` the others
+// are handed out whole.
 [[nodiscard]] int kelp_arrow_file_query(struct ArrowArrayStream* ret_stream, const char* fpath,
                                         const kelp_query_t& query, const kelp_arrow_opt_t& arrow,
                                         kelp_error_t* err);

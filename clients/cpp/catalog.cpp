@@ -489,10 +489,10 @@ int kelp_meta(kelp_meta_t* ret_meta, const kelp_url_t& url, const kelp_opt_t& op
     });
 }
 
-// The rows that the files say they have. The server streams them, 16 KiB for every 2^20 rows, so that one file of a few
-// hundred bytes that claims 2^62 would keep it and the client at it for ever. From COUNT_ROW_MAX rows on (4 MiB) the
-// catalogue is added up instead, which is the same sum where the server can read all files: what it cannot read breaks
-// off the stream, but is left out of the catalogue.
+// The rows that the files say they have. The server streams them, 16 KiB for every 2^20 rows, so that one
+// file of a few hundred bytes that claims 2^62 would keep it and the client at it for ever. From
+// COUNT_ROW_MAX rows on (4 MiB) the catalogue is added up instead, which is the same sum where the server can
+// read all files: what it cannot read breaks off the stream, but is left out of the catalogue.
 static int count_claimed(int64_t* ret_nrow, const kelp_url_t& url, const call_t& call, kelp_error_t* err) {
     totals_t t{.is_meta = false};
     const int code = get_totals(&t, url, call, err);

@@ -129,9 +129,10 @@ struct kelp_column_t {
 [[nodiscard]] int kelp_table_columns(std::vector<kelp_column_t>* ret_column, const kelp_url_t& url,
                                      const kelp_opt_t& opt, kelp_error_t* err);
 
-// Compares the columns of a data file with those of another one of its table: a scan reads all files of a table
-// alike, so they should have the same names and types in the same order. The two names are what the message
-// calls the files. Returns 0 when they are the same, else KELP_EUNFIT with the first column that differs.
+// Compares the columns of a data file with those of another one of its table: a scan reads all files of a
+// table alike, so they should have the same names and types in the same order. The two names are what the
+// message calls the files. Returns 0 when they are the same, else KELP_EUNFIT with the first column that
+// differs.
 [[nodiscard]] int kelp_columns_compare(const std::vector<kelp_column_t>& column, const char* name,
                                        const std::vector<kelp_column_t>& other, const char* other_name,
                                        kelp_error_t* err);
@@ -162,8 +163,8 @@ struct kelp_meta_t {
 // One condition on one column. The values are texts that are read as the column's type when a scan is opened:
 //   bool                true, false, 1, 0 and the like
 //   int16 to int128     decimal, or hexadecimal after 0x; out of range is an error
-//   float, double       a number with a point, whatever the locale, inf, NaN, or hexadecimal after 0x; too large
-//                       for the type is an error
+//   float, double       a number with a point, whatever the locale, inf, NaN, or hexadecimal after 0x; too
+//                       large for the type is an error
 //   cstr                the text itself
 //   bytea               "\\x" and pairs of digits, or any other text: its bytes
 //   dec64, dec128       a number of at most 16 or 34 digits
@@ -171,8 +172,8 @@ struct kelp_meta_t {
 //   time_millis         12:34:56.789 (seconds and their fraction may be left out), or milliseconds
 //   timestamp_millis    a date, or a date and a time with a blank or T between and perhaps a zone (Z, +01:00)
 //                       after it, or milliseconds since 1970-01-01T00:00Z
-// A number that could as well be a year, a day or a time without separators (2021, 20210704, of a time 1230) is
-// an error; with a sign (+2021) it is a number.
+// A number that could as well be a year, a day or a time without separators (2021, 20210704, of a time 1230)
+// is an error; with a sign (+2021) it is a number.
 struct kelp_cond_t {
     std::string column;
     int op;  // CVN_OP_...
@@ -181,10 +182,10 @@ struct kelp_cond_t {
 
 // Parses "COLUMN OP VALUE" with the operators = == != <> > >= < <=, "COLUMN is [not] null", "COLUMN isnull",
 // "COLUMN isnotnull", and "COLUMN in (VALUE, ...)". A column may stand in double quotes, a value in single or
-// double ones; inside, the quote itself is doubled. A value needs quotes when it begins with one of = ! < >, or
-// holds a comma, a parenthesis or one of the words and, or, not, in, is, like, between, null after its first.
-// Words are matched without regard to case. Several conditions with "and" between are for kelp_query_t::where.
-// KELP_EARG.
+// double ones; inside, the quote itself is doubled. A value needs quotes when it begins with one of = ! < >,
+// or holds a comma, a parenthesis or one of the words and, or, not, in, is, like, between, null after its
+// first. Words are matched without regard to case. Several conditions with "and" between are for
+// kelp_query_t::where. KELP_EARG.
 [[nodiscard]] int kelp_cond_parse(kelp_cond_t* ret_cond, std::string_view text, kelp_error_t* err);
 
 // Scans.
@@ -231,16 +232,16 @@ struct kelp_batch_t {
 
 struct kelp_scan_t;
 
-// Opens a scan: asks the catalogue for the entity's totals (KELP_EPROTO, with the file's name, when they exceed 64 bits)
-// and columns, then starts the connections.
-// `*ret_scan` is owned by the caller (kelp_scan_close). What `opt.cancel` points at must outlive it. The
-// types are those of the first data file; KELP_EEMPTY when there is none. A file that disagrees ends the scan:
-// with KELP_EREFUSED or KELP_ECUT when it lacks a column, with KELP_EPROTO when one has another type.
+// Opens a scan: asks the catalogue for the entity's totals (KELP_EPROTO, with the file's name, when they
+// exceed 64 bits) and columns, then starts the connections. `*ret_scan` is owned by the caller
+// (kelp_scan_close). What `opt.cancel` points at must outlive it. The types are those of the first data file;
+// KELP_EEMPTY when there is none. A file that disagrees ends the scan: with KELP_EREFUSED or KELP_ECUT when
+// it lacks a column, with KELP_EPROTO when one has another type.
 [[nodiscard]] int kelp_scan_open(kelp_scan_t** ret_scan, const kelp_query_t& query, const kelp_opt_t& opt,
                                  kelp_error_t* err);
 
-// The same for `nrow` rows (1 to 2147483647) of an entity that its server picks at random, all columns. More rows than
-// that end it with KELP_EPROTO.
+// The same for `nrow` rows (1 to 2147483647) of an entity that its server picks at random, all columns. More
+// rows than that end it with KELP_EPROTO.
 [[nodiscard]] int kelp_sample_open(kelp_scan_t** ret_scan, const kelp_url_t& url, int64_t nrow,
                                    const kelp_opt_t& opt, kelp_error_t* err);
 
@@ -252,8 +253,8 @@ const std::vector<kelp_column_t>& kelp_scan_columns(const kelp_scan_t* scan);
 // ever after: the rows handed out before it are then not the whole result. With several connections, the data
 // files are compared at the end with what they were before, and a difference is KELP_ECHANGED: what was
 // handed out may then be partly of an old file and partly of the new one. When a failure looks as if a data
-// file had other columns than the scan reads, the files' columns are asked for, one request per file and at most
-// 2,000, and the text names the first file that does not fit.
+// file had other columns than the scan reads, the files' columns are asked for, one request per file and at
+// most 2,000, and the text names the first file that does not fit.
 [[nodiscard]] int kelp_scan_next(kelp_scan_t* scan, kelp_batch_t** ret_batch, kelp_error_t* err);
 
 // Frees a batch. Null is accepted.
@@ -277,10 +278,11 @@ void kelp_scan_cancel(kelp_scan_t* scan);
 // Ends the connections and frees the scan. Null is accepted.
 void kelp_scan_close(kelp_scan_t* scan);
 
-// The number of rows that a query has. Without conditions it is what the data files claim: up to 2^28 rows the server
-// streams it, beyond the catalogue's numbers are added up, in which files that the server cannot read are missing (below,
-// they are KELP_EREFUSED or KELP_ECUT); KELP_EPROTO when they exceed 64 bits, KELP_ECHANGED when the stream exceeds them.
-// With conditions their columns are read, and `query.exact` holds. An entity without data files has none.
+// The number of rows that a query has. Without conditions it is what the data files claim: up to 2^28 rows
+// the server streams it, beyond the catalogue's numbers are added up, in which files that the server cannot
+// read are missing (below, they are KELP_EREFUSED or KELP_ECUT); KELP_EPROTO when they exceed 64 bits,
+// KELP_ECHANGED when the stream exceeds them. With conditions their columns are read, and `query.exact`
+// holds. An entity without data files has none.
 [[nodiscard]] int kelp_count(int64_t* ret_nrow, const kelp_query_t& query, const kelp_opt_t& opt,
                              kelp_error_t* err);
 

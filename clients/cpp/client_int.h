@@ -159,7 +159,8 @@ struct call_t {
 [[nodiscard]] int list_files(std::vector<kelp_file_t>* ret_file, const kelp_url_t& url, const call_t& call,
                              kelp_error_t* err);
 
-// Adds what a file of a table claims to a total of the table. Where that exceeds 64 bits it fails with the file's name.
+// Adds what a file of a table claims to a total of the table. Where that exceeds 64 bits it fails with the
+// file's name.
 [[nodiscard]] int add_total(int64_t* sum, int64_t n, const kelp_file_t& file, kelp_error_t* err);
 
 [[nodiscard]] int want_depth(const kelp_url_t& url, int least, int most, const char* what, kelp_error_t* err);
@@ -174,10 +175,10 @@ struct misfit_t {
     std::string name;  // empty: none was found
     kelp_error_t err;  // what differs
 };
-// Looks for the first of `file` without the columns `want`, which are those of the file `want_name`: by name and
-// type, and when `whole` all of a file's columns and their order as well. Files that cannot have them by their
-// number of columns are asked first, and not more than MISFIT_REQUEST_MAX in all. Ends early, without a result,
-// when a request fails.
+// Looks for the first of `file` without the columns `want`, which are those of the file `want_name`: by name
+// and type, and when `whole` all of a file's columns and their order as well. Files that cannot have them by
+// their number of columns are asked first, and not more than MISFIT_REQUEST_MAX in all. Ends early, without a
+// result, when a request fails.
 constexpr size_t MISFIT_REQUEST_MAX = 2000;
 void find_misfit(misfit_t* ret, std::vector<kelp_file_t> file, const std::vector<kelp_column_t>& want,
                  const std::string& want_name, bool whole, const kelp_url_t& table, const call_t& call);
@@ -201,8 +202,8 @@ struct plan_t {
                              const std::vector<std::string>& column, bool rows_only, const rows::cond_t& cond,
                              kelp_error_t* err);
 
-// A predicate as the server is asked it: a column of the plan, an operator and, unless it has none, the value's
-// text.
+// A predicate as the server is asked it: a column of the plan, an operator and, unless it has none, the
+// value's text.
 struct pushed_t {
     int col;
     int op;

@@ -13,7 +13,8 @@
 using namespace kelp;
 
 static constexpr size_t REQUEST_MAX = 32768;  // what the server accepts as a request's body
-// What is sent of a longer text: of more than 39 bytes statistics compare the first 39, so this means the same.
+// What is sent of a longer text: of more than 39 bytes statistics compare the first 39, so this means the
+// same.
 static constexpr size_t PUSH_TEXTMAX = 48;
 
 // Conditions.

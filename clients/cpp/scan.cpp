@@ -420,8 +420,8 @@ static bool lacks_column(const std::vector<kelp_column_t>& have, const kelp_quer
     });
 }
 
-// The table's first file lacks a column: adds to the failure that it may be the one that does not fit. Files with
-// another number of columns show it, and asking one of them is enough.
+// The table's first file lacks a column: adds to the failure that it may be the one that does not fit. Files
+// with another number of columns show it, and asking one of them is enough.
 static void blame_first_file(kelp_scan_t* scan, const std::vector<kelp_column_t>& have, kelp_error_t* err) {
     std::vector<kelp_file_t> file = scan->file;
     std::erase_if(file, [&](const kelp_file_t& f) { return f.ncol == static_cast<int32_t>(have.size()); });
@@ -529,8 +529,8 @@ static int finish(kelp_scan_t* scan, std::unique_lock<std::mutex>* lock, kelp_er
     return code;
 }
 
-// Whether a data file with other columns may be what a scan failed of. The server says so by its word for a bad
-// request, with which it ends or begins the reply; a sampler says nothing.
+// Whether a data file with other columns may be what a scan failed of. The server says so by its word for a
+// bad request, with which it ends or begins the reply; a sampler says nothing.
 static bool may_be_misfit(const kelp_scan_t* scan) {
     const kelp_error_t& f = scan->failure;
     if (f.code == KELP_EPROTO) return true;

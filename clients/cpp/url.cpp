@@ -11,8 +11,8 @@
 
 using namespace kelp;
 
-// Copies text, one line of printable characters, cut to fit. A program shows it wherever it shows its errors, so a
-// control becomes a blank, and a byte that is no UTF-8 a question mark.
+// Copies text, one line of printable characters, cut to fit. A program shows it wherever it shows its errors,
+// so a control becomes a blank, and a byte that is no UTF-8 a question mark.
 static void copy_line(char* dst, size_t dstsz, std::string_view s) {
     size_t n = 0;
     while (!s.empty()) {

@@ -123,9 +123,9 @@ inline cvn_datum_t to_datum(int32_t typ, const value_t& v) {
     cvn_datum_t d;
     memset(&d, 0, sizeof(d));
     if (v.null) return d;
-    if ((typ & 0xffff) == CVN_TYP_CSTR) {
+    if (cvn_storage(typ) == CVN_TYP_CSTR) {
         d.t = v.bytes.c_str();
-    } else if ((typ & 0xffff) == CVN_TYP_BYTEA) {
+    } else if (cvn_storage(typ) == CVN_TYP_BYTEA) {
         d.a.ptr = v.bytes.data();
         d.a.len = static_cast<int32_t>(v.bytes.size());
     } else {
@@ -250,7 +250,7 @@ inline std::string random_bytes(std::mt19937_64& rng, size_t n) {
 inline value_t random_value(std::mt19937_64& rng, int32_t typ) {
     const uint64_t r = rng();
     const bool small = r % 3 == 0;
-    switch (typ & 0xffff) {
+    switch (cvn_storage(typ)) {
         case CVN_TYP_BOOL: return boolean(r & 16);
         case CVN_TYP_INT16: return i16(small ? static_cast<int16_t>(r % 7) : static_cast<int16_t>(rng()));
         case CVN_TYP_INT32: return i32(small ? static_cast<int32_t>(r % 7) - 3 : static_cast<int32_t>(rng()));
@@ -276,7 +276,7 @@ inline value_t random_value(std::mt19937_64& rng, int32_t typ) {
         }
         case CVN_TYP_DEC64:
         case CVN_TYP_DEC128: {
-            const bool wide = (typ & 0xffff) == CVN_TYP_DEC128;
+            const bool wide = cvn_storage(typ) == CVN_TYP_DEC128;
             std::string s = rng() & 1 ? "-" : "";
             for (size_t i = 1 + rng() % (wide ? 34 : 16); i > 0; i--)
                 s += static_cast<char>('0' + rng() % 10);

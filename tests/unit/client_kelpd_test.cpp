@@ -218,12 +218,12 @@ TEST_F(Kelpd, FiltersExactlyWhateverItsStatisticsSkip) {
         const size_t c = rng() % first.column.size();
         const int32_t typ = first.column[c].typ;
         // Types whose order the second reader knows; a constant out of the data.
-        if ((typ & 0xffff) > CVN_TYP_INT128 && (typ & 0xffff) != CVN_TYP_CSTR) continue;
+        if (cvn_storage(typ) > CVN_TYP_INT128 && cvn_storage(typ) != CVN_TYP_CSTR) continue;
         const support::value_t& pick = all[c][rng() % all[c].size()];
         if (pick.null) continue;
         std::string text;
         char buf[CVN_INT128_STRSZ];
-        switch (typ & 0xffff) {
+        switch (cvn_storage(typ)) {
             case CVN_TYP_BOOL: text = pick.bytes[0] ? "1" : "0"; break;
             case CVN_TYP_INT16: text = std::to_string(support::load<int16_t>(pick.bytes, 0)); break;
             case CVN_TYP_INT32: text = std::to_string(support::load<int32_t>(pick.bytes, 0)); break;

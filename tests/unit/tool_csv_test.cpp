@@ -90,7 +90,7 @@ TEST(Csv, RefusesAQuoteThatIsNeverClosedWithTheLineOfItsRow) {
     EXPECT_EQ("in:2: field 2 begins with a quote that is never closed", r.error);
 }
 
-TEST(Csv, RefusesTextBehindAClosingQuote) {
+TEST(Csv, RefusesTextAfterAClosingQuote) {
     const read_t r = read_all("\"a\nb\"x,c\n");
     EXPECT_TRUE(r.rows.empty());
     EXPECT_EQ(0u, r.error.find("in:2: field 1 goes on after its closing quote")) << r.error;

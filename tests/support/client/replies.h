@@ -25,7 +25,7 @@ using support::values_t;
 // The uncompressed body of a page.
 inline std::string raw_body(int32_t typ, const values_t& value) {
     std::string body, nullmap((value.size() + 7) / 8, '\0');
-    const int storage = typ & 0xffff;
+    const int storage = cvn_storage(typ);
     for (size_t r = 0; r < value.size(); r++) {
         const std::string& bytes = value[r].null ? reader::null_bytes(typ) : value[r].bytes;
         if (value[r].null) nullmap[r / 8] = static_cast<char>(nullmap[r / 8] | 0x80 >> (r % 8));
