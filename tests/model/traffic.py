@@ -11,7 +11,7 @@ import struct
 import cvnfile
 from cvnfile import BOOL, BYTEA, CSTR, DEC64, DEC128, DOUBLE, FLOAT, INT16, INT32, INT64, INT128, Column
 from cvnview import view
-from daemon_model import Dir, File, Link
+from daemon_model import Dir, Link
 
 TYPES = (BOOL, INT16, INT32, INT64, INT128, FLOAT, DOUBLE, BYTEA, CSTR, DEC64, DEC128, cvnfile.DATE,
          cvnfile.TIME_MILLIS, cvnfile.TIMESTAMP_MILLIS)
