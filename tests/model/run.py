@@ -463,7 +463,9 @@ def main():
         finally:
             side.stop()
         print(show(steps))
-        sys.exit(text or "no difference")
+        if text is None:
+            print("no difference")
+        sys.exit(text)
 
     goals, results = multiprocessing.Queue(), multiprocessing.Queue()
     counts = [min(EPOCH, options.requests - first) for first in range(0, options.requests, EPOCH)]
