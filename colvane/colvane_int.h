@@ -33,6 +33,8 @@ constexpr int CVN_STORAGE_MAX = 11;
 // The chunk rules of the writer.
 constexpr int CVN_MAX_ROWGROUP_NBYTE = 33554432;  // value bytes after which a row group is cut
 constexpr int CVN_COLBUF_INITSZ = 1048576;        // first capacity of a column buffer
+constexpr int CVN_COLBUF_STARTSZ = 1024;          // what it has of that before rows come
+constexpr int CVN_COLBUF_KEEPSZ = 50331648;       // memory of all column buffers that is kept for more rows
 constexpr int CVN_COLBUF_SLACK = 32;              // after it, so that texts can be searched by blocks
 constexpr int CVN_MIN_COMPRESS_NBYTE = 4096;      // smaller chunks are stored as they are
 // The bytes of a cstr that statistics keep; a longer text is cut without a NUL.
@@ -144,6 +146,10 @@ inline bool overlap_bearable(int64_t stored, int64_t filesz) {
 // Tells the kernel that a large block will be used whole, so that it is faulted in by large pages.
 void cvn_advise_large(char* block, int64_t nbyte);
 constexpr int64_t CVN_HUGE_PAGE = 2097152;
+
+// Tells the kernel that hardly anything of a zeroed block will be touched, so that no large page is spent on
+// it and its neighbours.
+void cvn_advise_sparse(char* block, int64_t nbyte);
 
 // Reads exactly `nbyte` bytes at `offset`. Returns false on failure (errno says why) or at the end of the
 // file (errno 0). An interrupted read is tried again.

@@ -79,6 +79,16 @@ void colvane::cvn_advise_large(char* block, int64_t nbyte) {
     errno = saved;
 }
 
+void colvane::cvn_advise_sparse(char* block, int64_t nbyte) {
+    // Outwards to whole pages: large blocks are mappings of their own, and so their neighbours stay alike.
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const uintptr_t before = reinterpret_cast<uintptr_t>(block) & (page - 1);
+    const auto whole = (static_cast<uintptr_t>(nbyte) + before + page - 1) & ~(page - 1);
+    const int saved = errno;
+    (void)madvise(block - before, whole, MADV_NOHUGEPAGE);  // a hint
+    errno = saved;
+}
+
 // Opening.
 
 static int cvn_scan_open_err(int code, cvn_scan_t* sc) {

@@ -8,6 +8,10 @@
 // What it needs of a column in every row (type, width) stands packed in the writer, and the heads of the
 // column buffers are spread over the cache: each buffer head lies in a large block of its own, and without
 // the spreading all of them would share one cache set.
+//
+// A column takes memory as its rows come, since a table may have thousands of columns and few rows: its buffer
+// has at first a small part of the capacity that it tells, and its bitmap's pages are not touched before a row
+// needs them.
 
 #include <errno.h>
 #include <limits.h>
@@ -28,13 +32,16 @@ using namespace colvane;
 namespace {
 
 constexpr int CVN_CACHE_LINE = 64;
-constexpr int CVN_SPREAD_LINES = 64;  // cache sets that buffer heads are spread over
+constexpr int CVN_SPREAD_LINES = 64;   // cache sets that buffer heads are spread over
+constexpr int CVN_COLBUF_SINGLE = 16;  // columns whose colbuf_t lies in a block of its own
+constexpr int CVN_COLBUF_BLOCK = 256;  // columns at most that lie in one
 
 // What an append needs to know of a column.
 struct colinfo_t {
     int32_t storage;
     int32_t width;  // of a value; -1 and -2 as from cvn_typlen
     int64_t need;   // bytes that the value of the row under way takes
+    int64_t cap;    // bytes that the column's buffer has; `bufmax` is what it may take before it must expand
 };
 
 // The handle as callers see it, and what they do not.
@@ -43,9 +50,11 @@ struct writer_t {
     colinfo_t* info;       // one per column; owned by the pool
     int* varcol;           // the columns whose values vary in length; owned by the pool
     int nvarcol;           // how many
-    int fixed_room;        // rows, at least, that every fixed-width column's buffer has room for
+    int fixed_room;        // rows, at least, that every fixed-width column's buffer has memory for
     int64_t fixed_nbyte;   // bytes that the fixed-width values of a row take together
     int64_t rowgroup_max;  // capacity of pub.rowgroup
+    char* spare;           // where the next columns' colbuf_t go; in a block of the pool
+    int nspare;            // how many have room there
 };
 
 }  // namespace
@@ -76,11 +85,20 @@ static int write_padding(cvn_t* sp) {
 
 // Column buffers.
 
-static int colbuf_init(colbuf_t* cp, mpool_t* pool) {
+// Gives a column buffer that has no memory its first.
+static int colbuf_start(colbuf_t* cp, colinfo_t* info, mpool_t* pool) {
+    info->cap = 0;
+    cp->buf = static_cast<char*>(mpool_alloc(pool, CVN_COLBUF_STARTSZ + CVN_COLBUF_SLACK));
+    if (!cp->buf) return -2;
+    info->cap = CVN_COLBUF_STARTSZ;
+    return 0;
+}
+
+static int colbuf_init(colbuf_t* cp, colinfo_t* info, mpool_t* pool) {
     if (cp->bufmax < 0) return -1;
     if (!cp->buf) {
-        cp->buf = static_cast<char*>(mpool_alloc(pool, CVN_COLBUF_INITSZ + CVN_COLBUF_SLACK));
-        if (!cp->buf) return -2;
+        const int rc = colbuf_start(cp, info, pool);
+        if (rc != 0) return rc;
         cp->bufmax = CVN_COLBUF_INITSZ;
     }
     // Bits are only ever set below nrow, so this clears all of the bitmap.
@@ -88,6 +106,20 @@ static int colbuf_init(colbuf_t* cp, mpool_t* pool) {
     cp->buftop = cp->nrow = cp->nnull = 0;
     cp->imin = cp->imax = -1;
     return 0;
+}
+
+// Lets a column buffer have memory for `need` more bytes, which `bufmax` allows: twice what it had, or what it
+// takes if that is more. Returns false when that was not to be had; the buffer is then as it was.
+static bool colbuf_grow(colbuf_t* cb, colinfo_t* info, mpool_t* pool, int bufmax, int64_t need) {
+    const int64_t least = cb->buftop + need;
+    if (least <= info->cap) return true;
+    const int64_t cap = std::min<int64_t>(bufmax, align8(std::max(least, info->cap * 2)));
+    auto* bigger =
+        static_cast<char*>(mpool_realloc(pool, cb->buf, static_cast<size_t>(cap) + CVN_COLBUF_SLACK));
+    if (!bigger) return false;
+    cb->buf = bigger;
+    info->cap = cap;
+    return true;
 }
 
 // Writing row groups.
@@ -185,7 +217,7 @@ static int flush_column(cvn_t* sp, int cno, colmeta_t* meta) {
     const auto zbyte = static_cast<size_t>(meta->zbyte);
     meta->hash = static_cast<int32_t>(XXH32(stored, zbyte, 0));
     rc = dowrite(sp, stored, zbyte);
-    if (rc == 0) rc = colbuf_init(sp->colbuf[cno], sp->mpool);
+    if (rc == 0) rc = colbuf_init(sp->colbuf[cno], &writer_of(sp)->info[cno], sp->mpool);
     if (rc == 0) rc = write_padding(sp);
     return rc;
 }
@@ -226,6 +258,24 @@ static int keep_rowgroup(writer_t* w, rowgroup_t* rg) {
 
 static int64_t rowgroup_recordsz(int ncol) { return CVN_ROWGROUP_HEADSZ + CVN_COLMETASZ * ncol; }
 
+// Gives the memory of the empty column buffers back when it is more than any one row group takes: each column
+// may have been the large one of some row group, and together they would take that many times the space.
+static int release_excess(writer_t* w) {
+    cvn_t* sp = &w->pub;
+    int64_t held = 0;
+    for (int c = 0; c < sp->ncol; c++) held += w->info[c].cap;
+    if (held <= CVN_COLBUF_KEEPSZ) return 0;
+    w->fixed_room = 0;
+    for (int c = 0; c < sp->ncol; c++) {
+        if (w->info[c].cap <= CVN_COLBUF_STARTSZ) continue;
+        mpool_free(sp->mpool, sp->colbuf[c]->buf);
+        sp->colbuf[c]->buf = nullptr;
+        const int rc = colbuf_start(sp->colbuf[c], &w->info[c], sp->mpool);
+        if (rc != 0) return rc;
+    }
+    return 0;
+}
+
 // Writes the row group under way, if it has rows.
 static int cv_flush(cvn_t* sp) {
     if (sp->ncol < 1) return -6;
@@ -249,7 +299,7 @@ static int cv_flush(cvn_t* sp) {
     rc = keep_rowgroup(writer_of(sp), rg);
     if (rc != 0) return rc;
     sp->rgcur_nbyte = 0;
-    return 0;
+    return release_excess(writer_of(sp));
 }
 
 // Creating.
@@ -319,6 +369,31 @@ static int grow_columns(writer_t* w) {
     return grown ? 0 : -2;
 }
 
+// Takes a zeroed colbuf_t from the block under way, or from a new one. Hardly any of its bitmap is touched if few
+// rows come, but only of blocks beyond 32 MiB is it certain that the memory allocator leaves them to the system to
+// clear page by page; so those of many columns lie together.
+static colbuf_t* colbuf_new(writer_t* w) {
+    constexpr size_t STRIDE = (sizeof(colbuf_t) + CVN_CACHE_LINE - 1) / CVN_CACHE_LINE * CVN_CACHE_LINE;
+    static_assert(STRIDE % 4096 == CVN_CACHE_LINE, "heads of one block lie in cache sets of their own");
+    static_assert(CVN_COLBUF_BLOCK * STRIDE > size_t{32} << 20);
+    if (w->nspare == 0) {
+        const int ncol = w->pub.ncol;
+        const int n = ncol < CVN_COLBUF_SINGLE ? 1 : std::min(ncol, CVN_COLBUF_BLOCK);
+        // Blocks start at the same offset of a page, so the first heads are moved apart by hand.
+        const size_t spread = static_cast<size_t>(ncol % CVN_SPREAD_LINES) * CVN_CACHE_LINE;
+        const size_t nbyte = static_cast<size_t>(n) * STRIDE + spread;
+        auto* block = static_cast<char*>(mpool_calloc(w->pub.mpool, nbyte));
+        if (!block) return nullptr;
+        cvn_advise_sparse(block, static_cast<int64_t>(nbyte));
+        w->spare = block + spread;
+        w->nspare = n;
+    }
+    auto* cb = reinterpret_cast<colbuf_t*>(w->spare);
+    w->spare += STRIDE;
+    w->nspare--;
+    return cb;
+}
+
 static int create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag, bool nflag) {
     const int width = cvn_typlen(typ);
     if (width == 0) return -5;
@@ -332,15 +407,13 @@ static int create_column(cvn_t* sp, const char* name, cvn_typ_t typ, bool zflag,
     def->typ = typ;
     def->zflag = zflag;
     def->nflag = nflag;
-    // Blocks of this size start at the same offset of a page, so the heads are moved apart by hand.
-    const size_t spread = static_cast<size_t>(sp->ncol % CVN_SPREAD_LINES) * CVN_CACHE_LINE;
-    auto* block = static_cast<char*>(mpool_calloc(sp->mpool, sizeof(colbuf_t) + spread));
-    if (!block) return -2;
-    auto* cb = reinterpret_cast<colbuf_t*>(block + spread);
-    const int rc = colbuf_init(cb, sp->mpool);
+    colbuf_t* cb = colbuf_new(w);
+    if (!cb) return -2;
+    colinfo_t* info = &w->info[sp->ncol];
+    *info = colinfo_t{.storage = cvn_storage(typ), .width = width, .need = width, .cap = 0};
+    const int rc = colbuf_init(cb, info, sp->mpool);
     if (rc != 0) return rc;
     sp->colbuf[sp->ncol] = cb;
-    w->info[sp->ncol] = colinfo_t{.storage = cvn_storage(typ), .width = width, .need = width};
     if (width > 0)
         w->fixed_nbyte += width;
     else
@@ -365,41 +438,43 @@ static int cv_reterr(int code, cvn_t* sp) {
 
 // Enlarges a column buffer that holds values. Returns false when that was not to be had; the buffer is then
 // as it was.
-static bool colbuf_expand(colbuf_t* cb, mpool_t* pool, int64_t need) {
+static bool colbuf_expand(colbuf_t* cb, colinfo_t* info, mpool_t* pool, int64_t need) {
     const double wanted = static_cast<double>(need + cb->bufmax) * 1.2;
     if (wanted > INT_MAX - CVN_MAX_ROWGROUP_NROW) return false;
     const int64_t bufmax = align8(static_cast<int64_t>(wanted));
     if (cb->buftop == 0 || bufmax <= cb->bufmax) return false;
-    auto* bigger =
-        static_cast<char*>(mpool_realloc(pool, cb->buf, static_cast<size_t>(bufmax) + CVN_COLBUF_SLACK));
-    if (!bigger) return false;
-    cb->buf = bigger;
+    // Where even the larger capacity is too small for the value there is nothing to get memory for.
+    if (!colbuf_grow(cb, info, pool, static_cast<int>(bufmax), std::min(need, bufmax - cb->buftop)))
+        return false;
     cb->bufmax = static_cast<int>(bufmax);
     return true;
 }
 
 // Replaces the buffer of an empty column by one of at least `need` bytes.
-static int colbuf_free_and_resize(colbuf_t* cb, mpool_t* pool, int64_t need) {
+static int colbuf_free_and_resize(colbuf_t* cb, colinfo_t* info, mpool_t* pool, int64_t need) {
     if (need > INT_MAX - CVN_MAX_ROWGROUP_NROW) return -2;
     mpool_free(pool, cb->buf);
     cb->bufmax = 0;
+    info->cap = 0;
     cb->buf = static_cast<char*>(mpool_alloc(pool, static_cast<size_t>(align8(need)) + CVN_COLBUF_SLACK));
     if (!cb->buf) return -2;
     cb->bufmax = static_cast<int>(align8(need));
+    info->cap = cb->bufmax;
     return 0;
 }
 
 // Makes room for `need` more bytes in a column buffer that lacks it, writing the row group out if nothing
 // else helps. Sets drop_file on failure, except for the inconsistencies that cannot be.
-static int make_room(cvn_t* sp, colbuf_t* cb, int64_t need) {
-    if (colbuf_expand(cb, sp->mpool, need)) return cb->bufmax - cb->buftop >= need ? 0 : -1;
+static int make_room(cvn_t* sp, colbuf_t* cb, colinfo_t* info) {
+    const int64_t need = info->need;
+    if (colbuf_expand(cb, info, sp->mpool, need)) return cb->bufmax - cb->buftop >= need ? 0 : -1;
     if (cb->buftop != 0) {
         const int rc = cv_flush(sp);
         if (rc != 0) return cv_reterr(rc, sp);
         if (cb->buftop != 0) return -1;
     }
     if (need > cb->bufmax) {
-        const int rc = colbuf_free_and_resize(cb, sp->mpool, need);
+        const int rc = colbuf_free_and_resize(cb, info, sp->mpool, need);
         if (rc != 0) return cv_reterr(rc, sp);
     }
     return 0;
@@ -446,18 +521,22 @@ static int64_t room_of(const colbuf_t* cb) { return cb->bufmax - cb->buftop; }
         }
         colbuf_t* cb = sp->colbuf[c];
         if (room_of(cb) < need) {
-            const int rc = make_room(sp, cb, need);
+            const int rc = make_room(sp, cb, &w->info[c]);
             if (rc != 0) return rc;
         }
+        if (!colbuf_grow(cb, &w->info[c], sp->mpool, cb->bufmax, need)) return cv_reterr(-2, sp);
     }
     return 0;
 }
 
-// Rows that every fixed-width column's buffer has room for.
+// What a column's buffer has memory for; never more than it has room for.
+static int64_t memory_of(const writer_t* w, int c) { return w->info[c].cap - w->pub.colbuf[c]->buftop; }
+
+// Rows that every fixed-width column's buffer has memory for.
 static int count_fixed_room(const writer_t* w) {
     int64_t room = CVN_MAX_ROWGROUP_NROW;
     for (int c = 0; c < w->pub.ncol; c++)
-        if (w->info[c].width > 0) room = std::min(room, room_of(w->pub.colbuf[c]) / w->info[c].width);
+        if (w->info[c].width > 0) room = std::min(room, memory_of(w, c) / w->info[c].width);
     return static_cast<int>(room);
 }
 
@@ -468,7 +547,7 @@ static bool fits_at_once(writer_t* w, int64_t total) {
     if (sp->rgcur_nbyte + total > CVN_MAX_ROWGROUP_NBYTE) return false;
     for (int i = 0; i < w->nvarcol; i++) {
         const int c = w->varcol[i];
-        if (room_of(sp->colbuf[c]) < w->info[c].need) return false;
+        if (memory_of(w, c) < w->info[c].need) return false;
     }
     if (w->fixed_room == 0) w->fixed_room = count_fixed_room(w);
     if (w->fixed_room == 0) return false;

@@ -3,6 +3,7 @@
 
 #include "colvane/mpool.h"
 
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -36,12 +37,13 @@ mpool_t* mpool_create() {
     return mp;
 }
 
-void* mpool_alloc(mpool_t* mp, size_t nb) {
-    void* mem = nullptr;
-    size_t total;
-    if (nb > static_cast<size_t>(INT64_MAX) || __builtin_add_overflow(nb, sizeof(mpool_item_t), &total) ||
-        posix_memalign(&mem, 16, total) != 0)
-        return nullptr;
+// Bytes of a block with its header; false when that is no size.
+static bool whole_size(size_t* ret, size_t nb) {
+    return nb <= static_cast<size_t>(INT64_MAX) && !__builtin_add_overflow(nb, sizeof(mpool_item_t), ret);
+}
+
+// Makes new memory the head of the list.
+static void* add_block(mpool_t* mp, void* mem, size_t nb) {
     CHECK_MAGIC(mp);
     auto* item = static_cast<mpool_item_t*>(mem);
     item->magic = MPOOL_MAGIC;
@@ -53,10 +55,21 @@ void* mpool_alloc(mpool_t* mp, size_t nb) {
     return item + 1;
 }
 
+void* mpool_alloc(mpool_t* mp, size_t nb) {
+    void* mem = nullptr;
+    size_t total;
+    if (!whole_size(&total, nb) || posix_memalign(&mem, 16, total) != 0) return nullptr;
+    return add_block(mp, mem, nb);
+}
+
+// calloc aligns to 16 as well, and knows which memory is fresh from the system and zero already: a large block
+// takes no page before it is written to.
+static_assert(alignof(max_align_t) >= 16);
+
 void* mpool_calloc(mpool_t* mp, size_t nb) {
-    void* ptr = mpool_alloc(mp, nb);
-    if (ptr) memset(ptr, 0, nb);
-    return ptr;
+    size_t total;
+    void* mem = whole_size(&total, nb) ? calloc(1, total) : nullptr;
+    return mem ? add_block(mp, mem, nb) : nullptr;
 }
 
 void mpool_free(mpool_t* mp, void* ptr) {

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "colvane/colvane_int.h"  // cvn_pread_full
+#include "colvane/colvane_int.h"  // cvn_pread_full, overlap_bearable
 
 namespace rows {
 
@@ -150,39 +150,109 @@ bool file_next(file_t* file, int64_t* ret_rg, file_fault_t* fault) {
 
 // Reading.
 
+static bool buf_holds(const buf_t& buf, size_t nbyte) { return buf.p && buf.cap >= nbyte + BUF_SLACK; }
+
 // Makes a buffer large enough for `nbyte`. False without memory.
 static bool ensure_buf(bufpool_t* pool, buf_t* buf, size_t nbyte) {
-    if (buf->p && buf->cap >= nbyte + BUF_SLACK) return true;
+    if (buf_holds(*buf, nbyte)) return true;
     buf_put(pool, *buf);
     *buf = buf_get(pool, nbyte);
     return buf->p != nullptr;
+}
+
+namespace {
+// Where a page is, and what is in it.
+struct place_t {
+    int fd;
+    int64_t offset;
+    cvn_page_t head;
+};
+}  // namespace
+
+// Finds the page of column `cno` and checks all that can be known of it before it is read.
+static bool locate_page(place_t* ret, file_t* file, int cno, int64_t rg, int64_t nrow, file_fault_t* fault) {
+    colmeta_t meta;
+    errno = 0;
+    if (const int code = cvn_scan_locate(file->scan, rg, cno, &ret->fd, &meta)) {
+        if (code == -3 && errno == 0) return page_fault(fault, *file, cno, rg, "it lies outside the file");
+        return code_fault(fault, file->path, code, errno);
+    }
+    ret->offset = meta.file_offset;
+    ret->head = page_head(meta, cno, file->column[static_cast<size_t>(cno)].typ);
+    const char* why = page_check(ret->head);
+    if (!why && ret->head.nrow != nrow) why = "it has another number of rows than the row group";
+    return why ? page_fault(fault, *file, cno, rg, why) : true;
+}
+
+// Bytes of the table of positions that values of varying width need.
+static int64_t positions_size(cvn_typ_t typ, int64_t nrow) {
+    return cvn_typlen(typ) < 0 ? (nrow + 1) * int64_t{sizeof(int32_t)} : 0;
+}
+
+bool file_prove(file_t* file, file_fault_t* fault) {
+    // A split directory has a file per column, and so a sum per column.
+    std::vector<int64_t> stored(file->scan->split_mode ? file->column.size() : 1);
+    const int ncol = static_cast<int>(file->column.size());
+    for (int64_t rg = 0; rg < file->nrowgroup; rg++) {
+        const int64_t nrow = cvn_scan_get_rowgroup_size(file->scan, rg);
+        for (int c = 0; c < ncol; c++) {
+            place_t place;
+            if (!locate_page(&place, file, c, rg, nrow, fault)) return false;
+            struct stat st;
+            if (fstat(place.fd, &st) != 0) return code_fault(fault, file->path, -3, errno);
+            // Cannot overflow: neither the pages nor the bytes of one are more than 32 bits can count.
+            int64_t& sum = stored[file->scan->split_mode ? static_cast<size_t>(c) : 0];
+            sum += place.head.zbyte;
+            if (!colvane::overlap_bearable(sum, st.st_size))
+                return page_fault(fault, *file, c, rg, "it has its bytes in common with too many others");
+        }
+    }
+    return true;
+}
+
+// Adds a buffer of `nbyte` bytes for which there is `have`.
+static void add_need(file_need_t* need, const buf_t& have, int64_t nbyte) {
+    if (nbyte == 0) return;
+    const int64_t most = buf_most(nbyte);
+    need->all += most;
+    if (!buf_holds(have, static_cast<size_t>(nbyte))) need->more += most;
+}
+
+bool file_need(file_t* file, int64_t rg, std::span<const column_t> have, file_need_t* ret,
+               file_fault_t* fault) {
+    const int64_t nrow = cvn_scan_get_rowgroup_size(file->scan, rg);
+    file_need_t need{};
+    int64_t stored = 0;
+    for (int c = 0; c < static_cast<int>(file->column.size()); c++) {
+        place_t place;
+        if (!locate_page(&place, file, c, rg, nrow, fault)) return false;
+        const auto k = static_cast<size_t>(c);
+        add_need(&need, k < have.size() ? have[k].value : buf_t{}, place.head.nbyte);
+        add_need(&need, k < have.size() ? have[k].offset : buf_t{}, positions_size(place.head.typ, nrow));
+        if (place.head.zbyte < place.head.nbyte) stored = std::max<int64_t>(stored, place.head.zbyte);
+    }
+    add_need(&need, file->stored, stored);
+    *ret = need;
+    return true;
 }
 
 // Reads the page of column `cno` to where it stays.
 static bool read_page(file_t* file, int cno, int64_t rg, int64_t nrow, column_t* col, file_fault_t* fault) {
     const file_column_t& def = file->column[static_cast<size_t>(cno)];
     bufpool_t* pool = file->pool.get();
-    int fd;
-    colmeta_t meta;
-    errno = 0;
-    if (const int code = cvn_scan_locate(file->scan, rg, cno, &fd, &meta)) {
-        if (code == -3 && errno == 0) return page_fault(fault, *file, cno, rg, "it lies outside the file");
-        return code_fault(fault, file->path, code, errno);
-    }
-    const cvn_page_t head = page_head(meta, cno, def.typ);
-    const char* why = page_check(head);
-    if (!why && head.nrow != nrow) why = "it has another number of rows than the row group";
-    if (why) return page_fault(fault, *file, cno, rg, why);
+    place_t place;
+    if (!locate_page(&place, file, cno, rg, nrow, fault)) return false;
+    const cvn_page_t& head = place.head;
     buf_t* const buf = head.zbyte == head.nbyte ? &col->value : &file->stored;
-    const auto nvalue = cvn_typlen(def.typ) < 0 ? (static_cast<size_t>(nrow) + 1) * sizeof(int32_t) : 0;
+    const auto nvalue = static_cast<size_t>(positions_size(def.typ, nrow));
     if (!ensure_buf(pool, &col->value, static_cast<size_t>(head.nbyte)) ||
         !ensure_buf(pool, buf, static_cast<size_t>(head.zbyte)) ||
         (nvalue > 0 && !ensure_buf(pool, &col->offset, nvalue)))
         return code_fault(fault, file->path, -2, 0);
     errno = 0;
-    if (!colvane::cvn_pread_full(fd, buf->p, static_cast<size_t>(head.zbyte), meta.file_offset))
+    if (!colvane::cvn_pread_full(place.fd, buf->p, static_cast<size_t>(head.zbyte), place.offset))
         return code_fault(fault, file->path, -3, errno);
-    why = page_unpack(pool, &col->value, head, buf->p);
+    const char* why = page_unpack(pool, &col->value, head, buf->p);
     if (!why) why = page_view(pool, col, head, def.name.c_str());
     return why ? page_fault(fault, *file, cno, rg, why) : true;
 }

@@ -88,6 +88,21 @@ void file_close(file_t* file);
 // Stores the number of the next row group that may hold such a row, or -1 after the last.
 [[nodiscard]] bool file_next(file_t* file, int64_t* ret_rg, file_fault_t* fault);
 
+// Proves of all pages of all row groups, without reading one, that the file can hold what its footer says: each
+// lies in the file, is as large as its type and the row group's rows want it, its stored bytes can decompress
+// to that size, and the pages together do not claim many times the file's bytes. False for the first that
+// cannot be.
+[[nodiscard]] bool file_prove(file_t* file, file_fault_t* fault);
+
+// What reading all columns of a row group takes at most, in bytes of memory: with nothing there yet, and what comes
+// to the memory of the columns `have` of an earlier one.
+struct file_need_t {
+    int64_t all;
+    int64_t more;
+};
+[[nodiscard]] bool file_need(file_t* file, int64_t rg, std::span<const column_t> have, file_need_t* ret,
+                             file_fault_t* fault);
+
 // Reads a row group: as many decoded columns as are wanted, all of the row group's number of rows. `*ret` may
 // hold columns of an earlier one, whose memory is used again; the columns go back to `file->pool` (column_free),
 // and their views borrow the names of `file->column`. After a failure `*ret` holds columns for column_free alone.

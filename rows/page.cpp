@@ -45,8 +45,20 @@ static void buf_free(const buf_t& buf) {
         munmap(buf.p, buf.cap);
 }
 
+void bufpool_clear(bufpool_t* pool) {
+    const std::lock_guard lock(pool->mutex);
+    for (const buf_t& b : pool->idle) buf_free(b);
+    pool->idle.clear();
+    pool->idlesz = 0;
+}
+
 bufpool_t::~bufpool_t() {
     for (const buf_t& b : idle) buf_free(b);
+}
+
+int64_t buf_most(int64_t nbyte) {
+    constexpr int64_t ROUNDING = PAGE_ALIGN + BUF_SLACK + BUF_ALIGN;
+    return nbyte + nbyte / 16 + ROUNDING;
 }
 
 buf_t buf_get(bufpool_t* pool, size_t nbyte) {

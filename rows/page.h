@@ -38,6 +38,8 @@ struct bufpool_t {
 constexpr size_t BUF_SLACK = 64;
 [[nodiscard]] buf_t buf_get(bufpool_t* pool, size_t nbyte);  // `p` is null without memory
 void buf_put(bufpool_t* pool, buf_t buf);                    // an empty one is accepted
+void bufpool_clear(bufpool_t* pool);                         // gives back what lies idle
+[[nodiscard]] int64_t buf_most(int64_t nbyte);               // what a new buffer of `nbyte` takes at most
 
 // A page's head is a cvn_page_t of which only the CVN_PAGE_HEADSZ bytes before `buf` are used: copy that many,
 // not its size.

@@ -99,12 +99,13 @@ int main(int argc, char** argv) {
     }
     const char* tmpdir = getenv("TMPDIR");
     try {
-        sample_files(STDOUT_FILENO, nrow, seed, operand, tmpdir && *tmpdir ? tmpdir : "/tmp");
+        sample_files(STDOUT_FILENO, nrow, seed, operand, tmpdir && *tmpdir ? tmpdir : "/tmp",
+                     SAMPLE_MEMORY_MAX);
     } catch (const sample_error& e) {
         fprintf(stderr, "cvnsamp: %s\n", e.what());
         return STATUS_FAILED;
     } catch (const std::bad_alloc&) {
-        fputs("cvnsamp: out of memory\n", stderr);
+        fprintf(stderr, "cvnsamp: %s\n", SAMPLE_NOMEM);
         return STATUS_FAILED;
     }
     return 0;

@@ -1,6 +1,6 @@
-// Two passes over the files. The first reads the footers, compares the schemas and counts rows, keeping 16
-// bytes per file; then the rows are chosen; the second walks the row groups and reads those that hold a
-// chosen row.
+// Two passes over the files. The first reads the footers, compares the schemas, proves that the files can hold
+// the rows that they claim, and counts these, keeping 16 bytes per file; then it is chosen how many rows each
+// takes; the second walks the row groups and reads those that hold a chosen row.
 //
 // The files may be replaced or removed in between: the second pass wants the footer hash of the first.
 #include "sampler/sample.h"
@@ -18,10 +18,19 @@
 
 #include "rows/file.h"
 #include "sampler/choose.h"
+#include "sampler/memory.h"
 
 namespace {
 
 constexpr size_t COPY_BUFSZ = 1 << 16;
+// Memory of earlier row groups that is kept for the next one, with what that adds.
+constexpr int64_t REUSE_MAX = int64_t{96} << 20;
+// Left for what is mapped but not in memory yet: the program's own pages.
+constexpr int64_t MEMORY_RESERVE = int64_t{12} << 20;
+// Per column: what the writer maps for its null bitmap, in blocks, and what of that it comes to touch.
+constexpr int64_t COLUMN_SPACE = sizeof(colbuf_t) + 4096;
+constexpr int64_t COLUMN_BLOCK = int64_t{40} << 20;
+constexpr int64_t COLUMN_TOUCHED = 4096;
 
 class fd_t {
  public:
@@ -57,8 +66,14 @@ class writer_t {
 struct columns_t {
     std::vector<rows::column_t> column;
     rows::bufpool_t* pool;
-    ~columns_t() {
+    ~columns_t() { release(); }
+    void release() {
         for (rows::column_t& c : column) rows::column_free(pool, &c);
+    }
+    [[nodiscard]] int64_t held() const {
+        size_t sum = pool->idlesz;
+        for (const rows::column_t& c : column) sum += c.value.cap + c.offset.cap;
+        return static_cast<int64_t>(sum);
     }
 };
 
@@ -76,7 +91,7 @@ struct source_t {
 
 [[noreturn]] static void fail_code(const std::string& path, int code, int err) {
     switch (code) {
-        case -2: fail(path, "out of memory");
+        case -2: fail(path, SAMPLE_NOMEM);
         case -3: fail(path, err ? strerror(err) : "ends too early: damaged, or not a data file");
         case -7: fail(path, "damaged, or not a data file");
         default: fail(path, "cannot be read (code " + std::to_string(code) + ")");
@@ -100,6 +115,9 @@ static void open_file(rows::file_t* ret, const std::string& path,
     rows::file_fault_t fault;
     if (!rows::file_open(ret, path, pool, &fault)) fail_file(fault);
     if (ret->column.empty()) fail(path, "has no columns");
+    if (ret->column.size() > SAMPLE_COLUMN_MAX)
+        fail(path, "has " + std::to_string(ret->column.size()) + " columns: no more than " +
+                       std::to_string(SAMPLE_COLUMN_MAX) + " can be sampled");
     for (const rows::file_column_t& c : ret->column)
         if (cvn_typlen(c.typ) == 0)
             fail(path, "column '" + c.name + "' has the unknown type " + std::to_string(c.typ));
@@ -119,8 +137,9 @@ static void compare(const std::vector<rows::file_column_t>& first,
                            "' " + cvn_typ_str(first[c].typ));
 }
 
-// Rows by the row groups, which is what the second pass walks; they must agree with the file's own count.
-static int64_t count_rows(const rows::file_t& file) {
+// Rows by the row groups, which is what the second pass walks; they must agree with the file's own count, and
+// the file must be large enough for them.
+static int64_t count_rows(rows::file_t& file) {
     int64_t sum = 0;
     for (int64_t rg = 0; rg < file.nrowgroup; rg++) {
         const int64_t n = cvn_scan_get_rowgroup_size(file.scan, rg);
@@ -131,13 +150,30 @@ static int64_t count_rows(const rows::file_t& file) {
     if (sum != file.nrow)
         fail(file.path, "damaged: its row groups have " + std::to_string(sum) + " rows, the file claims " +
                             std::to_string(file.nrow));
+    rows::file_fault_t fault;
+    if (!rows::file_prove(&file, &fault)) fail_file(fault);
     return sum;
 }
 
 [[noreturn]] static void fail_write(const std::string& tmpdir, int code, int err) {
-    if (code == -2) throw sample_error("out of memory");
+    if (code == -2) throw sample_error(SAMPLE_NOMEM);
     throw sample_error("cannot write the sample in '" + tmpdir +
                        "': " + (code == -3 ? strerror(err) : "code " + std::to_string(code)));
+}
+
+// Makes sure that a row group can be read: gives back what earlier ones left where it would be too much together.
+static void make_room(rows::file_t* file, int64_t rg, columns_t* columns) {
+    rows::file_fault_t fault;
+    rows::file_need_t need;
+    if (!rows::file_need(file, rg, columns->column, &need, &fault)) fail_file(fault);
+    if (need.all > SAMPLE_ROWGROUP_MAX)
+        fail(file->path, "row group " + std::to_string(rg) + " takes " + std::to_string(need.all) +
+                             " bytes of memory: no more than " + std::to_string(SAMPLE_ROWGROUP_MAX) +
+                             " can be sampled");
+    if (columns->held() + static_cast<int64_t>(file->stored.cap) + need.more <= REUSE_MAX) return;
+    columns->release();
+    rows::buf_put(columns->pool, std::exchange(file->stored, rows::buf_t{}));
+    rows::bufpool_clear(columns->pool);
 }
 
 // Appends the chosen rows of one file.
@@ -153,13 +189,18 @@ static void sample_file(cvn_t* w, row_choice_t* choice, const source_t& source, 
     std::iota(want.begin(), want.end(), 0);
     rows::file_fault_t fault;
     if (!rows::file_want(&file, want, &fault)) fail_file(fault);
+    std::vector<uint64_t> group_nrow;
+    for (int64_t rg = 0; rg < file.nrowgroup; rg++)
+        group_nrow.push_back(static_cast<uint64_t>(cvn_scan_get_rowgroup_size(file.scan, rg)));
+    choice->open_file(group_nrow);
     std::vector<uint32_t> chosen;
     columns_t columns{.column = {}, .pool = pool.get()};
     std::vector<cvn_datum_t> datum(ncol);
     const auto isnull = std::make_unique<bool[]>(ncol);
     for (int64_t rg = 0; rg < file.nrowgroup; rg++) {
-        choice->take(static_cast<uint32_t>(cvn_scan_get_rowgroup_size(file.scan, rg)), &chosen);
+        choice->take(static_cast<uint32_t>(group_nrow[static_cast<size_t>(rg)]), &chosen);
         if (chosen.empty()) continue;
+        make_room(&file, rg, &columns);
         if (!rows::file_read(&file, rg, &columns.column, &fault)) fail_file(fault);
         for (const uint32_t row : chosen) {
             for (size_t c = 0; c < ncol; c++) {
@@ -224,7 +265,11 @@ static int create_temp(cvn_t** ret, const std::string& tmpdir) {
 }
 
 uint64_t sample_files(int out, uint64_t nrow, uint64_t seed, const std::vector<std::string>& files,
-                      const std::string& tmpdir) {
+                      const std::string& tmpdir, int64_t memory) {
+    const auto limit = [memory](int64_t touched, int64_t untouched) {
+        if (memory > 0) memory_limit(memory - MEMORY_RESERVE - touched, untouched);
+    };
+    limit(0, 0);
     if (files.empty()) throw sample_error("no data files, so there is no schema to write");
     const auto pool = std::make_shared<rows::bufpool_t>();
     std::vector<source_t> source;
@@ -244,16 +289,21 @@ uint64_t sample_files(int out, uint64_t nrow, uint64_t seed, const std::vector<s
     cvn_t* created = nullptr;
     const fd_t tmp(create_temp(&created, tmpdir));
     writer_t writer(created);
+    const auto ncol = static_cast<int64_t>(column.size());
+    limit(0, ncol * COLUMN_SPACE + COLUMN_BLOCK);
     for (const rows::file_column_t& c : column) {
         if (const int code = cvn_create_column(writer.get(), c.name.c_str(), c.typ, c.zflag, c.nflag)) {
             (void)writer.release();  // gone with the failure
             fail_write(tmpdir, code, errno);
         }
     }
-    row_choice_t choice(seed, nrow, static_cast<uint64_t>(total));
+    limit(ncol * COLUMN_TOUCHED, 0);
+    std::vector<uint64_t> file_nrow;
+    for (const source_t& s : source) file_nrow.push_back(static_cast<uint64_t>(s.nrow));
+    row_choice_t choice(seed, nrow, file_nrow);
     const uint64_t chosen = choice.left();
     for (size_t i = 0; i < files.size() && choice.left() > 0; i++) {
-        if (source[i].nrow > 0)
+        if (!choice.skip_file())
             sample_file(writer.get(), &choice, source[i], column.size(), files[i], pool, tmpdir);
     }
     if (const int code = cvn_close(writer.release())) fail_write(tmpdir, code, errno);

@@ -7,6 +7,10 @@ if(TARGET cvnsamp)
     COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/package/test_cvnsamp.py
       --cvnsamp $<TARGET_FILE:cvnsamp> --golden ${CMAKE_CURRENT_SOURCE_DIR}/golden)
   set_tests_properties(cvnsamp.command_line PROPERTIES TIMEOUT 120)
+  add_test(NAME cvnsamp.memory
+    COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/package/test_cvnsamp_memory.py
+      --cvnsamp $<TARGET_FILE:cvnsamp> "--sanitize=${KELPD_SANITIZE}")
+  set_tests_properties(cvnsamp.memory PROPERTIES TIMEOUT 600 ENVIRONMENT "${python_test_environment}")
 endif()
 
 # A program of somebody else's that uses the installed client.

@@ -541,6 +541,19 @@ def build_listed(columns, groups, nrow=None):
     return File(bytes(out.data), columns, tuple(tuple(page for page, _, _ in group) for group in placed), nrow), out
 
 
+def claim(columns, stored, groups):
+    """The bytes of a file with the bytes `stored` after its head and a footer that claims `groups`, true or not: per
+    row group one Page and its offset per column. Only the numbers of a page are used, not its body."""
+    out = Bytes()
+    out.put(HEAD_MAGIC, "head magic")
+    out.put(stored + bytes(align8(len(stored)) - len(stored)), "stored bytes")
+    begin = len(out.data)
+    placed = [[(page, offset, (None, None)) for page, offset in group] for group in groups]
+    _put_footer(out, columns, sum(group[0][0].nrow for group in groups), placed)
+    _put_trailer(out, begin)
+    return bytes(out.data)
+
+
 def build_split(columns, groups):
     """The split directory of the same file: the bytes of each column's file, and the Bytes of its metadata file, in
     which a chunk's offset is the one in its column's file and the footer's hash is the data file's."""

@@ -774,6 +774,66 @@ TEST_F(CvnWrite, ReplacesAnEmptyBufferByOneOfExactlyTheNeed) {
     EXPECT_EQ((2 << 20) + 2u, reader::decode(read_file(path_)).value[0][0].bytes.size());
 }
 
+// Values of 20 MiB, each in another column: together the columns' buffers would pass what is kept of them.
+TEST_F(CvnWrite, WritesTheSameFileWhereBuffersAreGivenBackBetweenRowGroups) {
+    constexpr size_t NCOL = 6;
+    table_t t;
+    for (size_t c = 0; c < NCOL; c++) t.column.push_back({"c"s.append(std::to_string(c)), CVN_TYP_BYTEA});
+    t.value.resize(NCOL);
+    for (size_t r = 0; r < 2 * NCOL; r++)
+        for (size_t c = 0; c < NCOL; c++)
+            t.value[c].push_back(r % NCOL == c ? text(std::string(20 << 20, static_cast<char>('a' + r)))
+                                               : null_value());
+    write_table(path_, t);
+    EXPECT_TRUE(reader::encode(t.column, t.value) == read_file(path_));
+    EXPECT_LT(2u, group_rows(path_).size());
+}
+
+// Growing in small steps first, whatever the values; the capacity that is told is the one of the growth rule.
+TEST_F(CvnWrite, TellsTheWholeCapacityFromTheStartAndKeepsIt) {
+    create({{"n", CVN_TYP_INT16}, {"a", CVN_TYP_CSTR}, {"b", CVN_TYP_BYTEA}});
+    std::mt19937_64 rng(11);
+    for (int i = 0; i < 3000; i++) {
+        for (int c = 0; c < 3; c++) ASSERT_EQ(1048576, w_->colbuf[c]->bufmax);
+        const std::string s(rng() % 300, 'x');
+        cvn_datum_t d[3] = {};
+        d[1].t = s.c_str();
+        d[2].a.ptr = s.data();
+        d[2].a.len = static_cast<int32_t>(s.size());
+        const bool null[3] = {i % 5 == 0, i % 7 == 0, i % 3 == 0};
+        ASSERT_EQ(0, cvn_append(w_, 3, d, null));
+    }
+    EXPECT_EQ(6000, w_->colbuf[0]->buftop);
+    ASSERT_EQ(0, cvn_close(w_));
+    w_ = nullptr;
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+// Bytes of memory of this process.
+int64_t resident() {
+    std::ifstream statm("/proc/self/statm");
+    int64_t space = 0, pages = 0;
+    statm >> space >> pages;
+    return pages * sysconf(_SC_PAGESIZE);
+}
+
+TEST_F(CvnWrite, TakesLittleMemoryForColumnsWithFewRows) {
+    constexpr int NCOL = 3000;
+    std::vector<column_t> column;
+    for (int c = 0; c < NCOL; c++) column.push_back({"c"s.append(std::to_string(c)), CVN_TYP_INT64});
+    const int64_t before = resident();
+    create(column);
+    const std::vector<cvn_datum_t> d(NCOL);
+    const auto null = std::make_unique<bool[]>(NCOL);
+    for (int r = 0; r < 100; r++) ASSERT_EQ(0, cvn_append(w_, NCOL, d.data(), null.get()));
+    EXPECT_LT(resident() - before, 80 << 20) << "the bitmaps alone would be 375 MiB";
+    for (int c = 0; c < NCOL; c++)
+        for (const size_t i : {size_t{0}, size_t{13}, sizeof(colbuf_t::nmap) - 1})
+            ASSERT_EQ(0, w_->colbuf[c]->nmap[i]) << "every byte of it is there, and zero";
+    ASSERT_EQ(0, cvn_close(w_));
+}
+#endif
+
 TEST_F(CvnWrite, WritesOnlyChunksToACallersStream) {
     const table_t t = all_types_table(9, 500);
     FILE* fp = fopen(path_.c_str(), "wb");

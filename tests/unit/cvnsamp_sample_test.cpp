@@ -31,7 +31,7 @@ class CvnsampSample : public ::testing::Test {
         error_.clear();
         chosen_ = 0;
         try {
-            chosen_ = sample_files(fd, nrow, seed, files, tmp);
+            chosen_ = sample_files(fd, nrow, seed, files, tmp, 0);
         } catch (const sample_error& e) {
             error_ = e.what();
         }
@@ -201,12 +201,20 @@ TEST_F(CvnsampSample, ReadsOnlyTheRowGroupsThatHoldAChosenRow) {
     const auto offset = static_cast<size_t>(load<int64_t>(file, meta));
     file[offset] = static_cast<char>(~file[offset]);
     write_file(large, file);
+    const std::vector<uint64_t> group_nrow = {first, end - first, 70 - end};
     int untouched = 0, noticed = 0;
     for (uint64_t seed = 0; seed < 12; seed++) {
-        row_choice_t choice(seed, 1, 70);
+        const std::vector<uint64_t> all = {70};
+        row_choice_t choice(seed, 1, all);
+        choice.open_file(group_nrow);
         std::vector<uint32_t> rows;
-        choice.take(70, &rows);
-        const bool needed = rows[0] >= first && rows[0] < end;
+        uint64_t row = 0, at_row = 0;
+        for (const uint64_t n : group_nrow) {
+            choice.take(static_cast<uint32_t>(n), &rows);
+            if (!rows.empty()) row = at_row + rows[0];
+            at_row += n;
+        }
+        const bool needed = row >= first && row < end;
         const std::string out = sample(1, seed, {large});
         if (needed) {
             EXPECT_EQ("'" + large + "': damaged: row group 1, column 'body': its hash does not match",
@@ -214,7 +222,7 @@ TEST_F(CvnsampSample, ReadsOnlyTheRowGroupsThatHoldAChosenRow) {
             ++noticed;
         } else {
             EXPECT_EQ("", error_);
-            EXPECT_EQ(i32(static_cast<int32_t>(rows[0])), scan_table(out).value[0][0]);
+            EXPECT_EQ(i32(static_cast<int32_t>(row)), scan_table(out).value[0][0]);
             ++untouched;
         }
     }
@@ -402,7 +410,7 @@ TEST_F(CvnsampSample, MakesTheSampleInAFileThatNeverHasAName) {
     ASSERT_GE(inotify_add_watch(watch, path("tmp").c_str(), IN_CREATE | IN_MOVED_TO), 0);
     const int out = open(path("out.cvn").c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
     ASSERT_GE(out, 0);
-    EXPECT_EQ(3u, sample_files(out, 3, 1, {path("a.cvn")}, path("tmp")));
+    EXPECT_EQ(3u, sample_files(out, 3, 1, {path("a.cvn")}, path("tmp"), 0));
     close(out);
     char event[4096];
     EXPECT_EQ(-1, read(watch, event, sizeof(event)));
@@ -416,7 +424,7 @@ TEST_F(CvnsampSample, SaysThatTheOutputIsFull) {
     const int full = open("/dev/full", O_WRONLY);
     ASSERT_GE(full, 0);
     try {
-        sample_files(full, 3, 1, {path("a.cvn")}, dir_.str());
+        sample_files(full, 3, 1, {path("a.cvn")}, dir_.str(), 0);
         ADD_FAILURE() << "a full output was taken for a written one";
     } catch (const sample_error& e) {
         EXPECT_STREQ("cannot write to standard output: No space left on device", e.what());
@@ -427,7 +435,7 @@ TEST_F(CvnsampSample, SaysThatTheOutputIsFull) {
 TEST_F(CvnsampSample, SaysThatThereIsNowhereToMakeTheSample) {
     write_table(path("a.cvn"), numbered(0, 9));
     try {
-        sample_files(-1, 3, 1, {path("a.cvn")}, path("none"));
+        sample_files(-1, 3, 1, {path("a.cvn")}, path("none"), 0);
         ADD_FAILURE() << "a missing directory was accepted";
     } catch (const sample_error& e) {
         EXPECT_EQ("cannot make a file in '" + path("none") + "': No such file or directory",
