@@ -65,11 +65,17 @@ void* mpool_alloc(mpool_t* mp, size_t nb) {
 // calloc aligns to 16 as well, and knows which memory is fresh from the system and zero already: a large block
 // takes no page before it is written to.
 static_assert(alignof(max_align_t) >= 16);
+constexpr size_t CALLOC_MIN = size_t{1} << 20;
 
 void* mpool_calloc(mpool_t* mp, size_t nb) {
     size_t total;
-    void* mem = whole_size(&total, nb) ? calloc(1, total) : nullptr;
-    return mem ? add_block(mp, mem, nb) : nullptr;
+    if (nb >= CALLOC_MIN) {
+        void* mem = whole_size(&total, nb) ? calloc(1, total) : nullptr;
+        return mem ? add_block(mp, mem, nb) : nullptr;
+    }
+    void* ptr = mpool_alloc(mp, nb);
+    if (ptr) memset(ptr, 0, nb);
+    return ptr;
 }
 
 void mpool_free(mpool_t* mp, void* ptr) {

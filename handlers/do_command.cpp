@@ -53,8 +53,19 @@ static const char* do_sample_ret(const char* err, dir_item_t* ls, text_t* arglin
     return err;
 }
 
+// The pages that one argument of a program takes at most, its NUL included; the system has no name for it.
+constexpr size_t MAX_ARGUMENT_PAGES = 32;
+
 // Runs the command line, which writes `tmpfname`. False when the shell cannot be started.
 static bool run_sampler(htreply_t* reply, const char* line) {
+    // The line is one argument of the shell.
+    const size_t max = MAX_ARGUMENT_PAGES * static_cast<size_t>(sysconf(_SC_PAGESIZE)) - 1;
+    if (const size_t len = strlen(line); len > max) {
+        if (verbose)
+            fprintf(stderr, "do_sample: %zu bytes of command line, the shell takes %zu: too many files\n",
+                    len, max);
+        return false;
+    }
     // A sampler that lingers must not keep the client's connection open.
     (void)fcntl(reply->fd, F_SETFD, FD_CLOEXEC);
     FILE* fp = popen(line, "r");

@@ -8,28 +8,16 @@
 #include <string.h>
 #include <unistd.h>
 
-#define JSMN_STATIC
-#include <jsmn.h>
-
 #include <string_view>
 
 #include "common/number.h"
 #include "common/verbose.h"
 #include "handlers/handlers.h"
+#include "handlers/json.h"
 #include "store/util.h"
 
 constexpr int POST_MAXBODY = 32768;
-constexpr int FIRST_NTOKEN = 200;
 constexpr int MAX_NUMBER = 19;  // characters of a fragment's number
-
-namespace {
-// A tokenised text.
-struct json_t {
-    const char* text;  // borrowed
-    jsmntok_t* tok;    // owned; the children of a token follow it
-    int ntok;
-};
-}  // namespace
 
 void colname_free(colname_t* lst) {
     while (lst) {
@@ -70,32 +58,6 @@ static std::string_view token_text(const json_t* json, int i) {
 static char* token_copy(const json_t* json, int i) {
     const std::string_view s = token_text(json, i);
     return strndup(s.data(), s.size());
-}
-
-static const char* parse_json_err(const char* err, json_t* json) {
-    free(json->tok);
-    json->tok = nullptr;
-    return err;
-}
-
-static const char* parse_json(json_t* ret_json, const char* text, int len) {
-    *ret_json = {};
-    json_t json = {.text = text};
-    jsmn_parser parser;
-    jsmn_init(&parser);
-    unsigned max = FIRST_NTOKEN;
-    for (;;) {
-        // A body has no more tokens than bytes, so the array stays below a megabyte.
-        jsmntok_t* tok = static_cast<jsmntok_t*>(realloc(json.tok, max * sizeof(*tok)));
-        if (!tok) return parse_json_err(STATUS_NOMEM, &json);
-        json.tok = tok;
-        json.ntok = jsmn_parse(&parser, text, static_cast<size_t>(len), json.tok, max);
-        if (json.ntok != JSMN_ERROR_NOMEM) break;  // else it resumes where it stopped
-        max = max * 3 / 2;
-    }
-    if (json.ntok < 0) return parse_json_err(STATUS_BAD_CONTENT, &json);
-    *ret_json = json;
-    return nullptr;
 }
 
 static const char* parse_colname_array_err(const char* err, colname_t* lst) {
@@ -249,7 +211,7 @@ const char* parse_entity_request(colname_t** ret_colname, cond_t** ret_cond, com
     colname_t* colname = nullptr;
     cond_t* cond = nullptr;
     json_t json;
-    if (const char* err = parse_json(&json, text, len))
+    if (const char* err = json_tokenise(&json, text, len))
         return parse_entity_request_err(err, &json, colname, cond);
     if (!is_token(&json, 0, JSMN_OBJECT))
         return parse_entity_request_err(STATUS_BAD_CONTENT, &json, colname, cond);

@@ -1,6 +1,6 @@
 # The daemon: one program per source, handlers included, over socket pairs and temporary data directories.
 foreach(name conf confine hturl htreq htreply number util dir dir2 kelpd_shared
-             do_get do_put do_delete do_post_parse do_post do_scan do_command)
+             do_get do_put do_delete json do_post_parse do_post do_scan do_command)
   kelpd_unit(${name} kelpd_core)
 endforeach()
 

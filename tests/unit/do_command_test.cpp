@@ -158,6 +158,42 @@ TEST_F(DoCommand, ACommandLineTooLongForTheShellIsAServerError) {
     EXPECT_FALSE(fs::exists("ran"));
     EXPECT_TRUE(tmp_is_empty());
 }
+TEST_F(DoCommand, TheLongestCommandLineOfTheShellRunsAndOneByteMoreStartsNone) {
+    sampler("");
+    // "cvnsamp 3", a blank, two quotes and the path per file, and " > tmp/..." at the end, whose numbers vary in
+    // length: so the lengths go over the limit one by one until the first is refused.
+    constexpr size_t MAX = 131071, PER_FILE = 3 + 11, NAME = 200;
+    const size_t nfile = MAX / (PER_FILE + NAME) - 1;
+    for (size_t i = 0; i < nfile; i++) {
+        std::string n = std::to_string(i);
+        write_file(dir + "/" + std::string(NAME - 4 - n.size(), 'n') + n + ".cvn", "");
+    }
+    std::string last;
+    size_t nrun = 0;
+    verbose = 1;
+    for (size_t len = 5; len < 250; len++) {
+        if (!last.empty()) fs::remove(last);
+        last = dir + "/" + std::string(len - 4, 'm') + ".cvn";
+        write_file(last, "");
+        fs::remove("args");
+        const result_t r = command("\"sample\",\"3\"");
+        const size_t at = r.log.find("do_sample: cvnsamp") + 11;
+        const size_t line = r.log.find('\n', at) - at;
+        EXPECT_EQ(line <= MAX, fs::exists("args")) << line;
+        if (line > MAX) {
+            expect_status("500 Internal Server Error", r);
+            EXPECT_NE(std::string::npos,
+                      r.log.find("do_sample: " + std::to_string(line) +
+                                 " bytes of command line, the shell takes 131071: too many files\n"
+                                 "popen failed\n"));
+            break;
+        }
+        nrun++;
+        len += MAX - line > 12 ? std::min<size_t>(MAX - line - 10, 240 - len) : 0;
+    }
+    EXPECT_GT(nrun, 1u);
+    EXPECT_TRUE(tmp_is_empty());
+}
 TEST_F(DoCommand, ASampleWhoseHeadCannotBeSentLeavesItsOutput) {
     sampler("echo x");
     int fd[2];
