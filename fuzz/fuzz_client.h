@@ -14,16 +14,11 @@
 #include <vector>
 
 #include "clients/cpp/client_int.h"
+#include "fuzz/fuzz_file.h"
 
 namespace fuzz {
 
 using namespace kelp;
-
-inline void demand(bool good, const char* promise) {
-    if (good) return;
-    fprintf(stderr, "BROKEN PROMISE: %s\n", promise);
-    abort();
-}
 
 // Calls `take(p, n)` for pieces of `s`, each copied to memory of its own size, until it returns a code. Seed
 // 0 gives one piece; other seeds give pieces of 1 to 64 bytes.

@@ -1,16 +1,18 @@
 #!/usr/bin/env python3
-"""Makes the seed inputs of the fuzz targets of the columnar library and of the client, most out of tests/golden. Inputs
-that were found later stand beside them under other names and are left alone."""
+"""Makes the seed inputs of the fuzz targets, most out of tests/golden. Inputs that were found later stand beside them
+under other names and are left alone."""
 import os
 import struct
 import sys
+from decimal import Decimal
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 GOLDEN = os.path.join(HERE, "..", "tests", "golden")
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 
 import cvnfile  # noqa: E402
-from cvnfile import CSTR, END, INT32, INT64, Layout, page, patched, record  # noqa: E402
+from cvnfile import (  # noqa: E402
+    BOOL, BYTEA, CSTR, DEC64, DEC128, DOUBLE, END, INT32, INT64, TIME_MILLIS, Column, Layout, page, patched, record)
 from replies import LAST_CHUNK, chunk  # noqa: E402
 
 
@@ -93,6 +95,8 @@ def main():
     compressed = cvnfile.read(read("compressed.cvn")).groups[0][0]
     put("lz4", "page", struct.pack("<i", compressed.nbyte) + compressed.body)
     client()
+    local_files()
+    daemon()
 
 
 # The client: what a server says, and what users type.
@@ -210,6 +214,119 @@ def client():
     client_pages()
     client_http()
     client_texts()
+
+
+# Data files as each reader takes them, with the bytes that say what it is to do.
+
+
+def data_files():
+    """Files by name: the golden ones that are small, and some with what those lack."""
+    for name in ("empty", "types", "compressed", "text50", "groups"):
+        yield name, read(name + ".cvn")
+    columns = [Column(b"day", TIME_MILLIS), Column(b"sum", DEC64), Column(b"big", DEC128, 1), Column(b"note", CSTR, 1),
+               Column(b"raw", BYTEA)]
+    groups = [[[1000 * k + g, None], [Decimal(k), Decimal("1.25")], [None, Decimal(g)], [b"n%d" % k, b"\xc3\xa4"],
+               [None, b"\0\1"]] for g, k in ((0, 1), (1, 7), (2, 3))]
+    yield "decimals", cvnfile.build(columns, groups).data
+    columns, groups = [Column(b"a", BOOL), Column(b"b", DOUBLE)], [[[None] * 9, [None] * 9], [[True], [2.5]]]
+    yield "nulls", cvnfile.build(columns, groups).data
+    long = [b"x" * 300 + b"%04d" % k for k in range(40)]
+    yield "long", cvnfile.build([Column(b"t", CSTR, 1), Column(b"n", INT32)], [[long, list(range(40))]] * 3).data
+
+
+CONDITIONS = (b"", b"n >= 2 and t != 'b'", b"n is null", b"n in (1, 10, 99)", b"t == 'a'", b"t > 'aaaa'", b"n < -3",
+              b"day >= 00:00:01 and sum = 1.25", b"a is not null and b <= 2.5", b"n in ()", b"nothing = 1", b"n = 'x'")
+
+
+def local_files():
+    files = list(data_files())
+    for number, (name, data) in enumerate(files):
+        # One condition of every operator over the columns; then with fragments, backwards, split, decompressed.
+        for op in range(1, 10):
+            put("rowgroups", "%s_op_%d" % (name, op), bytes([1, 0, 0, 0, op, op, op * 5 + number] + [0] * 9) + data)
+        put("rowgroups", name + "_fragment", bytes([16 + 8, 1, 2, 0] + [0] * 12) + data)
+        put("rowgroups", name + "_split", bytes([64 + 32, 0, 0, 0] + [0] * 12) + data)
+        put("rowgroups", name + "_some", bytes([3, 0, 0, 1, 0, 4, 1, 1, 5, 0, 0, 9, 31, 0, 0, 0]) + data)
+        for i, text in enumerate(CONDITIONS):
+            if i < 2 or i % len(files) == number:
+                put("rows_file", "%s_%02d" % (name, i), text.ljust(64, b"\0") + data)
+        put("verify", name, data)
+        for flags in (0, 3, 6):
+            put("arrow", "%s_%d" % (name, flags), bytes([flags, 2, number, 2 + number]) + data)
+            put("sampler", "%s_%d" % (name, flags), bytes([2 + number, 0, 7, flags]) + data)
+    for name, data in hostile(read("groups.cvn")):
+        put("rowgroups", "groups_" + name, bytes([1, 0, 0, 0, 0, 4, 0] + [0] * 9) + data)
+        put("rows_file", "groups_" + name, b"n > 1".ljust(64, b"\0") + data)
+        put("verify", "groups_" + name, data)
+        put("arrow", "groups_" + name, bytes(4) + data)
+        put("sampler", "groups_" + name, bytes([9, 0, 1, 1]) + data)
+
+    for i, text in enumerate((b"", b"a,b,c\n1,2,3\n", b"a;b\r\n1;2\r\n", b'"a ""b""","c\nd"\n', b'"open', b'"a"b\n',
+                              b"\xef\xbb\xbfx\n", b"1,2", b"\n\n,\n", b'a"b,c"\n', b"\0,\0\n",
+                              b"2021-07-04,12:34:56,1.5,true\n",
+                              b'"x"\r', b"x\r",
+                              b",".join(b"%d" % k for k in range(100)) + b"\n")):
+        for block in (1, 0, 70):
+            put("csv", "text_%02d_%d" % (i, block), bytes([1 if b";" in text else 0, block]) + text)
+
+    for i in range(8):
+        kinds = bytes((i * 5 + k) % 14 + 16 * (k % 4) for k in range(1 + i))
+        put("roundtrip", "small_%d" % i, bytes([i, i, 9 * i, i + 8 * i, i, i]) + kinds)
+    put("roundtrip", "nothing", bytes([1, 0, 0, 0, 0, 0, 1, 2]))
+    put("roundtrip", "many", bytes([1, 0x87, 1, 3, 5, 9, 3, 8]))
+    put("roundtrip", "huge", bytes([0, 10, 250, 0x80 + 16, 1, 200, 8]))
+    put("roundtrip", "huge_split", bytes([1, 6, 150, 0xc2, 1, 90, 8, 2]))
+
+
+# Requests to the daemon, over a small tree of tables: db/s/t has files, db/s/u what is not only files.
+
+
+def daemon():
+    groups = read("groups.cvn")
+
+    def request(method, path, body=None, *lines):
+        head = b"%s %s HTTP/1.1\r\n" % (method, path) + b"".join(line + b"\r\n" for line in lines)
+        if body is not None:
+            head += b"Content-Length: %d\r\n" % len(body)
+        return head + b"\r\n" + (body or b"")
+
+    def save(name, sampled, *requests):
+        put("request", name, bytes([sampled]) + PART.join(requests))
+
+    for i, path in enumerate((b"/v1", b"/v1/", b"/v1/db", b"/v1/db/s", b"/v1/db/s/t", b"/v1/db/s/u",
+                              b"/v1/db/s/t/types.cvn",
+                              b"/v1/db/s/u/split.cvn", b"/v1/db/s/u/damaged.cvn.mismatch", b"/v1/no",
+                              b"/v1/db/s/t/x.cvn",
+                              b"/v2/db", b"/v1/.db", b"/v1/db/%2e%2e", b"/v1/a/b/c/d/e", b"http://h/v1/db?x#y")):
+        save("get_%02d" % i, 4 * (i % 2), request(b"GET", path, None, b"Host: h"))
+    bodies = [b"{}", b'{"column": ["n", "t"]}', b'{"column": ["n"], "condition": [["n", "==", "2"]]}',
+              b'{"column": ["n", "t"], "condition": [["n", ">", "1"], ["t", "isnotnull"]]}',
+              b'{"column": ["n"], "condition": [["n", "in", ["1", "2", "10"]]], "fragment": [0, 2]}',
+              b'{"column": ["n"], "condition": [["n", "isnull"], ["n", "<", "5"], ["n", ">=", "0"]]}',
+              b'{"column": ["n"], "condition": [["n", "!=", "3"]], "fragment": [1, 2]}', b'{"column": ["nothing"]}',
+              b'{"command": ["meta"]}', b'{"command": ["sample", "3"]}', b'{"command": ["other"]}', b"[",
+              b'{"column": []}',
+              b'{"column": ["int32", "cstr", "dec128"]}', b'{"command": ["sample", "0x7fffffff"]}']
+    for i, body in enumerate(bodies):
+        for table in (b"t", b"u"):
+            save("post_%02d_%s" % (i, table.decode()), i % 4,
+                 request(b"POST", b"/v1/db/s/" + table, body, b"Content-Type: application/json"))
+    upload = request(b"PUT", b"/v1/db/s/new/p.cvn", groups)
+    save("put", 0, upload, request(b"POST", b"/v1/db/s/new", bodies[1]), request(b"GET", b"/v1/db/s/new"))
+    save("put_then_sample", 3, upload, request(b"POST", b"/v1/db/s/new", bodies[9]))
+    save("put_broken", 0, request(b"PUT", b"/v1/db/s/t/p.cvn", groups[:-1]))
+    save("put_sql", 0, request(b"PUT", b"/v1/db/s/t/v.sql", b"select 1"), request(b"GET", b"/v1/db/s/t/v.sql"))
+    save("put_cut", 0, upload[:-9])
+    save("put_deep", 0, request(b"PUT", b"/v1/db/s/t", groups))
+    save("put_no_length", 0, b"PUT /v1/db/s/t/p.cvn HTTP/1.1\r\n\r\n")
+    for i, path in enumerate((b"/v1/db/s/t/types.cvn", b"/v1/db/s/t", b"/v1/db", b"/v1/no", b"/v1/db/s/u/split.cvn")):
+        save("delete_%d" % i, 0, request(b"DELETE", path), request(b"GET", b"/v1/db/s/t"))
+    save("old", 0, b"GET /v1 HTTP/1.0\r\n\r\n")
+    save("nothing", 0, b"")
+    save("bare", 0, b"GET /v1/db\n\n")
+    for name, data in hostile(groups):
+        save("put_" + name, 0, request(b"PUT", b"/v1/db/s/new/p.cvn", data),
+             *(request(b"POST", b"/v1/db/s/new", body) for body in (bodies[3], b"{}", bodies[8])))
 
 
 if __name__ == "__main__":
