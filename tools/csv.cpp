@@ -19,9 +19,9 @@ namespace {
 
 using index_fn_t = size_t (*)(const char*, size_t, size_t, char, uint32_t*, bool*);
 
-#if defined(__SSE2__)
-
 }  // namespace
+
+#if defined(__SSE2__)
 
 // Appends the positions of the set bits of `mask`. Eight at a time are written whether they are there or not,
 // which costs less than a branch for each; `out` has the room for it.
