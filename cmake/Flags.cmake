@@ -39,3 +39,11 @@ if(KELPD_SANITIZE)
   add_compile_options(${sanitize})
   add_link_options(${sanitize})
 endif()
+
+# Lines counted by clang. The counters lie in the files themselves, so that a child that ends with _exit, or a daemon
+# that is stopped by a signal, has counted as well.
+option(KELPD_COVERAGE "Count the lines that the tests reach (clang)" OFF)
+if(KELPD_COVERAGE)
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+  add_link_options(-fprofile-instr-generate)
+endif()
