@@ -1,0 +1,23 @@
+# Calls of the daemon and the tools seen from outside: what the power may cost, and a fault at every call. The tracer is
+# for Linux on x86-64.
+if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  find_package(Threads REQUIRED)
+  add_library(call_tracer STATIC fault/tracer.cpp)
+  target_include_directories(call_tracer PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  target_link_libraries(call_tracer PUBLIC kelpd_strict Threads::Threads)
+
+  # scripts/soak runs the sequences of three operations.
+  add_executable(power power/power.cpp power/disk.cpp)
+  target_link_libraries(power PRIVATE call_tracer colvane::colvane)
+  set(power_command power --kelpd $<TARGET_FILE:kelpd> --cvn $<TARGET_FILE:cvn>)
+  add_test(NAME power.what_was_acknowledged_is_found_again_whole
+    COMMAND ${power_command} --operations 2 --share 2 --start 50)
+  # The proof of the proof: where flushes do nothing there are losses, and they are seen.
+  add_test(NAME power.a_directory_that_is_not_flushed_is_a_loss_that_is_seen
+    COMMAND ${power_command} --operations 1 --start 5 --no-directories)
+  add_test(NAME power.a_file_that_is_not_flushed_is_a_loss_that_is_seen
+    COMMAND ${power_command} --operations 1 --start 5 --no-files)
+  set_tests_properties(power.what_was_acknowledged_is_found_again_whole
+    power.a_directory_that_is_not_flushed_is_a_loss_that_is_seen
+    power.a_file_that_is_not_flushed_is_a_loss_that_is_seen PROPERTIES TIMEOUT 900)
+endif()
