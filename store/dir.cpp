@@ -2,6 +2,7 @@
 #include "store/dir.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -30,7 +31,12 @@ const char* dir_list(dir_item_t** ret_list, const char* path) {
     dir_item_t** tail = &list;
     DIR* d = opendir(path);
     if (!d) return dir_list_err("404 Not Found", d, list);
-    while (const struct dirent* entry = readdir(d)) {
+    for (;;) {
+        errno = 0;
+        const struct dirent* entry = readdir(d);
+        // Part of a listing would pass for all of it.
+        if (!entry && errno != 0) return dir_list_err("500 Internal Server Error", d, list);
+        if (!entry) break;
         dir_item_t* item = static_cast<dir_item_t*>(calloc(1, sizeof(*item)));
         if (!item) return dir_list_err("500 Internal Server Error - out of memory", d, list);
         *tail = item;

@@ -20,7 +20,8 @@ struct dir_item_t {
 //
 // ret_list  owned by the caller, release with dir_free(). Cleared on entry, set only on success.
 //
-// Returns null, "404 Not Found" when the directory cannot be opened for whatever reason, or
+// Returns null, "404 Not Found" when the directory cannot be opened for whatever reason,
+// "500 Internal Server Error" when it cannot be read to its end, or
 // "500 Internal Server Error - out of memory". Prints nothing.
 [[nodiscard]] const char* dir_list(dir_item_t** ret_list, const char* path);
 

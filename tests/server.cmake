@@ -8,7 +8,7 @@ endforeach()
 target_link_options(unit_htreq PRIVATE -Wl,--wrap=select -Wl,--wrap=read)
 target_link_options(unit_htreply PRIVATE -Wl,--wrap=write -Wl,--wrap=writev)
 kelpd_unit(server_fault kelpd_core)
-foreach(call malloc calloc realloc strdup strndup asprintf fdatasync fsync rename write writev pread sendfile)
+foreach(call malloc calloc realloc strdup strndup asprintf fdatasync fsync rename write writev pread sendfile readdir)
   target_link_options(unit_server_fault PRIVATE -Wl,--wrap=${call})
 endforeach()
 

@@ -1,6 +1,7 @@
 // Every allocation and every call that makes an upload durable fails once, by number: the n-th for n = 1, 2,
 // ... until the operation runs without a fault. So does every write of a chunk, and reads of a bad byte of a
 // file. The linker puts the functions below in front of the C library's.
+#include <dirent.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <sys/uio.h>
@@ -29,6 +30,8 @@ int64_t bad_byte = 0;
 int good_reads = 0;
 int nbad_read = 0;
 int nbad_send = 0;
+int fail_readdir = 0;  // the number of the directory entry that cannot be read, or 0
+int nreaddir = 0;
 
 bool due(const char* name) {
     if (fail_at == 0 || ++ncall != fail_at) return false;
@@ -79,6 +82,8 @@ int __wrap_fdatasync(int fd);
 int __wrap_fsync(int fd);
 int __wrap_rename(const char* from, const char* to);
 ssize_t __wrap_writev(int fd, const iovec* iov, int niov);
+struct dirent* __real_readdir(DIR* d);
+struct dirent* __wrap_readdir(DIR* d);
 ssize_t __real_pread(int fd, void* buf, size_t n, off_t offset);
 ssize_t __wrap_pread(int fd, void* buf, size_t n, off_t offset);
 ssize_t __real_sendfile(int to, int from, off_t* offset, size_t n);
@@ -115,6 +120,11 @@ ssize_t __wrap_write(int fd, const void* buf, size_t n) {
     if (!last_chunk || ++nwritev != fail_writev) return __real_write(fd, buf, n);
     errno = EMSGSIZE;
     return -1;
+}
+struct dirent* __wrap_readdir(DIR* d) {
+    if (++nreaddir != fail_readdir) return __real_readdir(d);
+    errno = EIO;
+    return nullptr;
 }
 ssize_t __wrap_pread(int fd, void* buf, size_t n, off_t offset) {
     if (!meets_bad_byte(fd, offset, n) || good_reads-- > 0) return __real_pread(fd, buf, n, offset);
@@ -164,6 +174,7 @@ class ServerFault : public DataDir {
         fired = false;
         failed = fail_name = "";
         fail_writev = nwritev = 0;
+        fail_readdir = nreaddir = 0;
         bad_ino = 0;
         good_reads = nbad_read = nbad_send = 0;
         trace.clear();
@@ -350,6 +361,24 @@ TEST_F(ServerFault, DirListFailsWithItsStatus) {
         EXPECT_EQ(fired, ls == nullptr);
         dir_free(ls);
     });
+}
+TEST_F(ServerFault, ADirectoryThatCannotBeReadToItsEndIsNotListed) {
+    int n = 1;
+    for (; n < 100; n++) {
+        dir_item_t* lst = reinterpret_cast<dir_item_t*>(1);
+        fail_readdir = n;
+        nreaddir = 0;
+        const char* err = dir_list(&lst, dir.c_str());
+        fail_readdir = 0;
+        if (nreaddir < n) {
+            EXPECT_EQ(nullptr, err);
+            dir_free(lst);
+            break;
+        }
+        EXPECT_STREQ(ERROR, err) << n;
+        EXPECT_EQ(nullptr, lst) << n;
+    }
+    EXPECT_EQ(5, n) << "two dots, one file, the end";
 }
 TEST_F(ServerFault, ParsingAQueryFailsWithoutALeak) {
     std::string many = R"({"column":["c")";
