@@ -2,6 +2,7 @@
 // one place where failures are printed; each subcommand is a source of its own.
 #include <fmt/format.h>
 #include <signal.h>
+#include <stdio.h>
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -49,8 +50,7 @@ static void shorten(CLI::App* sub) {
     sub->footer("\n" + text.substr(cut + 2));
 }
 
-// NOLINTNEXTLINE(bugprone-exception-escape): what is outside the try can only run out of memory
-int main(int argc, char** argv) {
+static int run(int argc, char** argv) {
     tool_catch_signals();
     CLI::App app{DESCRIPTION, "cvn"};
     app.set_version_flag("--version", "cvn " CVN_VERSION);
@@ -97,4 +97,14 @@ int main(int argc, char** argv) {
         return 1;
     }
     return ret;
+}
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        // Before the command had begun, or while the failure was put into words.
+        fputs("cvn: out of memory\n", stderr);
+    }
+    return 1;
 }
