@@ -55,7 +55,7 @@ static bool random_seed(uint64_t* ret) {
     return true;
 }
 
-int main(int argc, char** argv) {
+static int run(int argc, char** argv) {
     std::vector<std::string> operand;
     bool options = true;
     for (int i = 1; i < argc; i++) {
@@ -104,9 +104,15 @@ int main(int argc, char** argv) {
     } catch (const sample_error& e) {
         fprintf(stderr, "cvnsamp: %s\n", e.what());
         return STATUS_FAILED;
-    } catch (const std::bad_alloc&) {
-        fprintf(stderr, "cvnsamp: %s\n", SAMPLE_NOMEM);
-        return STATUS_FAILED;
     }
     return 0;
+}
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        fprintf(stderr, "cvnsamp: %s\n", SAMPLE_NOMEM);
+    }
+    return STATUS_FAILED;
 }
