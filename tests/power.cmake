@@ -20,4 +20,28 @@ if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp AND CMAKE_SYSTEM_PROCESSOR STR
   set_tests_properties(power.what_was_acknowledged_is_found_again_whole
     power.a_directory_that_is_not_flushed_is_a_loss_that_is_seen
     power.a_file_that_is_not_flushed_is_a_loss_that_is_seen PROPERTIES TIMEOUT 900)
+
+  # The shim that lets allocations fail is loaded into programs, so the daemon is linked dynamically for it. The sanitizers
+  # have allocators of their own.
+  if(NOT KELPD_SANITIZE)
+    add_library(alloc_shim MODULE fault/alloc_shim.cpp)
+    target_include_directories(alloc_shim PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+    target_link_libraries(alloc_shim PRIVATE kelpd_strict ${CMAKE_DL_LIBS})
+    target_compile_options(alloc_shim PRIVATE -fno-builtin -Wno-missing-declarations)
+    add_executable(kelpd_dynamic ${PROJECT_SOURCE_DIR}/server/kelpd.cpp ${PROJECT_SOURCE_DIR}/server/prefault.cpp)
+    add_dependencies(kelpd_dynamic kelpd_revision)
+    target_include_directories(kelpd_dynamic PRIVATE ${PROJECT_BINARY_DIR}/server)
+    target_link_libraries(kelpd_dynamic PRIVATE kelpd_core_flags kelpd_core)
+    add_executable(faults fault/faults.cpp)
+    target_link_libraries(faults PRIVATE call_tracer)
+    set(python_options "")
+    if(python_numpy)
+      set(python_options --python ${python_numpy} --package ${python_dir})
+    endif()
+    add_test(NAME fault.every_call_may_fail_and_what_is_promised_holds
+      COMMAND faults --kelpd $<TARGET_FILE:kelpd_dynamic> --cvn $<TARGET_FILE:cvn> --cvnsamp $<TARGET_FILE:cvnsamp>
+        --shim $<TARGET_FILE:alloc_shim> --golden ${CMAKE_CURRENT_SOURCE_DIR}/golden ${python_options}
+        --stride 5 --tool-stride 61)
+    set_tests_properties(fault.every_call_may_fail_and_what_is_promised_holds PROPERTIES TIMEOUT 900)
+  endif()
 endif()

@@ -166,6 +166,11 @@ void tracer_t::stop_at_call(pid_t pid, task_t* task) {
             (void)ptrace(PTRACE_SETREGS, pid, nullptr, &regs);
         } else {
             task->call.result = info.exit.rval;
+            user_regs_struct regs;
+            if (task->call.replace && ptrace(PTRACE_GETREGS, pid, nullptr, &regs) == 0) {
+                regs.rax = static_cast<unsigned long long>(task->call.replacement);
+                (void)ptrace(PTRACE_SETREGS, pid, nullptr, &regs);
+            }
         }
         if (hooks_.leave) hooks_.leave(task->call);
     }
@@ -204,7 +209,12 @@ void tracer_t::run(const program_t& program) {
         std::unique_lock lock(mutex_);
         if (WIFEXITED(status) || WIFSIGNALED(status)) {
             if (pid == first_) first_status_ = status;
-            if (task_.erase(pid) > 0) nended_++;
+            const auto gone = task_.find(pid);
+            if (gone != task_.end()) {
+                if (hooks_.ended) hooks_.ended(pid, gone->second.parent, status);
+                task_.erase(gone);
+                nended_++;
+            }
             changed_.notify_all();
             continue;
         }

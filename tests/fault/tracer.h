@@ -23,8 +23,10 @@ struct call_t {
     pid_t parent = 0;  // the process that started it; 0 for the first
     long nr = 0;
     uint64_t arg[6] = {};
-    int64_t result = 0;  // of leave: what the caller gets, an error as its negative number
-    bool changed = false;
+    int64_t result = 0;    // of leave: what the caller gets, an error as its negative number
+    bool changed = false;  // for the hooks' own use
+    bool replace = false;  // set by enter: the call happens, but the caller gets `replacement`
+    int64_t replacement = 0;
 };
 
 // Both are called in the tracer's thread, one at a time, while the caller stands still.
@@ -34,6 +36,8 @@ struct hooks_t {
     std::function<bool(call_t*)> enter;
     // After it, suppressed or not.
     std::function<void(const call_t&)> leave;
+    // A process or thread has ended, with this wait status.
+    std::function<void(pid_t pid, pid_t parent, int status)> ended;
 };
 
 struct program_t {
