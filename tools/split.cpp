@@ -2,6 +2,7 @@
 // and moved to its place when it is complete: a failure leaves an older split as it was, and nothing new.
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -36,9 +37,15 @@ struct work_t {
     work_t& operator=(const work_t&) = delete;
     ~work_t() {
         if (!path.empty()) {
-            for (int c = 0; c < nfile; c++) (void)unlink(fmt::format("{}/{}.cvnx", path, c).c_str());
-            for (const char* const name : {"/meta.cvnx", "/meta.cvnx.tmp"})
-                (void)unlink((path + name).c_str());
+            // Without an allocation: want of memory may be what led here.
+            const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            for (int c = 0; c < nfile; c++) {
+                char name[24];
+                (void)snprintf(name, sizeof(name), "%d.cvnx", c);  // always fits
+                (void)unlinkat(fd, name, 0);
+            }
+            for (const char* const name : {"meta.cvnx", "meta.cvnx.tmp"}) (void)unlinkat(fd, name, 0);
+            if (fd != -1) close(fd);
             (void)rmdir(path.c_str());
         }
         if (made) (void)rmdir(dir.c_str());  // refused once the split is in there
