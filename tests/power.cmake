@@ -21,7 +21,7 @@ if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp AND CMAKE_SYSTEM_PROCESSOR STR
     power.a_directory_that_is_not_flushed_is_a_loss_that_is_seen
     power.a_file_that_is_not_flushed_is_a_loss_that_is_seen PROPERTIES TIMEOUT 900)
 
-  # The shim that lets allocations fail is loaded into programs, so the daemon is linked dynamically for it. The sanitizers
+  # The shim that lets allocations fail is loaded into programs: the daemon is linked dynamically for it. The sanitizers
   # have allocators of their own.
   if(NOT KELPD_SANITIZE)
     add_library(alloc_shim MODULE fault/alloc_shim.cpp)
