@@ -11,7 +11,7 @@ if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp AND CMAKE_SYSTEM_PROCESSOR STR
   target_link_libraries(power PRIVATE call_tracer colvane::colvane)
   set(power_command power --kelpd $<TARGET_FILE:kelpd> --cvn $<TARGET_FILE:cvn>)
   add_test(NAME power.what_was_acknowledged_is_found_again_whole
-    COMMAND ${power_command} --operations 2 --share 2 --start 50)
+    COMMAND ${power_command} --operations 2 --share 3 --start 50)
   # The proof of the proof: where flushes do nothing there are losses, and they are seen.
   add_test(NAME power.a_directory_that_is_not_flushed_is_a_loss_that_is_seen
     COMMAND ${power_command} --operations 1 --start 5 --no-directories)
@@ -41,7 +41,7 @@ if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp AND CMAKE_SYSTEM_PROCESSOR STR
     add_test(NAME fault.every_call_may_fail_and_what_is_promised_holds
       COMMAND faults --kelpd $<TARGET_FILE:kelpd_dynamic> --cvn $<TARGET_FILE:cvn> --cvnsamp $<TARGET_FILE:cvnsamp>
         --shim $<TARGET_FILE:alloc_shim> --golden ${CMAKE_CURRENT_SOURCE_DIR}/golden ${python_options}
-        --stride 5 --tool-stride 61)
+        --stride 5 --tool-stride 97)
     set_tests_properties(fault.every_call_may_fail_and_what_is_promised_holds PROPERTIES TIMEOUT 900)
   endif()
 endif()
