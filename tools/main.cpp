@@ -99,6 +99,7 @@ static int run(int argc, char** argv) {
     return ret;
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what is not caught in run() can only be want of memory
 int main(int argc, char** argv) {
     try {
         return run(argc, argv);
