@@ -591,6 +591,16 @@ TEST_F(Fault, AnInterruptedReadIsTriedAgain) {
     }
 }
 
+TEST_F(Fault, AFileThatEndsAfterAnInterruptedReadIsShortAndNotInterrupted) {
+    const std::string path = dir_ / "short.cvn";
+    write_file(path, "CVN1");
+    wrap::fail_nth(wrap::PREAD, 1, EINTR, wrap::INTERRUPT);
+    cvn_scan_t* sc = nullptr;
+    EXPECT_EQ(-3, cvn_scan_open(&sc, path.c_str()));
+    EXPECT_EQ(0, errno);
+    EXPECT_TRUE(wrap::disarm());
+}
+
 TEST_F(Fault, APageThatCannotBeReadIsReported) {
     for (const wrap::mode_t mode : {wrap::FAIL, wrap::SHORT}) {
         for (const bool uncompress : {false, true}) {

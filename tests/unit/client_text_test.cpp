@@ -311,4 +311,17 @@ TEST(ClientError, IsOnePrintableLine) {
     EXPECT_EQ(std::string(253, 'x') + "\xc3\xbc", err.said);
 }
 
+TEST(ClientError, HoldsNothingOfTheOneBefore) {
+    kelp_error_t err{};
+    (void)kelp_fail(&err, KELP_EREFUSED, "hint", "first");
+    kelp_said(&err, "400 Bad Request");
+    err.http_status = 400;
+    EXPECT_EQ(KELP_EARG, kelp_fail(&err, KELP_EARG, nullptr, "second"));
+    EXPECT_EQ(KELP_EARG, err.code);
+    EXPECT_EQ(0, err.http_status);
+    EXPECT_STREQ("", err.said);
+    EXPECT_STREQ("second", err.text);
+    EXPECT_STREQ("", err.hint);
+}
+
 }  // namespace

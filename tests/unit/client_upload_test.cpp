@@ -89,12 +89,14 @@ TEST(ClientUpload, AChunkedReplyWithoutABodyIsSuccess) {
     support::temp_dir_t dir;
     support::write_file(dir / "p.cvn", "x");
     text_t reply;
+    std::string said;
     server_t server([&](int fd, const request_t&) { send_all(fd, reply.get()); });
     const auto both = [&](const std::string& text) {
         reply = text;
         kelp_error_t err{};
         const int put = kelp_upload(url_of(server), (dir / "p.cvn").c_str(), nullptr, nullptr, quick(), &err);
         EXPECT_EQ(put, kelp_remove(url_of(server), quick(), &err)) << text;
+        said = err.text;
         return put;
     };
     const std::string head = "HTTP/1.1 200 OK\r\nServer: nginx\r\nTransfer-Encoding: chunked\r\n\r\n";
@@ -102,6 +104,9 @@ TEST(ClientUpload, AChunkedReplyWithoutABodyIsSuccess) {
     EXPECT_EQ(0, both(head + chunk("done") + "0\r\n\r\n"));
     EXPECT_EQ(KELP_ECUT, both(head));
     EXPECT_EQ(KELP_ECUT, both(head + chunk("done")));
+    EXPECT_EQ("the server closed the connection in the middle of its reply", said);
+    EXPECT_EQ(KELP_ECUT, both(head + chunk("done") + "500 Bro"));
+    EXPECT_EQ("the server broke off its reply: 500 Bro", said);
     EXPECT_EQ(KELP_EREFUSED, both("HTTP/1.1 204 No Content\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
 }
 

@@ -428,6 +428,17 @@ TEST(CvnQualify, ComparesLongTextsOnTheirFirst39Characters) {
     }
 }
 
+TEST(CvnQualify, TellsLongTextsApartByTheir39thCharacter) {
+    const std::string head(38, 'k');
+    const value_t bound = text(head + "mm");
+    static constexpr int WANT_LOW[7] = {0, 0, 1, 1, 1, 0, 0};
+    static constexpr int WANT_HIGH[7] = {0, 0, 1, 0, 0, 1, 1};
+    for (int op = CVN_OP_EQ; op <= CVN_OP_LE; op++) {
+        EXPECT_EQ(WANT_LOW[op], decide(CVN_TYP_CSTR, op, text(head + "lm"), bound, bound)) << op;
+        EXPECT_EQ(WANT_HIGH[op], decide(CVN_TYP_CSTR, op, text(head + "nm"), bound, bound)) << op;
+    }
+}
+
 TEST(CvnQualify, ComparesTextsOf39CharactersWhole) {
     const std::string v(39, 'k');
     const value_t bound = text(v + "m");

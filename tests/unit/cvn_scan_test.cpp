@@ -816,4 +816,29 @@ TEST_F(CvnScan, LeavesNoDescriptorBehind) {
     EXPECT_EQ(before, open_descriptors());
 }
 
+// A process whose standard input is closed, as the daemon is, gets 0 for a file that it opens.
+TEST_F(CvnScan, ClosesDescriptor0AsWell) {
+    const int input = dup(0);
+    close(0);
+    {
+        const scan_t sc(TESTS_DIR "/golden/groups.split");
+        EXPECT_EQ(0, sc->fd);
+    }
+    EXPECT_EQ(-1, fcntl(0, F_GETFD)) << "the metadata";
+    ASSERT_EQ(0, open("/dev/null", O_RDONLY));
+    {
+        const scan_t sc(TESTS_DIR "/golden/groups.split");
+        close(0);
+        int fd = -1;
+        colmeta_t meta;
+        EXPECT_EQ(0, cvn_scan_locate(sc, 0, 0, &fd, &meta));
+        EXPECT_EQ(0, fd);
+    }
+    EXPECT_EQ(-1, fcntl(0, F_GETFD)) << "a column's file";
+    if (input >= 0) {
+        EXPECT_EQ(0, dup2(input, 0));
+        close(input);
+    }
+}
+
 }  // namespace

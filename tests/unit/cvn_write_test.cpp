@@ -578,6 +578,17 @@ TEST_F(CvnWrite, ComparesTextsBeyondTheirImageWithinAChunk) {
     EXPECT_EQ(head + std::string(8, '\0'), f.bounds[0].maxval);
 }
 
+// Texts are compared by their first eight bytes first; those that are alike there must still be told apart.
+TEST_F(CvnWrite, FindsTheBoundsOfTextsThatBeginAlikeInWhateverOrderTheyCome) {
+    std::vector<std::string> words = {"12345678", "12345678a", "12345678b", "12345678bb"};
+    do {
+        const reader::file_t f = written(
+            {{{"a", CVN_TYP_CSTR}}, {{text(words[0]), text(words[1]), text(words[2]), text(words[3])}}});
+        EXPECT_EQ(padded("12345678"), f.bounds[0].minval) << words[0] << words[1] << words[2];
+        EXPECT_EQ(padded("12345678bb"), f.bounds[0].maxval) << words[0] << words[1] << words[2];
+    } while (std::next_permutation(words.begin(), words.end()));
+}
+
 TEST_F(CvnWrite, OrdersTextsByUnsignedBytes) {
     const reader::file_t f = written({{{"a", CVN_TYP_CSTR}}, {{text("\xc3\xa9"), text("z"), text("")}}});
     EXPECT_EQ(padded(""), f.bounds[0].minval);

@@ -113,6 +113,12 @@ TEST_F(DoScan, ConditionsAndFragmentsSelectRowGroups) {
     expect_stream(records(p, {"id"}, {2}),
                   query(R"({"column":["id"],"condition":[["id",">=","1048576"]],"fragment":[0,2]})"));
 }
+// The value of a condition is read as one of the column's type; an int16 would refuse this one.
+TEST_F(DoScan, AColumnWhoseNameBeginsAnothersIsTheOneThatAConditionMeans) {
+    write_cvn(p, {{"idx", CVN_TYP_INT16}, {"id", CVN_TYP_CSTR}}, 10);
+    expect_stream(records(p, {"id"}, {0}), query(R"({"column":["id"],"condition":[["id","<=","40000"]]})"));
+    expect_stream("", query(R"({"column":["id"],"condition":[["id",">","90000"]]})"));
+}
 TEST_F(DoScan, RefusesBadColumns) {
     write_cvn(p, two, 10);
     expect_status("400 Bad Request", query(R"({"column":["none"]})"));

@@ -144,9 +144,32 @@ TEST(RowsFile, TellsAFileThatIsCutFromOneThatIsNone) {
     // A column file of a split that lost its end.
     ASSERT_EQ(0, cvnx_split((dir / "split").c_str(), (dir / "a.cvn").c_str()));
     std::filesystem::resize_file(dir / "split/1.cvnx", 100);
+    fault = {};
     EXPECT_EQ(-1, sum_of(dir / "split", "", &fault));
-    EXPECT_TRUE(fault.kind == FILE_PAGE || (fault.kind == FILE_CODE && fault.code == -3))
-        << fault.kind << fault.code;
+    EXPECT_EQ(FILE_CODE, fault.kind);
+    EXPECT_EQ(-3, fault.code);
+    EXPECT_EQ(0, fault.err);
+    EXPECT_EQ(dir / "split", fault.path);
+}
+
+TEST(RowsFile, SaysWhyAColumnOfASplitCannotBeRead) {
+    support::temp_dir_t dir;
+    ASSERT_EQ(0, cvnx_split((dir / "split").c_str(), TESTS_DIR "/golden/groups.cvn"));
+    const auto pool = std::make_shared<bufpool_t>();
+    file_t file;
+    file_fault_t fault;
+    ASSERT_TRUE(file_open(&file, dir / "split", pool, &fault));
+    const int want[] = {0, 1};
+    ASSERT_TRUE(file_want(&file, want, &fault));
+    std::filesystem::remove(dir / "split/1.cvnx");
+    std::vector<column_t> read;
+    fault = {};
+    EXPECT_FALSE(file_read(&file, 0, &read, &fault));
+    EXPECT_EQ(FILE_CODE, fault.kind);
+    EXPECT_EQ(-3, fault.code);
+    EXPECT_EQ(ENOENT, fault.err);
+    EXPECT_EQ(dir / "split", fault.path);
+    for (column_t& c : read) column_free(pool.get(), &c);
 }
 
 TEST(RowsFile, DoesNotWaitForAPipe) {

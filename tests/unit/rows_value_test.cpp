@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <math.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 
 #include <random>
 #include <string>
@@ -110,6 +111,7 @@ TEST(RowsValue, RefusesWhatIsNotOfTheType) {
     for (const char* text : {"", "maybe", "2", "tru"}) EXPECT_TRUE(refused(text, CVN_TYP_BOOL)) << text;
     EXPECT_TRUE(refused(std::string("a\0b", 3), CVN_TYP_CSTR));
     EXPECT_TRUE(refused(std::string("1\0", 2), CVN_TYP_DEC64));
+    EXPECT_TRUE(refused(std::string("1\0", 2), CVN_TYP_DEC128));
 }
 
 TEST(RowsValue, ReadsEverySpellingOfAWholeNumber) {
@@ -274,6 +276,29 @@ TEST(RowsValue, PrintsRandomDoublesSoThatTheyComeBackBitForBit) {
         ASSERT_EQ(nullptr, value_from_text(&value, text, CVN_TYP_DOUBLE)) << text;
         ASSERT_EQ(0, memcmp(&value.datum.F, &datum.F, 8)) << text;
     }
+}
+
+TEST(RowsValue, OrdersByteStringsByWhatTheyHaveInCommonAndThenByLength) {
+    // What lies after the shorter one must not count.
+    for (const std::string_view after : {"a", "z"}) {
+        const std::string buffer = "ab" + std::string(after);
+        cvn_datum_t lower = {}, higher = {};
+        lower.a = {.ptr = buffer.c_str(), .len = 2};
+        higher.a = {.ptr = "abm", .len = 3};
+        EXPECT_EQ(-1, value_cmp(lower, higher, CVN_TYP_BYTEA)) << after;
+        EXPECT_EQ(1, value_cmp(higher, lower, CVN_TYP_BYTEA)) << after;
+    }
+}
+
+TEST(RowsValue, RefusesATextWhoseLengthDoesNotFitAValueWithoutLookingAtIt) {
+    const size_t size = INT32_MAX;
+    void* const untouchable =
+        mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(MAP_FAILED, untouchable);
+    value_t value;
+    EXPECT_STREQ("is too long",
+                 value_from_text(&value, {static_cast<const char*>(untouchable), size}, CVN_TYP_BYTEA));
+    EXPECT_EQ(0, munmap(untouchable, size));
 }
 
 TEST(RowsValue, OrdersNaNNowhere) {

@@ -10,6 +10,7 @@ import threading
 import time
 import traceback
 import unittest
+import warnings
 from unittest import mock
 
 from support import Case, FakeServer, int32_page, kelp, serve, stream_of, table_server
@@ -193,6 +194,15 @@ class Requests(Case):
         finally:
             http._open = original
 
+    def test_a_server_that_takes_no_more_of_an_upload_is_named(self):
+        over = threading.Event()
+        server = FakeServer(lambda conn: over.wait(60), rcvbuf=65536)
+        self.addCleanup(server.close)
+        self.addCleanup(over.set)
+        table = kelp.connect(server.url, timeout=0.3).table("d.s.e")
+        with self.assertRaisesRegex(kelp.KelpError, "^127.0.0.1:%d did not take the request in time$" % server.port):
+            table.upload(bytes(32 << 20), "x.sql")
+
     def test_an_error_of_the_caller_s_own_progress_comes_through(self):
         connection = self.serve(lambda *_: OK)
 
@@ -282,10 +292,12 @@ class Queries(Case):
 
     def test_bad_arguments_are_refused_before_a_query_is_sent(self):
         server = table_server(self, self.FIELDS, lambda body: b"")
-        for arguments in ({"jobs": 0}, {"jobs": 1.5}, {"prune": "yes"}, {"columns": ["z"]}, {"columns": ["a", "a"]},
-                          {"where": "z = 1"}, {"where": "a = x"}):
+        for arguments in ({"jobs": 0}, {"jobs": 257}, {"jobs": 1.5}, {"prune": "yes"}, {"columns": ["z"]},
+                          {"columns": ["a", "a"]}, {"where": "z = 1"}, {"where": "a = x"}):
             with self.assertRaises(kelp.KelpError, msg=arguments):
                 server.table.scan(**arguments)
+        for jobs in (1, 256):
+            server.table.scan(jobs=jobs)
         self.assertNotIn("POST", [r[0] for r in server.requests])
 
     def test_names_with_quotes_cannot_be_asked_for(self):
@@ -421,6 +433,18 @@ class Jobs(Case):
         for slow in range(3):
             table = self.fragments(groups, lambda job: 0.2 * (job == slow)).scan(jobs=3).read()
             self.assertEqual(list(range(9)), table["c"].to_list())
+
+    def test_a_scan_becomes_arrays_and_a_frame(self):
+        reply = STREAM_HEAD + chunk(record(int32_page([5, 6]))) + chunked(END)
+        table = table_server(self, [("c", "int32")], lambda body: reply).table
+        self.assertEqual([5, 6], table.scan(jobs=1).to_numpy()["c"].tolist())
+        try:
+            with warnings.catch_warnings():
+                warnings.simplefilter("ignore")  # what it warns of while it is loaded is its own affair
+                import pandas  # noqa: F401
+        except ImportError:
+            self.skipTest("pandas is not installed")
+        self.assertEqual([5, 6], table.scan(jobs=1).to_pandas()["c"].tolist())
 
     def test_a_failing_job_fails_the_scan(self):
         def post(body):

@@ -292,6 +292,12 @@ class RoundTrips(Case):
         self.assertTrue(kelp.inspect(self.path("split")).split)
         self.assertEqual(info.checksum, kelp.inspect(self.path("split")).checksum)
 
+    def test_arrays_of_integers_become_int128_with_their_sign(self):
+        signed, unsigned = [-1, 5, -2**63, 2**63 - 1], [2**64 - 1, 0, 1, 2**63]
+        back = kelp.read_table(self.write({"s": np.array(signed, "<i8"), "u": np.array(unsigned, "<u8")},
+                                          "s int128, u int128"))
+        self.assertEqual(list(zip(signed, unsigned)), list(back.rows()))
+
     def test_pandas_frames_go_both_ways(self):
         try:
             with warnings.catch_warnings():
@@ -324,6 +330,14 @@ class Refusals(Case):
         with self.assertRaisesRegex(kelp.KelpError, pattern):
             kelp.write_table(self.path("x.cvn"), columns, schema)
         self.assertEqual([], os.listdir(self.dir))
+
+    def test_what_holds_no_columns_is_refused(self):
+        for columns in ([1, 2], 5, None, "abc"):
+            self.refuse(columns, None, "^columns must be a dict of name and values, a Table or a DataFrame$")
+
+    def test_an_array_whose_kind_has_no_column_type_is_named(self):
+        with self.assertRaisesRegex(kelp.KelpError, "^column a: numpy's complex128 has no column type$"):
+            kelp.write_table(self.path("t.cvn"), {"a": np.zeros(2, complex)})
 
     def test_values_of_the_wrong_type_are_named_and_nothing_is_left(self):
         self.refuse({"c": [40000]}, "c int16", "column c: 40000 is out of range for int16")
