@@ -33,3 +33,7 @@ if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp)
   kelpd_document(kelpd_8 packaging/man/kelpd.8 --before "${orders} && cvn create orders.cvn orders.csv")
   kelpd_document(colvane_3 packaging/man/colvane.3)
 endif()
+
+# What docs/security.md claims names the test that holds it.
+add_test(NAME docs.security_names_tests_that_are_there
+  COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/docs/test_security.py)
