@@ -59,7 +59,7 @@ static bool sample(std::string* ret, const std::vector<std::string>& files, uint
     const fuzz::memory_file_t out(nullptr, 0);
     demand(lseek(out.fd(), 0, SEEK_SET) == 0, "a file in memory has no beginning");
     try {
-        *ret_nrow = sample_files(out.fd(), want, seed, files, fuzz::scratch_dir());
+        *ret_nrow = sample_files(out.fd(), want, seed, files, fuzz::scratch_dir(), 0);
     } catch (const sample_error& error) {
         const std::string_view what = error.what();
         demand(!what.empty(), "a refusal without words");
