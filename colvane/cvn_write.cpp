@@ -524,7 +524,11 @@ static int64_t room_of(const colbuf_t* cb) { return cb->bufmax - cb->buftop; }
             const int rc = make_room(sp, cb, &w->info[c]);
             if (rc != 0) return rc;
         }
-        if (!colbuf_grow(cb, &w->info[c], sp->mpool, cb->bufmax, need)) return cv_reterr(-2, sp);
+    }
+    // Only now, since a row group that is cut on the way takes memory from the columns before as well.
+    for (int c = 0; c < ncol; c++) {
+        colbuf_t* cb = sp->colbuf[c];
+        if (!colbuf_grow(cb, &w->info[c], sp->mpool, cb->bufmax, w->info[c].need)) return cv_reterr(-2, sp);
     }
     return 0;
 }

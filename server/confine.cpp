@@ -24,8 +24,14 @@
 #include "common/verbose.h"
 
 // A sanitizer reads /proc, writes its reports where it was told to and runs a symbolizer.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(KELPD_NO_CONFINE)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool CONFINES = false;
+#elif defined(__has_feature)  // clang
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool CONFINES = false;
+#else
+constexpr bool CONFINES = true;
+#endif
 #else
 constexpr bool CONFINES = true;
 #endif
@@ -87,12 +93,18 @@ static void allow(const confined_t* c, const char* path, uint64_t allowed) {
     close(fd);
 }
 
-// Allows the directories of a list with ':' between them; an empty one is the working directory.
-static void allow_list(const confined_t* c, const char* list, uint64_t allowed) {
+// Allows the directories of a list with ':' between them; an empty one is the working directory. `program`, unless
+// null, is a file in them which may be a link to one elsewhere.
+static void allow_list(const confined_t* c, const char* list, uint64_t allowed, const char* program) {
     for (const char* p = list; p;) {
         const char* end = strchrnul(p, ':');
         char* path = strndup(p, static_cast<size_t>(end - p));
         if (path) allow(c, *path ? path : ".", allowed);
+        char* file = nullptr;
+        if (path && program && asprintf(&file, "%s/%s", *path ? path : ".", program) >= 0) {
+            allow(c, file, allowed);
+            free(file);
+        }
         free(path);
         p = *end ? end + 1 : nullptr;
     }
@@ -134,12 +146,12 @@ static void allow_all(const confined_t* c) {
     // The shell looks for the sampler when it runs it, and may find another one than there is now, a script
     // perhaps; so it is the search path that is allowed.
     const char* path = getenv("PATH");
-    allow_list(c, path ? path : "/usr/local/bin:/usr/bin:/bin", FS_PROGRAMS);
+    allow_list(c, path ? path : "/usr/local/bin:/usr/bin:/bin", FS_PROGRAMS, "cvnsamp");
     allow(c, "/bin/sh", FS_EXECUTE | FS_READ_FILE);
     allow_list(c, "/lib:/lib32:/lib64:/usr/lib:/usr/lib32:/usr/lib64:/usr/libexec:/usr/local/lib",
-               FS_PROGRAMS);
+               FS_PROGRAMS, nullptr);
     const char* libraries = getenv("LD_LIBRARY_PATH");
-    if (libraries && *libraries) allow_list(c, libraries, FS_PROGRAMS);
+    if (libraries && *libraries) allow_list(c, libraries, FS_PROGRAMS, nullptr);
     for (const char* file : {"/etc/ld.so.cache", "/etc/ld.so.preload", "/etc/localtime", "/etc/locale.alias",
                              "/usr/share/locale", "/usr/share/zoneinfo", "/usr/local/share", "/usr/share"})
         allow(c, file, FS_READ_FILE | FS_READ_DIR);

@@ -8,7 +8,7 @@ endforeach()
 target_link_options(unit_htreq PRIVATE -Wl,--wrap=select -Wl,--wrap=read)
 target_link_options(unit_htreply PRIVATE -Wl,--wrap=write -Wl,--wrap=writev)
 kelpd_unit(server_fault kelpd_core)
-foreach(call malloc calloc realloc strdup strndup asprintf fdatasync fsync rename write writev pread sendfile readdir)
+foreach(call malloc calloc realloc strdup strndup asprintf __asprintf_chk fdatasync fsync rename write writev pread sendfile readdir)
   target_link_options(unit_server_fault PRIVATE -Wl,--wrap=${call})
 endforeach()
 
@@ -18,7 +18,7 @@ add_test(NAME layers.no_include_points_up COMMAND Python3::Interpreter ${CMAKE_C
 # Hardening of all that is installed; the sanitizers' builds have other flags.
 if(NOT KELPD_SANITIZE)
   set(hardened "")
-  foreach(target kelpd kelpd_core colvane cvn cvnsamp colvane_client cvn_tool cvnsamp_core cvn_bench)
+  foreach(target kelpd kelpd_core colvane cvn cvnsamp colvane_client cvn_tool cvn_bench)
     if(TARGET ${target})
       list(APPEND hardened $<TARGET_FILE:${target}>)
     endif()

@@ -79,6 +79,7 @@ TESTS = [
     ("handlers/do_delete.cpp", "do_delete server_fault wire.delete wire.fault remote.catalog"),
     ("handlers/do_post.cpp", "do_post_parse do_post do_command do_scan server_fault wire.post wire.scan "
                              "wire.sample_meta wire.request wire.fault remote.query"),
+    ("handlers/json.cpp", "json do_post_parse do_post server_fault wire.post"),
     ("handlers/do_scan.cpp", "do_scan do_post server_fault wire.scan wire.post wire.fault remote.query"),
     ("handlers/do_command.cpp", "do_command server_fault wire.sample_meta wire.fault remote.query"),
     ("server/conf.cpp", "conf wire.start"),

@@ -786,6 +786,16 @@ TEST_F(CvnWrite, ReplacesAnEmptyBufferByOneOfExactlyTheNeed) {
 }
 
 // Values of 20 MiB, each in another column: together the columns' buffers would pass what is kept of them.
+TEST_F(CvnWrite, HasMemoryForTheValuesBeforeTheOneThatCutsTheRowGroup) {
+    table_t t;
+    t.column = {{"a", CVN_TYP_BYTEA}, {"b", CVN_TYP_BYTEA}};
+    t.value = {{text(std::string(25 << 20, 'a')), text(std::string(1 << 20, 'c'))},
+               {text(std::string(5 << 20, 'b')), text(std::string(5 << 20, 'd'))}};
+    write_table(path_, t);
+    EXPECT_TRUE(reader::encode(t.column, t.value) == read_file(path_));
+    EXPECT_EQ((std::vector<int>{1, 1}), group_rows(path_));
+}
+
 TEST_F(CvnWrite, WritesTheSameFileWhereBuffersAreGivenBackBetweenRowGroups) {
     constexpr size_t NCOL = 6;
     table_t t;

@@ -78,6 +78,7 @@ void* __wrap_realloc(void* p, size_t n);
 char* __wrap_strdup(const char* s);
 char* __wrap_strndup(const char* s, size_t n);
 int __wrap_asprintf(char** ret, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+int __wrap___asprintf_chk(char** ret, int flag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 int __wrap_fdatasync(int fd);
 int __wrap_fsync(int fd);
 int __wrap_rename(const char* from, const char* to);
@@ -94,14 +95,23 @@ void* __wrap_calloc(size_t n, size_t sz) { return due("calloc") ? nullptr : __re
 void* __wrap_realloc(void* p, size_t n) { return due("realloc") ? nullptr : __real_realloc(p, n); }
 char* __wrap_strdup(const char* s) { return due("strdup") ? nullptr : __real_strdup(s); }
 char* __wrap_strndup(const char* s, size_t n) { return due("strndup") ? nullptr : __real_strndup(s, n); }
+static int asprintf_or_fail(char** ret, const char* fmt, va_list ap) {
+    if (!due("asprintf")) return vasprintf(ret, fmt, ap);
+    *ret = reinterpret_cast<char*>(1);  // undefined after a failure: it must not be freed
+    return -1;
+}
 int __wrap_asprintf(char** ret, const char* fmt, ...) {
-    if (due("asprintf")) {
-        *ret = reinterpret_cast<char*>(1);  // undefined after a failure: it must not be freed
-        return -1;
-    }
     va_list ap;
     va_start(ap, fmt);
-    const int n = vasprintf(ret, fmt, ap);
+    const int n = asprintf_or_fail(ret, fmt, ap);
+    va_end(ap);
+    return n;
+}
+// What a build with the C library's checks calls instead.
+int __wrap___asprintf_chk(char** ret, int, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = asprintf_or_fail(ret, fmt, ap);
     va_end(ap);
     return n;
 }

@@ -104,7 +104,7 @@ def answers(raw):
         theirs.settimeout(5)
         return Plain(theirs)
 
-    return mock.patch("socket.create_connection", connect)
+    return mock.patch("kelp.http._open", connect)
 
 
 class Plain:
@@ -186,7 +186,7 @@ def one_input(data):
             text, _, file = rest.partition(b"\0")
             read_where(text.decode("utf-8", "surrogateescape"), file)
         elif kind == "url":
-            kelp.connect(rest.decode("utf-8", "replace"))
+            kelp.connect(rest.decode("utf-8", "surrogateescape"))
         else:
             for field in parse_schema(rest.decode("utf-8", "surrogateescape")):
                 demand(isinstance(field.name, str), "a column without a name")
