@@ -27,7 +27,7 @@ static void note_signal(int signal) {
 
 bool tool_is_terminal(int fd) { return isatty(fd) == 1; }
 
-std::string tool_shown(int fd, std::string text) {
+std::string tool_shown(int fd, const std::string& text) {
     return tool_is_terminal(fd) ? rows::show_escape(text) : text;
 }
 
@@ -141,7 +141,7 @@ std::string tool_temp_create(const std::string& path, int* ret_fd) {
 
 void tool_out_flush(tool_out_t* out) {
     if (out->buf.empty()) return;
-    out->buf = tool_shown(out->fd, std::move(out->buf));
+    if (tool_is_terminal(out->fd)) out->buf = rows::show_escape(out->buf);
     size_t done = 0;
     while (done < out->buf.size()) {
         const ssize_t n = write(out->fd, out->buf.data() + done, out->buf.size() - done);

@@ -49,7 +49,7 @@ bool tool_is_terminal(int fd);
 
 // Returns `text` as `fd` is to get it: escaped when that is a terminal. What counts characters calls it
 // beforehand.
-std::string tool_shown(int fd, std::string text);
+std::string tool_shown(int fd, const std::string& text);
 
 // Writes text to the standard error. Passwords of URLs in it are hidden, wherever it goes: a log keeps them
 // longer than a terminal. Returns false when it could not be written.
