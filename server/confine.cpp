@@ -132,6 +132,47 @@ static void allow_links(const confined_t* c, int dirfd, int nlevel) {
     closedir(d);
 }
 
+// Whether the directory `fd` is one of those above the working directory, or it itself.
+static bool is_above(int fd) {
+    struct stat st, at, up;
+    if (fstat(fd, &st) != 0) return true;
+    int dir = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    bool met = dir == -1;
+    for (bool root = false; !met && !root;) {
+        const int above = openat(dir, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        met = fstat(dir, &at) != 0 || (at.st_dev == st.st_dev && at.st_ino == st.st_ino);
+        root = above == -1 || fstat(above, &up) != 0 || (at.st_dev == up.st_dev && at.st_ino == up.st_ino);
+        close(dir);
+        dir = above;
+    }
+    if (dir != -1) close(dir);
+    return met;
+}
+
+// The sampler may be a script whose interpreter was installed elsewhere and has its library beside its programs: what
+// stands beside a directory of the search path is allowed with it. Not the data, nor anybody's temporary files.
+static void allow_siblings(const confined_t* c, const char* list) {
+    const int shared = open("/tmp", O_PATH | O_CLOEXEC);
+    struct stat tmp = {}, st;
+    if (shared != -1) {
+        (void)fstat(shared, &tmp);
+        close(shared);
+    }
+    for (const char* p = list; p;) {
+        const char* end = strchrnul(p, ':');
+        char* path = nullptr;
+        const bool named = *p == '/' && asprintf(&path, "%.*s/..", static_cast<int>(end - p), p) >= 0;
+        const int fd = named ? open(path, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
+        if (fd != -1) {
+            const bool is_tmp = fstat(fd, &st) != 0 || (st.st_dev == tmp.st_dev && st.st_ino == tmp.st_ino);
+            if (!is_tmp && !is_above(fd)) allow_fd(c, fd, FS_PROGRAMS);
+            close(fd);
+        }
+        if (named) free(path);
+        p = *end ? end + 1 : nullptr;
+    }
+}
+
 static void allow_all(const confined_t* c) {
     allow(c, ".", FS_DATA);
     allow(c, "base", FS_DATA);
@@ -147,6 +188,7 @@ static void allow_all(const confined_t* c) {
     // perhaps; so it is the search path that is allowed.
     const char* path = getenv("PATH");
     allow_list(c, path ? path : "/usr/local/bin:/usr/bin:/bin", FS_PROGRAMS, "cvnsamp");
+    allow_siblings(c, path);
     allow(c, "/bin/sh", FS_EXECUTE | FS_READ_FILE);
     allow_list(c, "/lib:/lib32:/lib64:/usr/lib:/usr/lib32:/usr/lib64:/usr/libexec:/usr/local/lib",
                FS_PROGRAMS, nullptr);

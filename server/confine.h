@@ -8,8 +8,9 @@
 // the first request.
 //
 // Files (Landlock): the data directory, what base/ and its directories lead to as links now, and the directory of
-// temporary files can be read and written, but nothing in them run; programs on the search path can be run, and
-// read with the libraries that they take; all else cannot be opened. Links, devices, pipes and sockets cannot be
+// temporary files can be read and written, but nothing in them run; programs on the search path, and what stands
+// beside its directories (an interpreter's library), can be run and read with the libraries that they take; all else
+// cannot be opened. Links, devices, pipes and sockets cannot be
 // made anywhere. Descriptors that are open stay usable. Not done when LD_PRELOAD is set: whoever puts a library
 // into programs (valgrind is one) has reasons that this cannot know.
 //

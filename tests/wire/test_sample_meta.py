@@ -280,6 +280,11 @@ class FailingSampler(SampleCase):
         self.act('cat "$SAMPLER_DIR/sample"; exec >&-; exit 0')
         self.check_ok(command("sample", "5"), self.sampled())
 
+    def test_a_sampler_may_be_a_script_of_an_interpreter_that_the_search_path_names(self):
+        self.act('exec python3 -c "import shutil, sys; shutil.copyfileobj(open(sys.argv[1], \'rb\'), sys.stdout.buffer)" '
+                 '"$SAMPLER_DIR/sample"')
+        self.check_ok(command("sample", "5"), self.sampled())
+
     def test_a_client_that_leaves_before_the_head_leaves_the_output_in_tmp(self):
         gate = os.path.join(self.home, "gate")
         os.mkfifo(gate)
