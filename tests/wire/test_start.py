@@ -638,13 +638,14 @@ class Confined(WireCase):
     def setUpClass(cls):
         cls.home = tempfile.mkdtemp(prefix="kelpd-wire-")
         cls.addClassCleanup(shutil.rmtree, cls.home)
-        for name in ("scratch", "outside", "bin"):
-            os.mkdir(os.path.join(cls.home, name))
-        with open(os.path.join(cls.home, "bin", "cvnsamp"), "w", encoding="ascii") as f:
+        # Programs lie in a place of their own, since what stands beside them may be read.
+        for name in ("scratch", "outside", "sampler/bin"):
+            os.makedirs(os.path.join(cls.home, name))
+        with open(os.path.join(cls.home, "sampler/bin", "cvnsamp"), "w", encoding="ascii") as f:
             f.write("#!/bin/sh\ncat \"$2\"\n")
-        os.chmod(os.path.join(cls.home, "bin", "cvnsamp"), 0o755)
+        os.chmod(os.path.join(cls.home, "sampler/bin", "cvnsamp"), 0o755)
         cls.daemon_arguments = {"env": {"TMPDIR": os.path.join(cls.home, "scratch"), "LD_PRELOAD": "",
-                                        "PATH": os.path.join(cls.home, "bin") + ":/usr/bin:/bin"}}
+                                        "PATH": os.path.join(cls.home, "sampler/bin") + ":/usr/bin:/bin"}}
         super().setUpClass()
 
     def setUp(self):
