@@ -654,7 +654,7 @@ class Confined(WireCase):
             self.skipTest("the kernel has no Landlock")
 
     def link(self, target, name):
-        """Puts `target` outside the data directory, and a link to it at `name` inside base/. Returns what is outside."""
+        """Puts `target` outside the data directory, and a link to it at `name` inside base/. Returns the target."""
         outside = os.path.join(self.home, "outside", target)
         os.makedirs(os.path.dirname(self.kelpd.path("base", name)), 0o700, exist_ok=True)
         os.symlink(outside, self.kelpd.path("base", name))
@@ -809,7 +809,7 @@ class LostPeerInForeground(BoundedCase):
         self.assertEqual(-signal.SIGPIPE, kelpd.await_end())
 
     def test_a_peer_that_left_before_the_reply_ends_the_process_at_its_second_write(self):
-        """The head of a reply is a write of its own: the first tells of the reset, and a write after it ends the process.
+        """The head of a reply is a write of its own: the first tells of the reset, one after it ends the process.
 
         Nothing follows a head that failed but the text of an error.
         """
