@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the unittest cases of a script but for some, and stops at the first failure: without.py SCRIPT [NAME...]"""
 
-import importlib.util
+import importlib
 import os
 import sys
 import unittest
@@ -18,11 +18,8 @@ def cases(suite):
 def main():
     path, spared = os.path.abspath(sys.argv[1]), set(sys.argv[2:])
     sys.path.insert(0, os.path.dirname(path))
-    spec = importlib.util.spec_from_file_location(os.path.basename(path)[:-3], path)
-    module = importlib.util.module_from_spec(spec)
-    sys.modules[spec.name] = module
     sys.argv[1:] = []
-    spec.loader.exec_module(module)
+    module = importlib.import_module(os.path.basename(path)[:-3])
     found = list(cases(unittest.defaultTestLoader.loadTestsFromModule(module)))
     kept = unittest.TestSuite(test for test in found if test.id().rpartition(".")[2] not in spared)
     result = unittest.TextTestRunner(failfast=True).run(kept)
