@@ -300,7 +300,7 @@ typedef struct colbuf_t {
      * none. Found when the row group is written. */
     int imax;
     int imin;
-    int bufmax;                           /* capacity of buf, bytes */
+    int bufmax;                           /* capacity of buf, bytes; its memory comes as it fills */
     int buftop;                           /* bytes of buf in use */
     char* buf;                            /* encoded values; owned */
     char nmap[CVN_MAX_ROWGROUP_NROW / 8]; /* null bitmap */

@@ -54,7 +54,7 @@ static bool is_open(const jsmntok_t& t) { return t.start != -1 && t.end == -1; }
 
 // Puts the tokens of a piece in their place, and those that jsmn has done with out of its sight. What lies below
 // the topmost token that was open before and still is has not changed, but for how many values it has.
-static bool end_piece(sight_t* s, const char* piece, int nbyte) {
+static bool end_piece(sight_t* s) {
     const int ntok = static_cast<int>(s->parser.toknext);
     const int nnew = ntok - s->nplaced;
     while (s->nout + nnew > s->maxout) {
@@ -65,8 +65,7 @@ static bool end_piece(sight_t* s, const char* piece, int nbyte) {
     for (int i = s->nplaced; i < ntok; i++) s->place[i] = s->nout++;
     int first = s->nplaced;
     while (first > 0 && !is_open(s->tok[first - 1])) first--;
-    for (int i = 0; i < nbyte; i++)  // these bytes make jsmn look back
-        if (piece[i] == ']' || piece[i] == '}' || piece[i] == ',') s->nlook += ntok - first + 1;
+    s->nlook += ntok - first + 1;
     int kept = first, super = s->parser.toksuper;
     for (int i = first; i < ntok; i++) {
         s->out[s->place[i]] = s->tok[i];
@@ -126,8 +125,7 @@ const char* json_tokenise(json_t* ret, const char* text, int len) {
             // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what failed to grow is still there, and freed
             if (!widen_sight(&s)) return json_tokenise_ret(STATUS_NOMEM, &s);
         if (result == JSMN_ERROR_INVAL) return json_tokenise_ret(STATUS_BAD_CONTENT, &s);
-        if (!end_piece(&s, text + begin, static_cast<int>(s.parser.pos) - begin))
-            return json_tokenise_ret(STATUS_NOMEM, &s);
+        if (!end_piece(&s)) return json_tokenise_ret(STATUS_NOMEM, &s);
     } while (end < len);
     if (result < 0) return json_tokenise_ret(STATUS_BAD_CONTENT, &s);
     for (int i = 0; i < s.nplaced; i++) s.out[s.place[i]] = s.tok[i];

@@ -22,7 +22,7 @@ struct json_t {
     const char* text;  // borrowed
     jsmntok_t* tok;    // owned (free); the children of a token follow it
     int ntok;
-    int64_t nlook;  // tokens that jsmn can have looked at on its way back, at most
+    int64_t nlook;  // tokens that jsmn could look back over in each piece, in all
 };
 
 // Tokenises `len` bytes of `text`, or those before its first NUL. `*ret` is cleared on entry and set on success.

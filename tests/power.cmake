@@ -2,7 +2,7 @@
 # for Linux on x86-64.
 if(TARGET kelpd AND TARGET cvn AND TARGET cvnsamp AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
   find_package(Threads REQUIRED)
-  add_library(call_tracer STATIC fault/tracer.cpp)
+  add_library(call_tracer STATIC fault/tracer.cpp fault/scene.cpp)
   target_include_directories(call_tracer PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(call_tracer PUBLIC kelpd_strict Threads::Threads)
 

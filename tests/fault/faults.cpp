@@ -13,12 +13,11 @@
 //   a tool     status 0, and then exactly the bytes of a run without faults; or another status with a
 //              message, and then the file to be written is absent, or as it was, or whole
 //   daemon     the right reply; or an error status that this request may have; or a reply that is cut, which
-//              its framing shows. A file is the old one or the new one, the new one for certain behind "200
+//              its framing shows. A file is the old one or the new one, the new one for certain after "200
 //              OK". The next request is served as ever, the parent has the descriptors that it had, and no
 //              process is left
 //
 // Both must succeed after short counts and interruptions, but for those that is_final names.
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -47,10 +46,12 @@
 #include <stdexcept>
 
 #include "fault/alloc_shim.h"
+#include "fault/scene.h"
 #include "fault/tracer.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
+using namespace scene;
 
 namespace {
 
@@ -66,20 +67,6 @@ struct options_t {
     std::string only;
     bool verbose = false;
 };
-
-[[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what); }
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void write_file(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    out.close();
-    if (!out) fail("cannot write " + path);
-}
 
 // All files below a directory with their bytes; directories end in a slash.
 std::map<std::string, std::string> tree(const std::string& dir) {
@@ -610,28 +597,14 @@ class daemon_t {
         return n;
     }
     std::string ask(const std::string& bytes) const {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in to = {};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(static_cast<uint16_t>(port_));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const timeval limit = {.tv_sec = 60, .tv_usec = 0};
-        (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        if (connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0) {
-            close(fd);
-            return "cannot connect";
+        try {
+            const client_t client(port_);
+            client.send(bytes);
+            client.end();
+            return mask_date(client.receive());
+        } catch (const std::runtime_error& e) {
+            return e.what();  // the daemon is gone: a wrong reply
         }
-        for (size_t at = 0; at < bytes.size();) {
-            const ssize_t n = send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-            if (n <= 0) break;
-            at += static_cast<size_t>(n);
-        }
-        (void)shutdown(fd, SHUT_WR);
-        std::string got;
-        char buf[65536];
-        for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) got.append(buf, static_cast<size_t>(n));
-        close(fd);
-        return mask_date(got);
     }
 
     // The tree that each request finds, and the reply of the control.
@@ -683,8 +656,8 @@ class daemon_t {
  private:
     bool unchanged() const { return tree(dir_ + "/base") == initial; }
 
-    // Of a connection the text wants each write done at once, and no read or wait tried again; a file that
-    // ends early is damaged.
+    // To a connection each write is done once, and no read or wait is tried again; a file that ends early is
+    // damaged.
     bool is_final(kind_t kind) const {
         if (injector_->is_socket()) return kind == INTERRUPT || injector_->nr() != SYS_read;
         return kind == SHORT && injector_->nr() == SYS_pread64;
@@ -987,19 +960,8 @@ int main_(int argc, char** argv) {
         fputs(HELP, stderr);
         return 2;
     }
-    if (options.work.empty())
-        options.work = fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string();
-    options.work += "/kelpd-faults-XXXXXX";
-    if (!mkdtemp(options.work.data())) fail("cannot make " + options.work);
-    int code = 1;
-    try {
-        code = run(options, 2049 + 2 * (getpid() % 4000));
-    } catch (const std::exception& e) {
-        printf("FAILED: %s\n", e.what());
-    }
-    std::error_code none;
-    fs::remove_all(options.work, none);
-    return code;
+    return in_work_folder(&options.work, "kelpd-faults",
+                          [&] { return run(options, 2049 + 2 * (getpid() % 4000)); });
 }
 
 }  // namespace

@@ -273,19 +273,23 @@ class Crew:
         if got != b"" or time.monotonic() - began < HEAD_SECONDS - 0.5:
             raise Wrong(f"half a head gives {got!r} after {time.monotonic() - began:.1f} s")
 
+    def leave_early(self, chance, s, what):
+        """Stops sending, or vanishes, after a while."""
+        self.shared.stop.wait(chance.uniform(0, 3))
+        if chance.random() < 0.5:
+            kelpd_proc.reset(s)
+            return
+        s.shutdown(socket.SHUT_WR)
+        got = masked(kelpd_proc.receive(s))
+        if got != error("400 Bad Request"):
+            raise Wrong(f"{what} that ends early gives {got!r}")
+
     def upload_that_ends(self, chance):
         data = chance.choice(self.hot).data
         url = f"/v1/race/s/gone/p{chance.randrange(1000000)}.cvn"
         with kelpd_proc.connect(self.shared.port) as s:
             s.sendall(request("PUT", url, data[: chance.randrange(len(data))], length=len(data)))
-            self.shared.stop.wait(chance.uniform(0, 3))
-            if chance.random() < 0.5:
-                kelpd_proc.reset(s)
-                return
-            s.shutdown(socket.SHUT_WR)
-            got = masked(kelpd_proc.receive(s))
-        if got != error("400 Bad Request"):
-            raise Wrong(f"an upload that ends early gives {got!r}")
+            self.leave_early(chance, s, "an upload")
 
     def upload_that_stalls(self, chance):
         data = chance.choice(self.hot).data
@@ -303,14 +307,7 @@ class Crew:
     def query_that_ends(self, chance):
         with kelpd_proc.connect(self.shared.port) as s:
             s.sendall(request("POST", "/v1/hot/s/e", b'{"column":', length=24))
-            self.shared.stop.wait(chance.uniform(0, 3))
-            if chance.random() < 0.5:
-                kelpd_proc.reset(s)
-                return
-            s.shutdown(socket.SHUT_WR)
-            got = masked(kelpd_proc.receive(s))
-        if got != error("400 Bad Request"):
-            raise Wrong(f"a query that ends early gives {got!r}")
+            self.leave_early(chance, s, "a query")
 
     def reader_that_stalls(self, chance, is_patient):
         """A reply larger than what the sockets hold, so that the daemon waits for its reader."""

@@ -32,11 +32,13 @@
 #include <stdexcept>
 
 #include "colvane/colvane.h"
+#include "fault/scene.h"
 #include "fault/tracer.h"
 #include "power/disk.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
+using namespace scene;
 
 namespace power {
 namespace {
@@ -54,20 +56,6 @@ struct options_t {
     bool want_loss = false;
     bool verbose = false;
 };
-
-[[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what); }
-
-void write_file(const std::string& path, const std::string& bytes) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    const bool ok = fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-    if (fd >= 0) close(fd);
-    if (!ok) fail("cannot write " + path);
-}
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 ino_t inode_of(const std::string& path) {
     struct stat st;
@@ -129,42 +117,6 @@ std::string data_file(const std::string& dir, int version, int nrow) {
 }
 
 // Connections.
-
-class client_t {
- public:
-    explicit client_t(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in to = {};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(static_cast<uint16_t>(port));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const timeval limit = {.tv_sec = 120, .tv_usec = 0};
-        (void)setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        if (fd_ < 0 || connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0) {
-            close(fd_);
-            fail("cannot connect: "s + strerror(errno));
-        }
-    }
-    client_t(const client_t&) = delete;
-    client_t& operator=(const client_t&) = delete;
-    ~client_t() { close(fd_); }
-    void send(const std::string& bytes) const {
-        for (size_t at = 0; at < bytes.size();) {
-            const ssize_t n = ::send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-            if (n <= 0) return;  // the reply says why
-            at += static_cast<size_t>(n);
-        }
-    }
-    void end() const { (void)shutdown(fd_, SHUT_WR); }
-    std::string receive() const {
-        std::string got;
-        char buf[65536];
-        for (ssize_t n; (n = read(fd_, buf, sizeof(buf))) > 0;) got.append(buf, static_cast<size_t>(n));
-        return got;
-    }
-
- private:
-    int fd_;
-};
 
 std::string put_head(const std::string& path, size_t len) {
     return "PUT /v1/" + path + " HTTP/1.1\r\nContent-Length: " + std::to_string(len) + "\r\n\r\n";
@@ -959,19 +911,7 @@ int main_(int argc, char** argv) {
         return 2;
     }
     options.kelpd = fs::absolute(options.kelpd);
-    if (options.work.empty())
-        options.work = fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string();
-    options.work += "/kelpd-power-XXXXXX";
-    if (!mkdtemp(options.work.data())) fail("cannot make " + options.work);
-    int code = 1;
-    try {
-        code = run(options);
-    } catch (const std::exception& e) {
-        printf("FAILED: %s\n", e.what());
-    }
-    std::error_code none;
-    fs::remove_all(options.work, none);
-    return code;
+    return in_work_folder(&options.work, "kelpd-power", [&] { return run(options); });
 }
 
 }  // namespace
